@@ -1,0 +1,25 @@
+#!/usr/bin/env bash
+# Installs every package needed to build, test and run KestOndri on Debian 12.
+# Idempotent: packages already present are left as they are.
+set -euo pipefail
+
+packages=(
+  # build
+  build-essential cmake pkg-config clang-format
+  # libraries
+  libjsoncpp-dev libsqlite3-dev libpam0g-dev libacl1-dev libinih-dev
+  libboost-dev libboost-system-dev libxapian-dev libpoppler-cpp-dev
+  libarchive-dev libxml2-dev libuchardet-dev libcrypt-dev
+  # tests and tools
+  libgtest-dev libgmock-dev acl xapian-tools util-linux iproute2 curl procps
+)
+
+missing=()
+for p in "${packages[@]}"; do
+  dpkg-query -W -f='${Status}' "$p" 2>/dev/null | grep -q 'install ok installed' || missing+=("$p")
+done
+if ((${#missing[@]})); then
+  export DEBIAN_FRONTEND=noninteractive
+  apt-get update -qq
+  apt-get install -y -qq --no-install-recommends "${missing[@]}"
+fi

@@ -1,0 +1,62 @@
+// The sandbox every test executable runs in.
+//
+// EnterSandbox() moves the process into private mount and network
+// namespaces and pivots into a fresh root: an overlay of the host's root with
+// tmpfs over the product's fixed paths (/run, hence /var/run, /tmp,
+// /var/packages, /volume1, /volume2, /etc/kest), a private /dev whose
+// /dev/log is the test's own syslog socket, and bind-mounted passwd, group
+// and shadow files that add the test users below. The source and build trees
+// stay visible at their paths. Nothing of the host is changed.
+#ifndef KEST_TESTS_SUPPORT_SANDBOX_H_
+#define KEST_TESTS_SUPPORT_SANDBOX_H_
+
+#include <sys/types.h>
+
+#include <string>
+#include <vector>
+
+namespace kesttest {
+
+struct TestUser {
+  const char* name;
+  uid_t uid;
+  gid_t gid;                        // primary group, named like the user
+  const char* password;             // for PAM logins
+  std::vector<const char*> groups;  // supplementary groups
+};
+
+// Groups that exist in the sandbox besides each user's own group.
+constexpr gid_t kStaffGid = 2100;           // "staff": ann and bob
+constexpr gid_t kAdministratorsGid = 2200;  // "administrators": carol
+constexpr uid_t kServiceUid = 990;          // "KestOndri", the package's service user
+
+constexpr uid_t kAnnUid = 2001;    // ordinary user, in staff
+constexpr uid_t kBobUid = 2002;    // ordinary user, in staff
+constexpr uid_t kCarolUid = 2003;  // administrator
+constexpr uid_t kDaveUid = 2004;   // ordinary user, in no shared group
+
+const std::vector<TestUser>& TestUsers();
+const TestUser& UserByName(const std::string& name);
+
+// Sets up the sandbox; aborts the process with a message when it cannot.
+void EnterSandbox();
+
+// Back to root with no supplementary groups beyond root's: tests that switch
+// identity call it in TearDown.
+void BecomeRoot();
+
+// Writes `content` to `path` (creating parent folders), mode `mode`.
+void WriteFile(const std::string& path, const std::string& content, mode_t mode = 0644);
+std::string ReadFile(const std::string& path);
+
+// Number of open descriptors of this process.
+int OpenFdCount();
+// The pids of this process's living (non-zombie) children.
+std::vector<pid_t> LiveChildren();
+// Reaps every exited child; waits up to `timeout_ms` for children still
+// running to end. Returns the number of children left running.
+int ReapChildren(int timeout_ms = 2000);
+
+}  // namespace kesttest
+
+#endif  // KEST_TESTS_SUPPORT_SANDBOX_H_
