@@ -172,6 +172,12 @@ ExtractResult ExtractWorker::Run(int fd, DocFormat format, const ExtractLimits& 
   result.format = DocFormatName(format);
   // The address-space limit is the worker's, set once when it starts.
   if (pid_ > 0 && memory_bytes_ != limits.max_memory_bytes) Stop();
+  // A worker that died since the last file (killed from outside) is not to
+  // be blamed on this one.
+  if (pid_ > 0 && waitpid(pid_, nullptr, WNOHANG) == pid_) {
+    pid_ = 0;
+    Stop();
+  }
   // A worker may have died between two files (killed from outside): one
   // fresh start is worth trying before the file is given up.
   for (int attempt = 0; attempt < 2; ++attempt) {

@@ -35,7 +35,7 @@ long ReadFull(int fd, char* buf, size_t size) {
 void ExtractPlainText(int fd, const ExtractLimits& limits, ExtractResult* result) {
   result->format = "text";
   std::vector<char> buf(kBlock);
-  long n = ReadFull(fd, buf.data(), buf.size());
+  long n = ReadFull(fd, buf.data(), std::min<uint64_t>(buf.size(), limits.max_input_bytes));
   if (n < 0) {
     result->status = ExtractStatus::kUnreadable;
     result->detail = std::string("read failed: ") + std::strerror(errno);
