@@ -22,9 +22,11 @@ struct ExtractLimits {
   uint64_t max_input_bytes = 256ull << 20;
   // Address space of the worker process (RLIMIT_AS); 0 leaves it unbounded.
   uint64_t max_memory_bytes = 1ull << 30;
-  // CPU seconds one file may cost the worker (RLIMIT_CPU, raised per file).
+  // CPU seconds one file may cost the worker (RLIMIT_CPU, raised per file);
+  // 0 leaves it unbounded.
   unsigned cpu_seconds = 30;
-  // Wall-clock deadline for one file, enforced by the caller with SIGKILL.
+  // Wall-clock deadline for one file, enforced by the caller with SIGKILL;
+  // 0 leaves it unbounded.
   unsigned wall_ms = 60000;
   // Members of an office archive looked at before giving up.
   unsigned max_archive_entries = 10000;

@@ -201,7 +201,8 @@ ExtractResult ExtractWorker::Run(int fd, DocFormat format, const ExtractLimits& 
       return result;
     }
   }
-  const long long deadline = MonotonicMs() + limits.wall_ms;
+  // Zero means no deadline: a day stands for "never" without overflow.
+  const long long deadline = MonotonicMs() + (limits.wall_ms > 0 ? limits.wall_ms : 86400000LL);
   ExtractResult received;
   switch (ReceiveResult(sock_, deadline, limits.max_text_bytes + kResultOverhead, &received)) {
     case ReceiveOutcome::kOk:
