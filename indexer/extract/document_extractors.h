@@ -25,10 +25,6 @@ void ExtractDocument(int fd, DocFormat format, const ExtractLimits& limits, Extr
 // complaints about a broken file are not ours to print. Call once per process.
 void QuietParserLibraries();
 
-// Reads up to `size` bytes, retrying after signals and short reads; returns
-// the bytes read (less only at end of file) or -1 on an error.
-long ReadFull(int fd, char* buf, size_t size);
-
 }  // namespace indexer
 }  // namespace kestondri
 

@@ -13,6 +13,7 @@
 #include <memory>
 #include <vector>
 
+#include "extract/block_reader.h"
 #include "extract/charset.h"
 #include "extract/document_extractors.h"
 #include "extract/text_sink.h"
@@ -22,7 +23,6 @@ namespace indexer {
 
 namespace {
 
-constexpr size_t kBlock = 64 * 1024;
 constexpr size_t kMaxTitle = 1024;
 
 // Elements whose content is not text for a reader.
@@ -128,21 +128,19 @@ struct ParserDeleter {
 
 void ExtractHtml(int fd, const ExtractLimits& limits, ExtractResult* result) {
   result->format = "html";
-  std::vector<char> buf(kBlock);
-  long n = ReadFull(fd, buf.data(), std::min<uint64_t>(buf.size(), limits.max_input_bytes));
-  if (n < 0) {
+  BlockReader reader(fd, limits.max_input_bytes);
+  if (!reader.Next() && !reader.error().empty()) {
     result->status = ExtractStatus::kUnreadable;
-    result->detail = std::string("read failed: ") + std::strerror(errno);
+    result->detail = reader.error();
     return;
   }
-  std::string charset = DetectCharset(buf.data(), n);
+  std::string charset = DetectCharset(reader.data(), reader.size());
   // A byte-order mark outranks a declaration; a declaration outranks a guess.
   if (charset.compare(0, 3, "UTF") != 0 || charset == "UTF-8") {
-    const std::string declared = DeclaredCharset(buf.data(), n);
+    const std::string declared = DeclaredCharset(reader.data(), reader.size());
     if (!declared.empty()) charset = declared;
   }
-  result->charset = charset;
-  if (LooksBinary(buf.data(), n, charset)) {
+  if (LooksBinary(reader.data(), reader.size(), charset)) {
     result->status = ExtractStatus::kBinary;
     result->detail = "binary content";
     return;
@@ -162,39 +160,27 @@ void ExtractHtml(int fd, const ExtractLimits& limits, ExtractResult* result) {
                                      HTML_PARSE_NONET | HTML_PARSE_IGNORE_ENC);
 
   // The parser gets UTF-8: converted here into a sink that only validates.
-  Utf8Converter converter(charset);
-  uint64_t total = 0;
   // Single-byte charsets grow at most threefold in UTF-8.
-  TextSink utf8(4 * kBlock);
-  bool more = n > 0;
-  while (more) {
-    converter.Convert(buf.data(), n, &utf8);
-    total += static_cast<uint64_t>(n);
+  Utf8Converter converter(charset);
+  TextSink utf8(4 * BlockReader::kBlockSize);
+  do {
+    converter.Convert(reader.data(), reader.size(), &utf8);
     const std::string chunk = utf8.Drain();
     htmlParseChunk(ctxt.get(), chunk.data(), static_cast<int>(chunk.size()), 0);
-    if (state.sink.full() || total >= limits.max_input_bytes) break;
-    const size_t want =
-        static_cast<size_t>(std::min<uint64_t>(buf.size(), limits.max_input_bytes - total));
-    n = ReadFull(fd, buf.data(), want);
-    if (n < 0) {
-      result->status = ExtractStatus::kUnreadable;
-      result->detail = std::string("read failed: ") + std::strerror(errno);
-      return;
-    }
-    more = n > 0;
+  } while (!state.sink.full() && reader.Next());
+  if (!reader.error().empty()) {
+    result->status = ExtractStatus::kUnreadable;
+    result->detail = reader.error();
+    return;
   }
-  if (!more) {
+  result->truncated = state.sink.full() || reader.StoppedAtLimit();
+  if (!result->truncated) {
     converter.Finish(&utf8);
     const std::string tail = utf8.Take();
     htmlParseChunk(ctxt.get(), tail.data(), static_cast<int>(tail.size()), 0);
   }
   htmlParseChunk(ctxt.get(), nullptr, 0, 1);
-  if (state.sink.full()) {
-    result->truncated = true;
-  } else if (more) {
-    char probe;
-    result->truncated = ReadFull(fd, &probe, 1) == 1;
-  }
+  result->charset = charset;
   result->text = state.sink.Take();
   result->title = state.title_sink.Take();
   result->status = ExtractStatus::kOk;
