@@ -123,9 +123,10 @@ void AllowCpu(unsigned seconds) {
 #ifdef KEST_EXTRACT_TEST_HOOKS
 // Misbehaviours on demand, selected by the file's first bytes: this build
 // exists only for the tests of the parent's handling of a bad worker.
-void RunTestHook(int fd) {
+// Returns true when the hook made up the result itself.
+bool RunTestHook(int fd, int sock, ExtractResult* result) {
   char head[32] = {0};
-  if (pread(fd, head, sizeof(head) - 1, 0) <= 0) return;
+  if (pread(fd, head, sizeof(head) - 1, 0) <= 0) return false;
   const std::string h(head);
   if (h.rfind("KEST-TEST-HANG", 0) == 0) {
     for (;;) pause();
@@ -140,6 +141,19 @@ void RunTestHook(int fd) {
     std::vector<std::vector<char>> hog;
     for (;;) hog.emplace_back(16u << 20, 'x');
   }
+  if (h.rfind("KEST-TEST-LIE", 0) == 0) {
+    result->status = ExtractStatus::kOk;
+    result->text = "bad \xFF\xFE text \xED\xA0\x80";
+    result->title = "\xC0\xAF title";
+    result->charset = "\x80";
+    return true;
+  }
+  if (h.rfind("KEST-TEST-GARBAGE", 0) == 0) {
+    const char garbage[] = "\xFF\xFF\xFF\x7Fgarbage";
+    if (write(sock, garbage, sizeof(garbage)) < 0) _exit(5);
+    for (;;) pause();
+  }
+  return false;
 }
 #endif
 
@@ -169,9 +183,9 @@ int main(int argc, char** argv) {
     ExtractResult result;
     try {
 #ifdef KEST_EXTRACT_TEST_HOOKS
-      RunTestHook(fd);
+      if (!RunTestHook(fd, args.socket_fd, &result))
 #endif
-      kestondri::indexer::ExtractDocument(fd, request.format, request.limits, &result);
+        kestondri::indexer::ExtractDocument(fd, request.format, request.limits, &result);
     } catch (const std::bad_alloc&) {
       result = ExtractResult();
       result.format = kestondri::indexer::DocFormatName(request.format);
