@@ -262,6 +262,11 @@ TEST_F(ExtractFormatsTest, OfficeDocuments) {
     EXPECT_EQ(r.text, c.text) << c.name;
     EXPECT_EQ(r.title, c.title) << c.name;
   }
+  // Members only a password opens.
+  WriteZip(Path("locked.docx"), kesttest::DocxMembers({"sealed text"}), false, "secret");
+  const ExtractResult locked = extractor_.Extract(Path("locked.docx"));
+  EXPECT_EQ(locked.status, ExtractStatus::kEncrypted) << ExtractStatusName(locked.status);
+  EXPECT_TRUE(locked.text.empty());
   // Not a zip archive at all.
   const ExtractResult fake = extractor_.Extract(Write("fake.docx", "PK but not really"));
   EXPECT_EQ(fake.status, ExtractStatus::kMalformed);

@@ -10,12 +10,18 @@
 
 namespace kesttest {
 
-void WriteZip(const std::string& path, const ZipMembers& members, bool store) {
+void WriteZip(const std::string& path, const ZipMembers& members, bool store,
+              const char* passphrase) {
   struct archive* a = archive_write_new();
   ASSERT_NE(a, nullptr);
   ASSERT_EQ(archive_write_set_format_zip(a), ARCHIVE_OK);
   if (store) {
     ASSERT_EQ(archive_write_set_format_option(a, "zip", "compression", "store"), ARCHIVE_OK);
+  }
+  if (passphrase != nullptr) {
+    ASSERT_EQ(archive_write_set_format_option(a, "zip", "encryption", "zipcrypt"), ARCHIVE_OK)
+        << archive_error_string(a);
+    ASSERT_EQ(archive_write_set_passphrase(a, passphrase), ARCHIVE_OK);
   }
   ASSERT_EQ(archive_write_open_filename(a, path.c_str()), ARCHIVE_OK) << archive_error_string(a);
   for (const auto& member : members) {

@@ -11,8 +11,10 @@ namespace kesttest {
 
 using ZipMembers = std::vector<std::pair<std::string, std::string>>;
 
-// Writes a zip archive of `members` (name, content), deflated unless `store`.
-void WriteZip(const std::string& path, const ZipMembers& members, bool store = false);
+// Writes a zip archive of `members` (name, content), deflated unless
+// `store`, encrypted with `passphrase` (traditional zip encryption) if given.
+void WriteZip(const std::string& path, const ZipMembers& members, bool store = false,
+              const char* passphrase = nullptr);
 
 // A docx whose body holds one paragraph per item of `paragraphs`.
 ZipMembers DocxMembers(const std::vector<std::string>& paragraphs, const std::string& title = "");
