@@ -55,9 +55,32 @@ struct Member {
   bool is_title;
 };
 
-bool StartsWith(const std::string& s, const char* prefix) {
-  return s.compare(0, std::strlen(prefix), prefix) == 0;
-}
+// Which members of each format hold text, and in which order they come.
+struct MemberRow {
+  DocFormat format;
+  const char* name;  // the whole name, or its beginning when `prefix`
+  bool prefix;
+  Member member;
+};
+
+const MemberRow kMemberTable[] = {
+    {DocFormat::kDocx, "word/document.xml", false, {0, &kWordRules, false}},
+    {DocFormat::kDocx, "word/header", true, {1, &kWordRules, false}},
+    {DocFormat::kDocx, "word/footer", true, {2, &kWordRules, false}},
+    {DocFormat::kDocx, "word/footnotes.xml", false, {3, &kWordRules, false}},
+    {DocFormat::kDocx, "word/endnotes.xml", false, {4, &kWordRules, false}},
+    {DocFormat::kDocx, "word/comments.xml", false, {5, &kWordRules, false}},
+    {DocFormat::kDocx, "docProps/core.xml", false, {0, &kTitleRules, true}},
+    {DocFormat::kXlsx, "xl/sharedStrings.xml", false, {0, &kSharedStringRules, false}},
+    {DocFormat::kXlsx, "xl/worksheets/sheet", true, {1, &kSheetRules, false}},
+    {DocFormat::kXlsx, "docProps/core.xml", false, {0, &kTitleRules, true}},
+    {DocFormat::kPptx, "ppt/slides/slide", true, {0, &kSlideRules, false}},
+    {DocFormat::kPptx, "ppt/notesSlides/notesSlide", true, {1, &kSlideRules, false}},
+    {DocFormat::kPptx, "docProps/core.xml", false, {0, &kTitleRules, true}},
+    {DocFormat::kOdf, "content.xml", false, {0, &kOdfRules, false}},
+    {DocFormat::kOdf, "meta.xml", false, {0, &kTitleRules, true}},
+};
+
 bool EndsWith(const std::string& s, const char* suffix) {
   const size_t n = std::strlen(suffix);
   return s.size() >= n && s.compare(s.size() - n, n, suffix) == 0;
@@ -65,45 +88,14 @@ bool EndsWith(const std::string& s, const char* suffix) {
 
 bool Classify(DocFormat format, const std::string& name, Member* member) {
   if (!EndsWith(name, ".xml")) return false;
-  *member = Member{0, nullptr, false};
-  switch (format) {
-    case DocFormat::kDocx:
-      if (name == "word/document.xml")
-        *member = {0, &kWordRules, false};
-      else if (StartsWith(name, "word/header"))
-        *member = {1, &kWordRules, false};
-      else if (StartsWith(name, "word/footer"))
-        *member = {2, &kWordRules, false};
-      else if (name == "word/footnotes.xml")
-        *member = {3, &kWordRules, false};
-      else if (name == "word/endnotes.xml")
-        *member = {4, &kWordRules, false};
-      else if (name == "word/comments.xml")
-        *member = {5, &kWordRules, false};
-      break;
-    case DocFormat::kXlsx:
-      if (name == "xl/sharedStrings.xml")
-        *member = {0, &kSharedStringRules, false};
-      else if (StartsWith(name, "xl/worksheets/sheet"))
-        *member = {1, &kSheetRules, false};
-      break;
-    case DocFormat::kPptx:
-      if (StartsWith(name, "ppt/slides/slide"))
-        *member = {0, &kSlideRules, false};
-      else if (StartsWith(name, "ppt/notesSlides/notesSlide"))
-        *member = {1, &kSlideRules, false};
-      break;
-    case DocFormat::kOdf:
-      if (name == "content.xml")
-        *member = {0, &kOdfRules, false};
-      else if (name == "meta.xml")
-        *member = {0, &kTitleRules, true};
-      break;
-    default:
-      return false;
+  for (const MemberRow& row : kMemberTable) {
+    if (row.format != format) continue;
+    if (row.prefix ? name.compare(0, std::strlen(row.name), row.name) == 0 : name == row.name) {
+      *member = row.member;
+      return true;
+    }
   }
-  if (name == "docProps/core.xml" && format != DocFormat::kOdf) *member = {0, &kTitleRules, true};
-  return member->rules != nullptr;
+  return false;
 }
 
 // The number in a member's name ("slide12.xml" -> 12), for ordering.
