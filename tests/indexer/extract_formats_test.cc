@@ -272,6 +272,37 @@ TEST_F(ExtractFormatsTest, OfficeDocuments) {
   EXPECT_EQ(fake.status, ExtractStatus::kMalformed);
 }
 
+TEST_F(ExtractFormatsTest, EntitiesInDocumentsAreNotExpanded) {
+  // An external entity would read another file into this one's text, seen
+  // by whoever may read this file; nested entities would blow up memory.
+  const std::string secret = Write("secret.txt", "TOPSECRET");
+  const auto docx = [&](const std::string& name, const std::string& entities) {
+    WriteZip(Path(name), {{"word/document.xml",
+                           "<?xml version=\"1.0\"?><!DOCTYPE w:document [<!ENTITY xxe SYSTEM "
+                           "\"file://" +
+                               secret + "\">" + entities +
+                               "]><w:document xmlns:w=\"w\"><w:body><w:p><w:t>a &xxe; b &l1; "
+                               "c</w:t></w:p></w:body></w:document>"}});
+    return extractor_.Extract(Path(name));
+  };
+  const ExtractResult shallow =
+      docx("shallow.docx", "<!ENTITY l0 \"ha\"><!ENTITY l1 \"&l0;&l0;\">");
+  EXPECT_EQ(shallow.status, ExtractStatus::kOk);
+  EXPECT_EQ(shallow.text, "a b c");
+
+  std::string laughs = "<!ENTITY l0 \"ha\">";
+  for (int i = 1; i < 12; ++i) {
+    laughs += "<!ENTITY l" + std::to_string(i) + " \"";
+    for (int k = 0; k < 10; ++k) laughs += "&l" + std::to_string(i - 1) + ";";
+    laughs += "\">";
+  }
+  const ExtractResult deep = docx("laughs.docx", laughs);
+  EXPECT_TRUE(deep.status == ExtractStatus::kOk || deep.status == ExtractStatus::kMalformed)
+      << ExtractStatusName(deep.status);
+  EXPECT_FALSE(Contains(deep.text, "TOPSECRET"));
+  EXPECT_LT(deep.text.size(), 100u);
+}
+
 TEST_F(ExtractFormatsTest, OnlyRegularFilesAreRead) {
   const std::string target = Write("target.txt", "secret text");
   ASSERT_EQ(symlink(target.c_str(), Path("link.txt").c_str()), 0);
