@@ -136,7 +136,10 @@ void ExtractHtml(int fd, const ExtractLimits& limits, ExtractResult* result) {
   }
   std::string charset = DetectCharset(reader.data(), reader.size());
   // A byte-order mark outranks a declaration; a declaration outranks a guess.
-  if (charset.compare(0, 3, "UTF") != 0 || charset == "UTF-8") {
+  const bool has_bom = charset.compare(0, 3, "UTF") == 0 &&
+                       (charset != "UTF-8" ||
+                        (reader.size() >= 3 && std::memcmp(reader.data(), "\xEF\xBB\xBF", 3) == 0));
+  if (!has_bom) {
     const std::string declared = DeclaredCharset(reader.data(), reader.size());
     if (!declared.empty()) charset = declared;
   }

@@ -197,6 +197,9 @@ TEST_F(ExtractFormatsTest, Html) {
   const ExtractResult declared = extractor_.Extract(Write("latin1.htm", latin1));
   EXPECT_EQ(declared.text, "Déjà vu à Noël");
   EXPECT_EQ(declared.charset, "ISO-8859-1");
+  const ExtractResult bom = extractor_.Extract(
+      Write("bom.html", "\xEF\xBB\xBF<meta charset=\"iso-8859-1\"><p>D\xC3\xA9j\xC3\xA0 vu</p>"));
+  EXPECT_EQ(bom.text, "Déjà vu") << "the byte-order mark outranks the declaration";
   const std::string cyrillic = Encode(
       "<html><body><p>Съешь же ещё этих мягких французских булок, да выпей чаю. Москва является "
       "столицей Российской Федерации.</p></body></html>",
