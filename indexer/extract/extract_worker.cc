@@ -9,6 +9,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstring>
 #include <string>
@@ -25,6 +26,8 @@ namespace {
 
 constexpr int kWorkerFd = 3;  // the socket's number in the worker
 constexpr size_t kResultOverhead = 64 * 1024;
+// Answers are framed with a 32-bit length: text beyond this is cut anyway.
+constexpr size_t kMaxWorkerText = size_t{1} << 30;
 
 bool IsExecutable(const std::string& path) { return access(path.c_str(), X_OK) == 0; }
 
@@ -192,6 +195,7 @@ ExtractResult ExtractWorker::Run(int fd, DocFormat format, const ExtractLimits& 
     WorkerRequest request;
     request.format = format;
     request.limits = limits;
+    request.limits.max_text_bytes = std::min(limits.max_text_bytes, kMaxWorkerText);
     if (SendRequest(sock_, request, fd)) break;
     std::string ignored;
     Reap(&ignored);
@@ -204,7 +208,8 @@ ExtractResult ExtractWorker::Run(int fd, DocFormat format, const ExtractLimits& 
   // Zero means no deadline: a day stands for "never" without overflow.
   const long long deadline = MonotonicMs() + (limits.wall_ms > 0 ? limits.wall_ms : 86400000LL);
   ExtractResult received;
-  switch (ReceiveResult(sock_, deadline, limits.max_text_bytes + kResultOverhead, &received)) {
+  const size_t max_answer = std::min(limits.max_text_bytes, kMaxWorkerText) + kResultOverhead;
+  switch (ReceiveResult(sock_, deadline, max_answer, &received)) {
     case ReceiveOutcome::kOk:
       return received;
     case ReceiveOutcome::kTimeout:
