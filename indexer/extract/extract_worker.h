@@ -6,6 +6,8 @@
 //
 // Owns the child process and its socket; the destructor kills the child and
 // reaps it. Not thread-safe: give each indexing thread its own ExtractWorker.
+// The worker dies with the thread that started it (PR_SET_PDEATHSIG); if
+// that thread ends first, the next Run() notices and starts a new one.
 #ifndef KESTONDRI_INDEXER_EXTRACT_EXTRACT_WORKER_H_
 #define KESTONDRI_INDEXER_EXTRACT_EXTRACT_WORKER_H_
 
