@@ -246,6 +246,43 @@ TEST_F(KlibIdentityTest, UnknownUserLeavesTheIdentity) {
   EXPECT_EQ(kBobUid, geteuid());
 }
 
+// Callers log errno as the cause of their next failure: a call that did not
+// fail on a system call leaves it as it was.
+TEST(KlibErrnoTest, CallsWithoutSystemFailureLeaveErrnoAlone) {
+  const std::pair<const char*, std::function<void()>> calls[] = {
+      {"admin group name", [] { KLIBGroupAdminGroupName(); }},
+      {"admin member", [] { KLIBGroupIsAdminGroupMem("carol", 0); }},
+      {"admin member, unknown user", [] { KLIBGroupIsAdminGroupMem("nosuchuser", 0); }},
+      {"group list", [] { KLIBCSzListFree(KLIBGroupInfoListGet("ann", TRUE)); }},
+      {"user",
+       [] {
+         PKESTUSER user = nullptr;
+         KESTUserGet("bob", &user);
+         KESTUserFree(user);
+       }},
+      {"unknown user",
+       [] {
+         PKESTUSER user = nullptr;
+         KESTUserGet("nosuchuser", &user);
+       }},
+      {"unknown uid",
+       [] {
+         PKESTUSER user = nullptr;
+         KESTUserGetByUID(54321, &user);
+       }},
+      {"switch", [] { ResetCredentialsByName("ann", true); }},
+      {"switch again", [] { ResetCredentialsByName("bob", true); }},
+      {"switch to unknown user", [] { ResetCredentialsByName("nosuchuser", true); }},
+      {"switch back", [] { ResetCredentialsByName("root", true); }},
+  };
+  for (const auto& call : calls) {
+    errno = EXDEV;
+    call.second();
+    EXPECT_EQ(EXDEV, errno) << call.first;
+  }
+  BecomeRoot();
+}
+
 // Runs a child forked with `flags` and answers its exit status.
 int ForkAndCheckSignals(int flags) {
   const pid_t pid = KLIBCProcForkEx(flags);

@@ -7,6 +7,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <cerrno>
 
 #include "common/sdk/credentials.h"
 #include "support/sandbox.h"
@@ -24,6 +25,8 @@ std::vector<gid_t> Groups() {
 }  // namespace
 
 RequestGuard::RequestGuard() {
+  // The request's log lines depend on errno: leave it as the test set it.
+  const int saved_errno = errno;
   ReapChildren(0);
   // syslog keeps its connection open after the first line; open it now so
   // that it is part of the baseline.
@@ -33,6 +36,7 @@ RequestGuard::RequestGuard() {
   euid_ = expected_euid_ = geteuid();
   egid_ = expected_egid_ = getegid();
   groups_ = Groups();
+  errno = saved_errno;
 }
 
 RequestGuard::~RequestGuard() { Finish(); }
@@ -50,6 +54,7 @@ void RequestGuard::ExpectIdentityAfter(const std::string& user_name) {
 const std::vector<int>& RequestGuard::Finish() {
   if (finished_) return statuses_;
   finished_ = true;
+  const int saved_errno = errno;
   const int running = ReapChildren(5000, &statuses_);
   EXPECT_EQ(children_, static_cast<size_t>(running)) << "children left running by the request";
   EXPECT_EQ(fd_count_, OpenFdCount()) << "descriptors opened or closed by the request";
@@ -65,6 +70,7 @@ const std::vector<int>& RequestGuard::Finish() {
   if (geteuid() != 0 && seteuid(0) != 0) ADD_FAILURE() << "cannot regain root";
   if (setgroups(groups_.size(), groups_.data()) != 0) ADD_FAILURE() << "cannot restore groups";
   if (setegid(egid_) != 0 || seteuid(euid_) != 0) ADD_FAILURE() << "cannot restore the ids";
+  errno = saved_errno;
   return statuses_;
 }
 
