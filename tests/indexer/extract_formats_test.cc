@@ -218,6 +218,11 @@ TEST_F(ExtractFormatsTest, Pdf) {
   EXPECT_EQ(r.title, "Annual Report");
   EXPECT_EQ(r.text, "First page (with parens)\nSecond page text");
 
+  WriteFile(Path("locked.pdf"), MakePdf({"sealed"}, "", true));
+  const ExtractResult locked = extractor_.Extract(Path("locked.pdf"));
+  EXPECT_EQ(locked.status, ExtractStatus::kEncrypted) << ExtractStatusName(locked.status);
+  EXPECT_TRUE(locked.text.empty());
+
   const struct {
     const char* name;
     std::string content;

@@ -198,7 +198,7 @@ std::string PdfString(const std::string& s) {
 
 }  // namespace
 
-std::string MakePdf(const std::vector<std::string>& pages, const std::string& title) {
+std::string MakePdf(const std::vector<std::string>& pages, const std::string& title, bool locked) {
   // Objects: 1 catalog, 2 pages, 3 font, 4 info, then a page and its
   // content stream for each page.
   std::vector<std::string> objects;
@@ -216,6 +216,13 @@ std::string MakePdf(const std::vector<std::string>& pages, const std::string& ti
     objects.push_back("<< /Length " + std::to_string(stream.size()) + " >>\nstream\n" + stream +
                       "\nendstream");
   }
+  if (locked) {
+    // The standard security handler: the empty user password does not
+    // match /U, so the document asks for one.
+    const std::string junk(64, 'A');
+    objects.push_back("<< /Filter /Standard /V 1 /R 2 /O <" + junk + "> /U <" + junk +
+                      "> /P -4 >>");
+  }
   std::string pdf = "%PDF-1.4\n";
   std::vector<size_t> offsets;
   for (size_t i = 0; i < objects.size(); ++i) {
@@ -229,8 +236,12 @@ std::string MakePdf(const std::vector<std::string>& pages, const std::string& ti
     snprintf(line, sizeof(line), "%010zu 00000 n \n", off);
     pdf += line;
   }
-  pdf += "trailer\n<< /Size " + std::to_string(objects.size() + 1) +
-         " /Root 1 0 R /Info 4 0 R >>\nstartxref\n" + std::to_string(xref) + "\n%%EOF\n";
+  pdf += "trailer\n<< /Size " + std::to_string(objects.size() + 1) + " /Root 1 0 R /Info 4 0 R" +
+         (locked ? " /Encrypt " + std::to_string(objects.size()) +
+                       " 0 R /ID [<0123456789ABCDEF0123456789ABCDEF> "
+                       "<0123456789ABCDEF0123456789ABCDEF>]"
+                 : std::string()) +
+         " >>\nstartxref\n" + std::to_string(xref) + "\n%%EOF\n";
   return pdf;
 }
 

@@ -29,7 +29,9 @@ ZipMembers OdfMembers(const std::string& body, const std::vector<std::string>& p
                       const std::string& title = "");
 
 // A PDF with one page per item, set in Helvetica; `title` in its Info.
-std::string MakePdf(const std::vector<std::string>& pages, const std::string& title = "");
+// `locked`: encrypted with a user password (its text cannot be read).
+std::string MakePdf(const std::vector<std::string>& pages, const std::string& title = "",
+                    bool locked = false);
 
 // `utf8` converted to `charset` with iconv; aborts the test on failure.
 std::string Encode(const std::string& utf8, const std::string& charset);
