@@ -79,10 +79,17 @@ bool ExtractWorker::Start(uint64_t memory_bytes, std::string* error) {
     return false;
   }
   int child_end = fds[1];
-  // dup2 onto itself would leave close-on-exec set.
-  if (child_end == kWorkerFd) {
+  // Out of the way of the descriptors the child sets up: the standard
+  // streams (a daemon may have closed them, so the pair may have got 0 or 1)
+  // and its socket's number (dup2 onto itself would keep close-on-exec).
+  if (child_end <= kWorkerFd) {
     child_end = fcntl(fds[1], F_DUPFD_CLOEXEC, kWorkerFd + 1);
     close(fds[1]);
+    if (child_end < 0) {
+      *error = std::string("fcntl: ") + std::strerror(errno);
+      close(fds[0]);
+      return false;
+    }
   }
   const std::vector<std::string> args = {
       options_.worker_path,
