@@ -194,6 +194,21 @@ TEST_F(ExtractWorkerTest, WorkerKilledBetweenFilesIsRestarted) {
   EXPECT_EQ(extractor().worker().starts(), 2u);
 }
 
+TEST_F(ExtractWorkerTest, StartsFromADaemonWithoutStandardStreams) {
+  // With stdin and stdout closed the socket pair gets descriptors 0 and 1.
+  const int saved_in = dup(0), saved_out = dup(1);
+  close(0);
+  close(1);
+  const ExtractResult r = extractor().Extract(good_pdf_);
+  extractor_.reset();  // its end of the pair may be 0 or 1
+  dup2(saved_in, 0);
+  dup2(saved_out, 1);
+  close(saved_in);
+  close(saved_out);
+  EXPECT_EQ(r.status, ExtractStatus::kOk) << r.detail;
+  EXPECT_EQ(r.text, "still working");
+}
+
 TEST_F(ExtractWorkerTest, MissingWorkerExecutableFailsCleanly) {
   ExtractorOptions options;
   options.worker.worker_path = "/nonexistent/kest-extract-worker";
