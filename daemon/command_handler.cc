@@ -129,7 +129,9 @@ MatchPage RunQuery(const Xapian::Database& db, const Xapian::Query& query, int64
     Xapian::MSet mset = enquire.get_mset(static_cast<Xapian::doccount>(from),
                                          static_cast<Xapian::doccount>(size), all);
     page.total = mset.get_matches_estimated();
-    mset.fetch();
+    // Prefetching lets a remote index send all the page's documents in one
+    // go; Xapian 1.4 crashes prefetching a page that does not start at 0.
+    if (from == 0) mset.fetch();
     for (auto it = mset.begin(); it != mset.end(); ++it) {
       page.hits.push_back({*it, it.get_weight(), it.get_document()});
     }
@@ -258,7 +260,8 @@ void CommandHandler::Handle(const std::string& text, const Peer& peer, IndexCach
     }
     const Json::Value& command = request["command"];
     if (!command.isString()) Malformed("the request has no \"command\" string");
-    Json::Value data = request.isMember("data") ? request["data"] : Json::Value(Json::objectValue);
+    Json::Value data = request["data"];
+    if (data.isNull()) data = Json::Value(Json::objectValue);
     if (!data.isObject()) Malformed("\"data\" is not an object");
     std::string name = command.asString();
     if (name == "search") {

@@ -82,6 +82,13 @@ void Walk(Loader& loader, const std::string& dir) {
   closedir(d);
 }
 
+// Creates the folders above `path`, like mkdir -p of its parent.
+void MakeParents(const std::string& path) {
+  for (size_t pos = path.find('/', 1); pos != std::string::npos; pos = path.find('/', pos + 1)) {
+    mkdir(path.substr(0, pos).c_str(), 0755);
+  }
+}
+
 }  // namespace
 
 int main(int argc, char** argv) {
@@ -103,6 +110,7 @@ int main(int argc, char** argv) {
   }
   std::string root = argv[optind];
   while (root.size() > 1 && root.back() == '/') root.pop_back();
+  MakeParents(argv[optind + 1]);
   try {
     Loader loader{Xapian::WritableDatabase(argv[optind + 1], Xapian::DB_CREATE_OR_OPEN)};
     loader.max_text = max_text;

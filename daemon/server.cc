@@ -4,6 +4,7 @@
 #include <kest/json.h>
 #include <kestdaemon/sock_connection.h>
 #include <poll.h>
+#include <sys/epoll.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/time.h>
@@ -16,6 +17,13 @@
 namespace kestondri {
 namespace daemon {
 namespace {
+
+// A connection on a descriptor that someone else owns and closes.
+class BorrowedConnection : public kestdaemon::SockConnection {
+ public:
+  explicit BorrowedConnection(int fd) : SockConnection(fd) {}
+  ~BorrowedConnection() override { fd_ = -1; }
+};
 
 class ConnectionSink : public ReplySink {
  public:
@@ -56,7 +64,7 @@ bool Server::Start(std::string* error) {
     return false;
   }
   std::memcpy(addr.sun_path, options_.socket_path.c_str(), options_.socket_path.size() + 1);
-  listen_fd_ = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
+  listen_fd_ = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0);
   if (listen_fd_ < 0) return fail("socket");
   // A socket file left by a daemon that died is in the way; anything else
   // at that path is not ours to remove.
@@ -76,8 +84,16 @@ bool Server::Start(std::string* error) {
   if (chmod(options_.socket_path.c_str(), 0666) != 0) return fail("chmod");
   if (listen(listen_fd_, 256) != 0) return fail("listen");
   if (pipe2(wake_pipe_, O_CLOEXEC | O_NONBLOCK) != 0) return fail("pipe");
+  epoll_fd_ = epoll_create1(EPOLL_CLOEXEC);
+  if (epoll_fd_ < 0) return fail("epoll");
+  epoll_event ev{};
+  ev.events = EPOLLIN;
+  ev.data.fd = listen_fd_;
+  if (epoll_ctl(epoll_fd_, EPOLL_CTL_ADD, listen_fd_, &ev) != 0) return fail("epoll_ctl");
+  ev.data.fd = wake_pipe_[0];
+  if (epoll_ctl(epoll_fd_, EPOLL_CTL_ADD, wake_pipe_[0], &ev) != 0) return fail("epoll_ctl");
   for (int i = 0; i < options_.workers; ++i) workers_.emplace_back([this] { WorkerLoop(); });
-  acceptor_ = std::thread([this] { AcceptLoop(); });
+  acceptor_ = std::thread([this] { PollLoop(); });
   return true;
 }
 
@@ -89,6 +105,7 @@ void Server::Stop() {
     ssize_t n = write(wake_pipe_[1], &c, 1);
     (void)n;
   }
+  std::lock_guard<std::mutex> lock(mutex_);
   cv_.notify_all();
 }
 
@@ -105,6 +122,8 @@ void Server::Wait() {
   waited_ = true;
   for (int fd : pending_) close(fd);
   pending_.clear();
+  for (auto& entry : idle_since_) close(entry.first);
+  idle_since_.clear();
   if (listen_fd_ >= 0) {
     close(listen_fd_);
     listen_fd_ = -1;
@@ -112,40 +131,86 @@ void Server::Wait() {
     // module takes a missing socket for "no daemon".
     unlink(options_.socket_path.c_str());
   }
+  if (epoll_fd_ >= 0) close(epoll_fd_);
+  epoll_fd_ = -1;
   for (int& fd : wake_pipe_) {
     if (fd >= 0) close(fd);
     fd = -1;
   }
 }
 
-void Server::AcceptLoop() {
+void Server::Park(int fd) {
+  std::lock_guard<std::mutex> lock(mutex_);
+  idle_since_[fd] = time(nullptr);
+  epoll_event ev{};
+  ev.events = EPOLLIN | EPOLLRDHUP | EPOLLONESHOT;
+  ev.data.fd = fd;
+  if (epoll_ctl(epoll_fd_, EPOLL_CTL_MOD, fd, &ev) != 0) {
+    idle_since_.erase(fd);
+    close(fd);
+  }
+}
+
+void Server::CloseConnection(int fd) {
+  // Closing also removes it from the epoll set.
+  close(fd);
+}
+
+void Server::PollLoop() {
+  epoll_event events[64];
   while (!stopping_) {
-    pollfd fds[2] = {{listen_fd_, POLLIN, 0}, {wake_pipe_[0], POLLIN, 0}};
-    int rc = poll(fds, 2, -1);
-    if (rc < 0) {
-      if (errno == EINTR) continue;
-      break;
-    }
-    if (fds[1].revents) break;
-    if (!(fds[0].revents & POLLIN)) continue;
-    int fd = accept4(listen_fd_, nullptr, nullptr, SOCK_CLOEXEC);
-    if (fd < 0) {
-      // Out of descriptors or a client that vanished: keep serving others;
-      // a short pause keeps EMFILE from spinning.
-      if (errno == EMFILE || errno == ENFILE) usleep(10000);
-      continue;
-    }
-    timeval tv{};
-    tv.tv_sec = options_.io_timeout_seconds;
-    setsockopt(fd, SOL_SOCKET, SO_RCVTIMEO, &tv, sizeof(tv));
-    setsockopt(fd, SOL_SOCKET, SO_SNDTIMEO, &tv, sizeof(tv));
-    {
+    int n = epoll_wait(epoll_fd_, events, 64, 1000);
+    if (n < 0 && errno != EINTR) break;
+    for (int i = 0; i < n; ++i) {
+      int fd = events[i].data.fd;
+      if (fd == wake_pipe_[0]) {
+        stopping_ = true;
+        break;
+      }
+      if (fd == listen_fd_) {
+        for (;;) {
+          int conn = accept4(listen_fd_, nullptr, nullptr, SOCK_CLOEXEC);
+          if (conn < 0) {
+            // Out of descriptors: a short pause keeps EMFILE from spinning.
+            if (errno == EMFILE || errno == ENFILE) usleep(10000);
+            break;
+          }
+          timeval tv{};
+          tv.tv_sec = options_.io_timeout_seconds;
+          setsockopt(conn, SOL_SOCKET, SO_RCVTIMEO, &tv, sizeof(tv));
+          setsockopt(conn, SOL_SOCKET, SO_SNDTIMEO, &tv, sizeof(tv));
+          std::lock_guard<std::mutex> lock(mutex_);
+          idle_since_[conn] = time(nullptr);
+          epoll_event ev{};
+          ev.events = EPOLLIN | EPOLLRDHUP | EPOLLONESHOT;
+          ev.data.fd = conn;
+          if (epoll_ctl(epoll_fd_, EPOLL_CTL_ADD, conn, &ev) != 0) {
+            idle_since_.erase(conn);
+            close(conn);
+          }
+        }
+        continue;
+      }
+      // A parked connection has something to say (or has gone): a worker
+      // reads it, and finds out which.
       std::lock_guard<std::mutex> lock(mutex_);
+      if (idle_since_.erase(fd) == 0) continue;
       pending_.push_back(fd);
+      cv_.notify_one();
     }
-    cv_.notify_one();
+    time_t now = time(nullptr);
+    std::lock_guard<std::mutex> lock(mutex_);
+    for (auto it = idle_since_.begin(); it != idle_since_.end();) {
+      if (now - it->second >= options_.idle_timeout_seconds) {
+        CloseConnection(it->first);
+        it = idle_since_.erase(it);
+      } else {
+        ++it;
+      }
+    }
   }
   stopping_ = true;
+  std::lock_guard<std::mutex> lock(mutex_);
   cv_.notify_all();
 }
 
@@ -160,27 +225,31 @@ void Server::WorkerLoop() {
       fd = pending_.front();
       pending_.pop_front();
     }
-    Serve(fd, cache);
+    if (ServeOne(fd, cache)) {
+      Park(fd);
+    } else {
+      CloseConnection(fd);
+    }
   }
 }
 
-void Server::Serve(int fd, IndexCache& cache) {
-  kestdaemon::SockConnection conn(fd);
+bool Server::ServeOne(int fd, IndexCache& cache) {
   Peer peer;
   ucred cred{};
   socklen_t len = sizeof(cred);
-  if (getsockopt(fd, SOL_SOCKET, SO_PEERCRED, &cred, &len) != 0) return;
+  if (getsockopt(fd, SOL_SOCKET, SO_PEERCRED, &cred, &len) != 0) return false;
   peer.pid = cred.pid;
   peer.uid = cred.uid;
   peer.gid = cred.gid;
+  BorrowedConnection conn(fd);
   ConnectionSink sink(conn);
   std::string request;
-  // The module sends one request per connection; more are served in turn
-  // until the peer closes, breaks the framing or stays silent too long.
-  while (!stopping_ && conn.Recv(request)) {
+  bool ok = conn.Recv(request);
+  if (ok) {
     handler_.Handle(request, peer, cache, sink);
-    if (sink.failed()) break;
+    ok = !sink.failed();
   }
+  return ok;
 }
 
 }  // namespace daemon

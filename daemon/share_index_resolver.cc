@@ -35,10 +35,13 @@ class ShareIndexResolver : public IndexResolver {
 
   std::vector<std::string> KnownIds() const override {
     std::vector<std::string> ids;
-    PKLIBCSZLIST raw = nullptr;
+    PKLIBCSZLIST raw = KLIBCSzListAlloc(16);
+    if (!raw) return ids;
     KLIBSHAREENUM all{nullptr, 0};
-    if (KLIBShareEnum(&raw, &all) < 0 || !raw) return ids;
+    int rc = KLIBShareEnum(&raw, &all);
+    // The list may have moved while growing; own whatever it is now.
     std::unique_ptr<KLIBCSZLIST, ListDeleter> names(raw);
+    if (rc < 0) return ids;
     for (int i = 0; i < names->nItem; ++i) {
       char id[512];
       const char* name = KLIBCSzListGet(names.get(), i);
