@@ -152,22 +152,51 @@ std::vector<std::string> HighlightFragments(const std::string& text, const MarkT
   std::vector<Fragment> done;
   bool open = false;
   Fragment current;
-  Xapian::Utf8Iterator it(text.data(), limit), end;
-  const char* base = text.data();
+  const auto* bytes = reinterpret_cast<const unsigned char*>(text.data());
   std::string word;
-  while (it != end && done.size() < options.num_fragments) {
-    if (!Xapian::Unicode::is_wordchar(*it)) {
-      ++it;
+  size_t i = 0;
+  // One character at `i`: its code point and length, ASCII without any
+  // decoding (most text is).
+  auto next = [&](size_t at, unsigned* ch) -> size_t {
+    if (bytes[at] < 0x80) {
+      *ch = bytes[at];
+      return 1;
+    }
+    Xapian::Utf8Iterator it(text.data() + at, limit - at);
+    *ch = *it;
+    size_t len = Utf8SequenceLength(bytes + at, limit - at);
+    return len ? len : 1;
+  };
+  auto is_word = [](unsigned ch) {
+    if (ch < 0x80) {
+      return (ch >= 'a' && ch <= 'z') || (ch >= 'A' && ch <= 'Z') || (ch >= '0' && ch <= '9') ||
+             ch == '_';
+    }
+    return Xapian::Unicode::is_wordchar(ch);
+  };
+  while (i < limit && done.size() < options.num_fragments) {
+    unsigned ch;
+    size_t len = next(i, &ch);
+    if (!is_word(ch)) {
+      i += len;
       continue;
     }
-    size_t begin = static_cast<size_t>(it.raw() - base);
+    size_t begin = i;
     word.clear();
-    // Words longer than any term cannot match; stop building them early.
-    while (it != end && Xapian::Unicode::is_wordchar(*it)) {
-      if (word.size() < 256) Xapian::Unicode::append_utf8(word, Xapian::Unicode::tolower(*it));
-      ++it;
+    while (i < limit) {
+      len = next(i, &ch);
+      if (!is_word(ch)) break;
+      // Words longer than any term cannot match; stop building them early.
+      if (word.size() < 256) {
+        if (ch < 0x80) {
+          word += static_cast<char>(ch >= 'A' && ch <= 'Z' ? ch + 32 : ch);
+        } else {
+          Xapian::Unicode::append_utf8(word, Xapian::Unicode::tolower(ch));
+        }
+      }
+      i += len;
     }
-    size_t stop = it == end ? limit : static_cast<size_t>(it.raw() - base);
+    size_t stop = i;
     if (!Matches(word, terms)) continue;
     Span match{begin, stop};
     if (open && match.end <= current.end) {

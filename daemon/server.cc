@@ -1,5 +1,6 @@
 #include "server.h"
 
+#include <arpa/inet.h>
 #include <fcntl.h>
 #include <kest/json.h>
 #include <kestdaemon/sock_connection.h>
@@ -25,18 +26,47 @@ class BorrowedConnection : public kestdaemon::SockConnection {
   ~BorrowedConnection() override { fd_ = -1; }
 };
 
+// Frames replies into one buffer and writes it out in large pieces: a
+// search's hits are many small messages, and one write per message would
+// cost more than the search itself. The framing is the connection's own
+// (4-byte big-endian length, then the text).
 class ConnectionSink : public ReplySink {
  public:
-  explicit ConnectionSink(kestdaemon::SockConnection& conn) : conn_(conn) {}
+  explicit ConnectionSink(int fd) : fd_(fd) {}
   bool Send(const Json::Value& message) override {
     if (failed_) return false;
-    failed_ = !conn_.Send(Json::toString(message));
+    std::string text = Json::toString(message);
+    if (text.size() > kestdaemon::kMaxMessageSize) {
+      failed_ = true;
+      return false;
+    }
+    uint32_t length = htonl(static_cast<uint32_t>(text.size()));
+    buffer_.append(reinterpret_cast<const char*>(&length), sizeof length);
+    buffer_ += text;
+    if (buffer_.size() >= kFlushBytes) Flush();
+    return !failed_;
+  }
+  // Writes out what is buffered; false (and failed()) when the peer is gone.
+  bool Flush() {
+    size_t off = 0;
+    while (!failed_ && off < buffer_.size()) {
+      ssize_t n = send(fd_, buffer_.data() + off, buffer_.size() - off, MSG_NOSIGNAL);
+      if (n < 0 && errno == EINTR) continue;
+      if (n <= 0) {
+        failed_ = true;
+        break;
+      }
+      off += static_cast<size_t>(n);
+    }
+    buffer_.clear();
     return !failed_;
   }
   bool failed() const { return failed_; }
 
  private:
-  kestdaemon::SockConnection& conn_;
+  static constexpr size_t kFlushBytes = 64u << 10;
+  int fd_;
+  std::string buffer_;
   bool failed_ = false;
 };
 
@@ -242,12 +272,12 @@ bool Server::ServeOne(int fd, IndexCache& cache) {
   peer.uid = cred.uid;
   peer.gid = cred.gid;
   BorrowedConnection conn(fd);
-  ConnectionSink sink(conn);
+  ConnectionSink sink(fd);
   std::string request;
   bool ok = conn.Recv(request);
   if (ok) {
     handler_.Handle(request, peer, cache, sink);
-    ok = !sink.failed();
+    ok = sink.Flush();
   }
   return ok;
 }

@@ -7,6 +7,7 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <map>
 
 #ifndef AT_EACCESS
 #define AT_EACCESS 0x200
@@ -96,28 +97,37 @@ bool UserAccess::CanRead(const std::string& path) {
 }
 
 void UserAccess::CheckAll(const std::vector<std::string>& paths) {
-  std::vector<const std::string*> todo;
+  // Grouped by folder: each folder is opened once (as the user, so reaching
+  // it proves the walk down to it), and each file is then checked by name
+  // from there, one path component instead of the whole walk.
+  std::map<std::string, std::vector<const std::string*>> by_dir;
   for (const auto& path : paths) {
-    if (answers_.find(path) == answers_.end()) todo.push_back(&path);
+    if (answers_.count(path)) continue;
+    auto slash = path.rfind('/');
+    if (!known_ || path.empty() || path[0] != '/' || slash == std::string::npos ||
+        slash + 1 == path.size()) {
+      answers_[path] = false;
+      continue;
+    }
+    by_dir[path.substr(0, slash == 0 ? 1 : slash)].push_back(&path);
   }
-  if (todo.empty()) return;
-  if (!known_) {
-    for (const auto* path : todo) answers_[*path] = false;
-    return;
-  }
+  if (by_dir.empty()) return;
   int saved_errno = errno;
   {
     ScopedFsIdentity identity(uid_, gid_, groups_);
-    for (const auto* path : todo) answers_[*path] = identity.ok() && CheckOne(*path);
+    for (const auto& entry : by_dir) {
+      int dir_fd = identity.ok() ? open(entry.first.c_str(), O_PATH | O_DIRECTORY | O_CLOEXEC) : -1;
+      for (const std::string* path : entry.second) {
+        const char* name = path->c_str() + path->rfind('/') + 1;
+        // The lookup of `name` in the folder needs search permission on it,
+        // checked with the user's ids like the rest.
+        answers_[*path] =
+            dir_fd >= 0 && syscall(SYS_faccessat2, dir_fd, name, R_OK, AT_EACCESS) == 0;
+      }
+      if (dir_fd >= 0) close(dir_fd);
+    }
   }
   errno = saved_errno;
-}
-
-bool UserAccess::CheckOne(const std::string& path) {
-  if (path.empty() || path[0] != '/') return false;
-  // With AT_EACCESS the kernel checks with the file-system ids just taken
-  // (plain access() would use the real ids, which stay root's).
-  return syscall(SYS_faccessat2, AT_FDCWD, path.c_str(), R_OK, AT_EACCESS) == 0;
 }
 
 }  // namespace daemon

@@ -42,8 +42,6 @@ class UserAccess {
   uid_t uid() const { return uid_; }
 
  private:
-  bool CheckOne(const std::string& path);
-
   uid_t uid_;
   gid_t gid_ = static_cast<gid_t>(-1);
   std::vector<gid_t> groups_;
