@@ -15,6 +15,8 @@ bool PathExists(const std::string& path) {
 
 void MissingIndexLog::Note(const std::string& index_id) {
   std::lock_guard<std::mutex> lock(mutex_);
+  // Any local user may name any id; the log must not grow without bound.
+  if (ids_.size() >= kMaxMissingIds) return;
   ids_.insert(index_id);
 }
 

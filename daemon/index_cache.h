@@ -35,6 +35,7 @@ constexpr const char kCheckingMarkerSuffix[] = ".checking";
 // of list_db_status. Shared by all workers; thread-safe.
 class MissingIndexLog {
  public:
+  static constexpr size_t kMaxMissingIds = 1024;
   void Note(const std::string& index_id);
   void Forget(const std::string& index_id);
   std::vector<std::string> Ids() const;

@@ -14,6 +14,8 @@
 
 #include <cerrno>
 #include <cstring>
+#include <memory>
+#include <sstream>
 
 namespace kestondri {
 namespace daemon {
@@ -26,6 +28,23 @@ class BorrowedConnection : public kestdaemon::SockConnection {
   ~BorrowedConnection() override { fd_ = -1; }
 };
 
+// Compact JSON text, like Json::toString, with one writer per thread rather
+// than one per message.
+std::string Compact(const Json::Value& value) {
+  thread_local std::unique_ptr<Json::StreamWriter> writer = [] {
+    Json::StreamWriterBuilder b;
+    b["indentation"] = "";
+    b["emitUTF8"] = true;
+    b["commentStyle"] = "None";
+    return std::unique_ptr<Json::StreamWriter>(b.newStreamWriter());
+  }();
+  thread_local std::ostringstream out;
+  out.str(std::string());
+  out.clear();
+  writer->write(value, &out);
+  return out.str();
+}
+
 // Frames replies into one buffer and writes it out in large pieces: a
 // search's hits are many small messages, and one write per message would
 // cost more than the search itself. The framing is the connection's own
@@ -35,7 +54,7 @@ class ConnectionSink : public ReplySink {
   explicit ConnectionSink(int fd) : fd_(fd) {}
   bool Send(const Json::Value& message) override {
     if (failed_) return false;
-    std::string text = Json::toString(message);
+    std::string text = Compact(message);
     if (text.size() > kestdaemon::kMaxMessageSize) {
       failed_ = true;
       return false;
