@@ -252,6 +252,31 @@ int main(int argc, char** argv) {
           if (n < 10) (void)kestondri::daemon::HighlightFragments(d.get_data(), marks, fo);
         }
       });
+      for (int with : {10, 50}) {
+        time("inproc page 50, data of " + std::to_string(with) + " hits only", [&] {
+          Xapian::Enquire e(db);
+          e.set_query(kestondri::daemon::BuildQuery(spec, db));
+          Xapian::MSet m = e.get_mset(0, 50, db.get_doccount());
+          m.fetch();
+          int n = 0;
+          for (auto it = m.begin(); it != m.end() && n < with; ++it, ++n) {
+            (void)it.get_document().get_data();
+          }
+        });
+      }
+      time("inproc page 50 + 50 bounded snippets", [&] {
+        Xapian::Enquire e(db);
+        e.set_query(kestondri::daemon::BuildQuery(spec, db));
+        Xapian::MSet m = e.get_mset(0, 50, db.get_doccount());
+        m.fetch();
+        auto marks = kestondri::daemon::KeywordMarkTerms(q);
+        kestondri::daemon::FragmentOptions fo;
+        fo.num_fragments = 1;
+        fo.scan_limit = 64u << 10;
+        for (auto it = m.begin(); it != m.end(); ++it) {
+          (void)kestondri::daemon::HighlightFragments(it.get_document().get_data(), marks, fo);
+        }
+      });
       time("inproc exact counts, 7 types", [&] {
         for (const char* t : kTypes) {
           QuerySpec s = spec;
