@@ -1,6 +1,7 @@
 #include "command_handler.h"
 
 #include <kest/json.h>
+#include <syslog.h>
 
 #include <algorithm>
 #include <map>
@@ -263,15 +264,13 @@ QuerySpec ReadQuerySpec(const std::string& keyword, const Json::Value& criteria,
   return spec;
 }
 
-// Joins the types of the filters into one query: all must hold.
+// Joins the types of the filters to `query`: all must hold.
 Xapian::Query WithTypes(Xapian::Query query, const std::vector<std::string>& types,
-                        const QuerySpec& base, const Xapian::Database& db) {
+                        const Xapian::Database& db) {
   for (const auto& type : types) {
     QuerySpec only_type;
     only_type.file_type = type;
-    (void)base;
-    Xapian::Query filter = BuildQuery(only_type, db);
-    query = Xapian::Query(Xapian::Query::OP_FILTER, query, filter);
+    query = Xapian::Query(Xapian::Query::OP_FILTER, query, BuildQuery(only_type, db));
   }
   return query;
 }
@@ -305,8 +304,10 @@ void CommandHandler::Handle(const std::string& text, const Peer& peer, IndexCach
   } catch (const DaemonError& e) {
     out.Send(ErrorReply(e.code(), e.what()));
   } catch (const Xapian::Error& e) {
+    syslog(LOG_ERR, "request failed: %s", e.get_description().c_str());
     out.Send(ErrorReply(kErrInternal, "index error: " + e.get_description()));
   } catch (const std::exception& e) {
+    syslog(LOG_ERR, "request failed: %s", e.what());
     out.Send(ErrorReply(kErrInternal, e.what()));
   }
 }
@@ -347,8 +348,7 @@ void CommandHandler::Search(const Json::Value& data, const Peer& peer, IndexCach
   MarkTerms marks = KeywordMarkTerms(spec.keyword);
   MatchPage page;
   try {
-    Xapian::Query query =
-        WithTypes(BuildQuery(spec, shards.combined), types, spec, shards.combined);
+    Xapian::Query query = WithTypes(BuildQuery(spec, shards.combined), types, shards.combined);
     page = RunQuery(shards.combined, query, from, size, access.get());
   } catch (const Xapian::WildcardError& e) {
     throw DaemonError(kErrMalformedQuery, "wildcard matches too many terms: " + e.get_msg());
@@ -499,7 +499,7 @@ void CommandHandler::Indicate(const Json::Value& data, const Peer& peer, IndexCa
         if (!slot) slot = MakeAccess(uid, peer);
         access = slot.get();
       }
-      Xapian::Query xq = WithTypes(BuildQuery(spec, shards.combined), types, spec, shards.combined);
+      Xapian::Query xq = WithTypes(BuildQuery(spec, shards.combined), types, shards.combined);
       MatchPage page = RunQuery(shards.combined, xq, 0, 0, access);
       counts[q["name"].asString()] = static_cast<Json::UInt64>(page.total);
     }

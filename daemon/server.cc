@@ -194,7 +194,9 @@ void Server::Park(int fd) {
   epoll_event ev{};
   ev.events = EPOLLIN | EPOLLRDHUP | EPOLLONESHOT;
   ev.data.fd = fd;
-  if (epoll_ctl(epoll_fd_, EPOLL_CTL_MOD, fd, &ev) != 0) {
+  // A connection that went straight to a worker was never registered.
+  if (epoll_ctl(epoll_fd_, EPOLL_CTL_MOD, fd, &ev) != 0 &&
+      (errno != ENOENT || epoll_ctl(epoll_fd_, EPOLL_CTL_ADD, fd, &ev) != 0)) {
     idle_since_.erase(fd);
     close(fd);
   }
@@ -229,6 +231,14 @@ void Server::PollLoop() {
           setsockopt(conn, SOL_SOCKET, SO_RCVTIMEO, &tv, sizeof(tv));
           setsockopt(conn, SOL_SOCKET, SO_SNDTIMEO, &tv, sizeof(tv));
           std::lock_guard<std::mutex> lock(mutex_);
+          // Clients send their request right after connecting: when it is
+          // already there, skip a round through epoll.
+          char probe;
+          if (recv(conn, &probe, 1, MSG_PEEK | MSG_DONTWAIT) >= 0) {
+            pending_.push_back(conn);
+            cv_.notify_one();
+            continue;
+          }
           idle_since_[conn] = time(nullptr);
           epoll_event ev{};
           ev.events = EPOLLIN | EPOLLRDHUP | EPOLLONESHOT;

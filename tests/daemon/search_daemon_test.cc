@@ -1,17 +1,23 @@
 // The real kestelasticd on real indices of real files in the sandbox: what
 // each command answers, who may see what, damaged and missing indices,
 // malformed requests and many clients at once.
+#include <fcntl.h>
 #include <gtest/gtest.h>
 #include <kest/json.h>
 #include <kestdaemon/sock_connection.h>
+#include <signal.h>
+#include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/time.h>
+#include <sys/un.h>
+#include <sys/wait.h>
 #include <unistd.h>
 #include <xapian.h>
 
 #include <algorithm>
 #include <atomic>
 #include <cstdlib>
+#include <cstring>
 #include <set>
 #include <string>
 #include <thread>
@@ -585,6 +591,55 @@ TEST_F(SearchDaemonTest, SearchesARemoteIndexTogetherWithLocalOnes) {
   int status;
   waitpid(server, &status, 0);
   unlink("/volume2/@kestondri/index/far");
+}
+
+TEST(SearchDaemonLifecycleTest, ReplacesAStaleSocketAndRemovesItsOwnOnExit) {
+  const std::string sock = "/run/lifecycle.sock";
+  // A socket file left by a daemon that died.
+  {
+    int fd = socket(AF_UNIX, SOCK_STREAM, 0);
+    sockaddr_un addr{};
+    addr.sun_family = AF_UNIX;
+    strcpy(addr.sun_path, sock.c_str());
+    ASSERT_EQ(0, bind(fd, reinterpret_cast<sockaddr*>(&addr), sizeof addr));
+    close(fd);
+  }
+  pid_t pid = fork();
+  if (pid == 0) {
+    std::string program = std::string(KEST_BINARY_DIR) + "/daemon/kestelasticd";
+    execl(program.c_str(), program.c_str(), "--socket", sock.c_str(), "--index",
+          "fileindex_x=/nonexistent", static_cast<char*>(nullptr));
+    _exit(127);
+  }
+  bool up = false;
+  for (int i = 0; i < 500 && !up; ++i) {
+    kestdaemon::DomainSockConnection conn(sock);
+    up = conn.Connect(5);
+    if (!up) usleep(10000);
+  }
+  EXPECT_TRUE(up);
+  struct stat st;
+  ASSERT_EQ(0, stat(sock.c_str(), &st));
+  EXPECT_EQ(0666u, st.st_mode & 0777);
+  kill(pid, SIGTERM);
+  int status = 0;
+  waitpid(pid, &status, 0);
+  EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0);
+  EXPECT_NE(0, access(sock.c_str(), F_OK));
+
+  // Something that is not a socket is never removed to make room.
+  WriteFile(sock, "precious");
+  pid = fork();
+  if (pid == 0) {
+    std::string program = std::string(KEST_BINARY_DIR) + "/daemon/kestelasticd";
+    int devnull = open("/dev/null", O_WRONLY);
+    dup2(devnull, 2);
+    execl(program.c_str(), program.c_str(), "--socket", sock.c_str(), static_cast<char*>(nullptr));
+    _exit(127);
+  }
+  waitpid(pid, &status, 0);
+  EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 1);
+  EXPECT_EQ("precious", ReadFile(sock));
 }
 
 }  // namespace
