@@ -142,19 +142,27 @@ std::vector<std::string> PathsOf(const Xapian::Database& db,
   return paths;
 }
 
+// Totals of unfiltered searches that may be estimates are exact up to here.
+constexpr Xapian::doccount kExactUpTo = 1000;
+
 // Runs `query` and keeps the page [from, from + size) of what `access` lets
-// through (everything when it is null). The total is exact and counts only
-// what passes.
+// through (everything when it is null). The total counts only what passes;
+// it is exact when filtered or when `exact_total`, else Xapian's estimate.
 MatchPage RunQuery(const Xapian::Database& db, const Xapian::Query& query, int64_t from,
-                   int64_t size, UserAccess* access) {
+                   int64_t size, UserAccess* access, bool exact_total = true) {
   MatchPage page;
   Xapian::Enquire enquire(db);
   enquire.set_query(query);
   enquire.set_docid_order(Xapian::Enquire::ASCENDING);
   Xapian::doccount all = db.get_doccount();
   if (!access) {
+    // An estimate is exact up to kExactUpTo matches and close beyond.
+    Xapian::doccount check =
+        exact_total
+            ? all
+            : std::max<Xapian::doccount>(kExactUpTo, static_cast<Xapian::doccount>(from + size));
     Xapian::MSet mset = enquire.get_mset(static_cast<Xapian::doccount>(from),
-                                         static_cast<Xapian::doccount>(size), all);
+                                         static_cast<Xapian::doccount>(size), check);
     page.total = mset.get_matches_estimated();
     // Prefetching lets a remote index send all the page's documents in one
     // go; Xapian 1.4 crashes prefetching a page that does not start at 0.
@@ -336,6 +344,9 @@ void CommandHandler::Search(const Json::Value& data, const Peer& peer, IndexCach
   }
   std::optional<uid_t> filter_uid = FilterUid(data["filters"], peer);
   std::vector<std::string> types = FilterTypes(data["filters"]);
+  const Json::Value& accurate = data["accurate_sum"];
+  if (!accurate.isNull() && !accurate.isBool()) Malformed("\"accurate_sum\" is not a boolean");
+  bool exact_total = accurate.isNull() || accurate.asBool();
   Shards shards = OpenShards(data["indice"], cache);
 
   if (shards.ids.empty()) {
@@ -349,7 +360,7 @@ void CommandHandler::Search(const Json::Value& data, const Peer& peer, IndexCach
   MatchPage page;
   try {
     Xapian::Query query = WithTypes(BuildQuery(spec, shards.combined), types, shards.combined);
-    page = RunQuery(shards.combined, query, from, size, access.get());
+    page = RunQuery(shards.combined, query, from, size, access.get(), exact_total);
   } catch (const Xapian::WildcardError& e) {
     throw DaemonError(kErrMalformedQuery, "wildcard matches too many terms: " + e.get_msg());
   } catch (const Xapian::DatabaseError&) {
