@@ -236,6 +236,18 @@ int main(int argc, char** argv) {
         total = m.get_matches_estimated();
       });
       totals[q] = total;
+      time("inproc page 50 with data, total exact to 1000", [&] {
+        Xapian::Enquire e(db);
+        e.set_query(kestondri::daemon::BuildQuery(spec, db));
+        Xapian::MSet m = e.get_mset(0, 50, 1000);
+        m.fetch();
+        for (auto it = m.begin(); it != m.end(); ++it) {
+          Xapian::Document d = it.get_document();
+          (void)d.get_value(kestondri::index::kSlotPath);
+          (void)d.get_value(kestondri::index::kSlotName);
+          (void)d.get_value(kestondri::index::kSlotSize);
+        }
+      });
       time("inproc page 50 + 10 bounded snippets", [&] {
         Xapian::Enquire e(db);
         e.set_query(kestondri::daemon::BuildQuery(spec, db));
@@ -294,7 +306,8 @@ int main(int argc, char** argv) {
       });
       std::vector<Json::Value> reply;
       time("daemon search page 50", [&] { reply = Exchange(o.socket, search); });
-      if (warm && o.filter_uid < 0 && !reply.empty() && reply[0]["total"].asUInt() != total) {
+      if (warm && o.filter_uid < 0 && !reply.empty() && total <= 1000 &&
+          reply[0]["total"].asUInt() != total) {
         std::fprintf(stderr, "total differs for %s: %u vs %u\n", q.c_str(),
                      reply[0]["total"].asUInt(), total);
       }
