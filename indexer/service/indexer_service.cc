@@ -1,0 +1,308 @@
+#include "service/indexer_service.h"
+
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <syslog.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <ctime>
+#include <exception>
+#include <thread>
+
+#include "kest/klib.h"
+#include "kestondri/fileindex.h"
+#include "service/term_suggest.h"
+#include "service/watcher.h"
+
+namespace kestondri {
+namespace indexer {
+namespace {
+
+std::set<std::string> ConfiguredSharePaths() {
+  std::set<std::string> out;
+  PKLIBCSZLIST names = KLIBCSzListAlloc(16);
+  if (!names) return out;
+  if (KLIBShareEnum(&names, nullptr) >= 0) {
+    for (int i = 0; i < names->nItem; ++i) {
+      PKESTSHARE share = nullptr;
+      if (KESTShareGet(KLIBCSzListGet(names, i), &share) == 0 && share) {
+        out.insert(share->szPath);
+        KESTShareFree(share);
+      }
+    }
+  }
+  KLIBCSzListFree(names);
+  return out;
+}
+
+std::string QueuePathOf(const std::string& share_path) {
+  char path[4096] = {0};
+  if (FILEIDXQueuePathCompose(share_path.c_str(), path, sizeof path) < 0) return "";
+  return path;
+}
+
+}  // namespace
+
+IndexerService::IndexerService(ServiceOptions options)
+    : options_(std::move(options)), extractor_(options_.extractor) {}
+
+IndexerService::~IndexerService() {
+  if (suggest_pid_ > 0) waitpid(suggest_pid_, nullptr, 0);
+}
+
+void IndexerService::Stop() {
+  stop_ = true;
+  std::lock_guard<std::mutex> guard(wake_mutex_);
+  woken_ = true;
+  wake_.notify_all();
+}
+
+void IndexerService::Wait(std::chrono::milliseconds timeout) {
+  std::unique_lock<std::mutex> lock(wake_mutex_);
+  wake_.wait_for(lock, timeout, [this] { return woken_ || stop_; });
+  woken_ = false;
+}
+
+bool IndexerService::Paused() const {
+  const auto now = std::chrono::steady_clock::now();
+  if (now - pause_checked_ < std::chrono::milliseconds(500)) return paused_;
+  pause_checked_ = now;
+  try {
+    const int64_t until = fileindex::StatusMgr().GetPauseInfo();
+    paused_ = until == 0 || until > static_cast<int64_t>(time(nullptr));
+  } catch (const std::exception& e) {
+    syslog(LOG_ERR, "index: cannot read the pause state: %s", e.what());
+    paused_ = true;  // nothing is lost by waiting
+  }
+  return paused_;
+}
+
+QueueFile& IndexerService::QueueOf(const std::string& share_path) {
+  std::lock_guard<std::mutex> guard(queues_mutex_);
+  auto& q = queues_[share_path];
+  if (!q) q.reset(new QueueFile(QueuePathOf(share_path)));
+  return *q;
+}
+
+ShareIndex* IndexerService::IndexOf(const std::string& share_path) {
+  auto& index = indices_[share_path];
+  if (!index) index.reset(new ShareIndex(share_path, options_.commit));
+  if (index->is_open()) return index.get();
+  auto failing = failing_.find(share_path);
+  if (failing != failing_.end() && std::chrono::steady_clock::now() < failing->second) {
+    return nullptr;
+  }
+  std::string error;
+  if (!index->Open(&error)) {
+    syslog(LOG_ERR, "index: cannot open the index of %s: %s", share_path.c_str(), error.c_str());
+    failing_[share_path] = std::chrono::steady_clock::now() + std::chrono::seconds(30);
+    return nullptr;
+  }
+  failing_.erase(share_path);
+  return index.get();
+}
+
+void IndexerService::Refresh() {
+  try {
+    folders_ = FolderTable::Load();
+  } catch (const std::exception& e) {
+    syslog(LOG_ERR, "index: cannot read the folder store: %s", e.what());
+    if (!folders_) folders_ = std::make_shared<const FolderTable>();
+  }
+  share_paths_ = ConfiguredSharePaths();
+  for (const auto& f : folders_->folders()) share_paths_.insert(f.share_path);
+}
+
+void IndexerService::QueueAllFolders() {
+  std::map<std::string, std::vector<QueueItem>> items;
+  for (const auto& f : folders_->folders()) {
+    items[f.share_path].push_back({kQueueOpReindex, f.path});
+  }
+  for (const auto& share : items) {
+    try {
+      QueueOf(share.first).Append(share.second);
+    } catch (const std::exception& e) {
+      syslog(LOG_ERR, "index: cannot queue the folders of %s: %s", share.first.c_str(), e.what());
+    }
+  }
+}
+
+// The library queues a folder before its change of the store commits, so an
+// entry may have been worked on with the store as it was. Every folder whose
+// entry changed is walked again with the store as it is now; the walk only
+// touches what differs.
+void IndexerService::QueueChangedFolders(const FolderTable& old) {
+  std::map<std::string, std::vector<QueueItem>> items;
+  for (const auto& f : folders_->folders()) {
+    bool same = false;
+    for (const auto& o : old.folders()) same = same || o == f;
+    if (!same) items[f.share_path].push_back({kQueueOpReindex, f.path});
+  }
+  for (const auto& o : old.folders()) {
+    bool kept = false;
+    for (const auto& f : folders_->folders()) kept = kept || f.path == o.path;
+    if (!kept) items[o.share_path].push_back({kQueueOpRemove, o.path});
+  }
+  for (const auto& share : items) {
+    try {
+      QueueOf(share.first).Append(share.second);
+    } catch (const std::exception& e) {
+      syslog(LOG_ERR, "index: cannot queue the folders of %s: %s", share.first.c_str(), e.what());
+    }
+  }
+}
+
+void IndexerService::OnChanges(const std::map<std::string, std::vector<std::string>>& changes) {
+  for (const auto& share : changes) {
+    std::vector<QueueItem> items;
+    for (const auto& path : share.second) items.push_back({kQueueOpReindex, path});
+    try {
+      QueueOf(share.first).Append(items);
+    } catch (const std::exception& e) {
+      // The periodic check finds these changes again.
+      syslog(LOG_ERR, "index: cannot queue changes of %s: %s", share.first.c_str(), e.what());
+    }
+  }
+  std::lock_guard<std::mutex> guard(wake_mutex_);
+  woken_ = true;
+  wake_.notify_all();
+}
+
+// Works through one share's queue; the number of entries finished.
+size_t IndexerService::ProcessShare(const std::string& share_path) {
+  QueueFile& queue = QueueOf(share_path);
+  if (!queue.HasWork()) return 0;
+  std::vector<QueueItem> items;
+  try {
+    items = queue.Take();
+  } catch (const std::exception& e) {
+    syslog(LOG_ERR, "index: cannot read the queue of %s: %s", share_path.c_str(), e.what());
+    return 0;
+  }
+  std::vector<QueueItem> done;
+  struct stat st;
+  if (stat(share_path.c_str(), &st) != 0) {
+    // The share's folder is gone (its volume still holds the queue): there
+    // is nothing to index into.
+    done = items;
+  } else {
+    ShareIndex* index = IndexOf(share_path);
+    if (!index) return 0;
+    auto interrupted = [this] { return stop_.load() || Paused(); };
+    try {
+      for (const auto& item : items) {
+        if (interrupted()) break;
+        if (!PathWithin(item.path, share_path)) {
+          done.push_back(item);  // not of this share: nothing to do here
+          continue;
+        }
+        const IndexedFolder* folder = folders_->Governing(item.path);
+        if (folder && folder->paused) continue;  // stays queued until the folder resumes
+        const SyncResult r =
+            index->Sync(item.path, *folders_, extractor_, options_.limits, interrupted);
+        if (r.changed) {
+          changed_dbs_.insert(index->db_path());
+          last_change_ = std::chrono::steady_clock::now();
+        }
+        if (!r.completed) break;
+        done.push_back(item);
+      }
+      index->Commit();
+    } catch (const Xapian::Error& e) {
+      syslog(LOG_ERR, "index: %s: %s", index->db_path().c_str(), e.get_description().c_str());
+      try {
+        index->Close();
+      } catch (const Xapian::Error&) {
+      }
+      indices_.erase(share_path);
+      failing_[share_path] = std::chrono::steady_clock::now() + std::chrono::seconds(30);
+      return 0;
+    }
+  }
+  try {
+    queue.Finish(done);
+  } catch (const std::exception& e) {
+    syslog(LOG_ERR, "index: cannot update the queue of %s: %s", share_path.c_str(), e.what());
+  }
+  return done.size();
+}
+
+bool IndexerService::SuggestRunning() {
+  if (suggest_pid_ <= 0) return false;
+  int status = 0;
+  const pid_t r = waitpid(suggest_pid_, &status, WNOHANG);
+  if (r == 0) return true;
+  suggest_pid_ = -1;
+  return false;
+}
+
+void IndexerService::MaybeSuggest() {
+  if (options_.suggest_program.empty() || changed_dbs_.empty() || SuggestRunning()) return;
+  if (std::chrono::steady_clock::now() - last_change_ < options_.suggest_delay) return;
+  // The updater needs the write lock of the databases it rebuilds.
+  for (auto& index : indices_) {
+    if (changed_dbs_.count(index.second->db_path())) index.second->Close();
+  }
+  std::vector<std::string> dbs(changed_dbs_.begin(), changed_dbs_.end());
+  suggest_pid_ = SpawnTermSuggest(options_.suggest_program, options_.suggest_pid_file, dbs);
+  changed_dbs_.clear();
+}
+
+int IndexerService::Run() {
+  Refresh();
+  Watcher watcher([this](const std::map<std::string, std::vector<std::string>>& changes) {
+    OnChanges(changes);
+  });
+  watcher.SetFolders(folders_);
+  std::thread watching([&watcher] { watcher.Run(); });
+  syslog(LOG_INFO, "index: started, %zu folders", folders_->folders().size());
+
+  // The first walk of every folder: after a restart it only looks at what
+  // changed meanwhile.
+  QueueAllFolders();
+  auto last_check = std::chrono::steady_clock::now();
+  auto last_refresh = last_check;
+
+  while (!stop_) {
+    const auto now = std::chrono::steady_clock::now();
+    if (now - last_refresh >= options_.refresh_interval) {
+      last_refresh = now;
+      std::shared_ptr<const FolderTable> old = folders_;
+      Refresh();
+      if (!(*old == *folders_)) {
+        watcher.SetFolders(folders_);
+        QueueChangedFolders(*old);
+      }
+    }
+    if (now - last_check >= options_.check_interval) {
+      last_check = now;
+      QueueAllFolders();
+      watcher.Rescan();
+    }
+    bool busy = false;
+    if (!SuggestRunning() && !Paused()) {
+      for (const auto& share_path : share_paths_) {
+        if (stop_) break;
+        if (ProcessShare(share_path) > 0) busy = true;
+      }
+      if (!busy) MaybeSuggest();
+    }
+    Wait(busy ? std::chrono::milliseconds(50) : std::chrono::milliseconds(500));
+  }
+
+  watcher.Stop();
+  watching.join();
+  for (auto& index : indices_) {
+    try {
+      index.second->Close();
+    } catch (const Xapian::Error& e) {
+      syslog(LOG_ERR, "index: %s: %s", index.first.c_str(), e.get_description().c_str());
+    }
+  }
+  syslog(LOG_INFO, "index: stopped");
+  return 0;
+}
+
+}  // namespace indexer
+}  // namespace kestondri

@@ -1,0 +1,236 @@
+#include "service/share_index.h"
+
+#include <dirent.h>
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <syslog.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstring>
+#include <map>
+#include <vector>
+
+#include "extract/extractor.h"
+#include "index_schema.h"
+#include "kest/klib.h"
+
+namespace kestondri {
+namespace indexer {
+namespace {
+
+// What an indexed document says about its file, to tell whether it changed.
+struct Known {
+  Xapian::docid id = 0;
+  int64_t mtime = 0;
+  uint64_t size = 0;
+  uint32_t owner = 0;
+  bool is_dir = false;
+};
+
+// The package's own data, and what the walk never follows.
+bool Skipped(const char* name) {
+  return strncmp(name, "@kestondri", 10) == 0 || strcmp(name, "@eaDir") == 0;
+}
+
+bool MakeIndexDir(const std::string& dir) {
+  if (mkdir(dir.c_str(), 0700) == 0) return chown(dir.c_str(), 0, 0) == 0;
+  return errno == EEXIST;
+}
+
+std::string BaseName(const std::string& path) {
+  const size_t slash = path.rfind('/');
+  return slash == std::string::npos ? path : path.substr(slash + 1);
+}
+
+}  // namespace
+
+ShareIndex::ShareIndex(std::string share_path, CommitPolicy policy)
+    : share_path_(std::move(share_path)), policy_(policy) {
+  char db[4096] = {0};
+  if (FILEIDXDBPathCompose(share_path_.c_str(), db, sizeof db) == 0) db_path_ = db;
+}
+
+ShareIndex::~ShareIndex() {
+  try {
+    Close();
+  } catch (const Xapian::Error& e) {
+    syslog(LOG_ERR, "index %s: commit failed: %s", db_path_.c_str(), e.get_description().c_str());
+  }
+}
+
+bool ShareIndex::Open(std::string* error) {
+  if (db_) return true;
+  struct stat st;
+  if (db_path_.empty()) {
+    *error = "no index path for " + share_path_;
+    return false;
+  }
+  if (stat(share_path_.c_str(), &st) != 0 || !S_ISDIR(st.st_mode)) {
+    *error = "share folder " + share_path_ + " is missing";
+    return false;
+  }
+  // <volume>/@kestondri/index holds the text of private files: root's only.
+  const std::string index_dir = db_path_.substr(0, db_path_.rfind('/'));
+  if (!MakeIndexDir(index_dir.substr(0, index_dir.rfind('/'))) || !MakeIndexDir(index_dir)) {
+    *error = "cannot create " + index_dir + ": " + strerror(errno);
+    return false;
+  }
+  try {
+    db_.reset(new Xapian::WritableDatabase(db_path_, Xapian::DB_CREATE_OR_OPEN));
+  } catch (const Xapian::Error& e) {
+    *error = e.get_description();
+    return false;
+  }
+  pending_ = 0;
+  return true;
+}
+
+void ShareIndex::Close() {
+  if (!db_) return;
+  std::unique_ptr<Xapian::WritableDatabase> db = std::move(db_);
+  if (pending_) db->commit();
+  pending_ = 0;
+  db->close();
+}
+
+void ShareIndex::Commit() {
+  if (!db_ || !pending_) return;
+  db_->commit();
+  pending_ = 0;
+}
+
+void ShareIndex::CommitIfDue() {
+  if (!pending_) return;
+  if (pending_ >= policy_.max_documents ||
+      std::chrono::steady_clock::now() - first_pending_ >= policy_.max_delay) {
+    Commit();
+  }
+}
+
+void ShareIndex::Changed() {
+  if (pending_++ == 0) first_pending_ = std::chrono::steady_clock::now();
+  CommitIfDue();
+}
+
+SyncResult ShareIndex::Sync(const std::string& path, const FolderTable& folders,
+                            Extractor& extractor, const ExtractLimits& limits,
+                            const std::function<bool()>& interrupted) {
+  SyncResult result;
+  if (!db_) return result;
+  Xapian::WritableDatabase& db = *db_;
+
+  // Every document at or below `path`. Unique terms keep the first bytes of
+  // the path whole, so a prefix scan finds them; the path value decides.
+  std::map<std::string, Known> known;
+  {
+    const std::string unique = index::UniqueTerm(path);
+    const std::string prefix = unique.substr(0, std::min(unique.size(), size_t{1} + 160));
+    for (auto t = db.allterms_begin(prefix); t != db.allterms_end(prefix); ++t) {
+      for (auto p = db.postlist_begin(*t); p != db.postlist_end(*t); ++p) {
+        const Xapian::Document doc = db.get_document(*p);
+        const std::string doc_path = index::SlotText(doc, index::kSlotPath);
+        if (!PathWithin(doc_path, path)) continue;
+        Known k;
+        k.id = *p;
+        k.mtime = static_cast<int64_t>(index::SlotNumber(doc, index::kSlotMTime));
+        k.size = static_cast<uint64_t>(index::SlotNumber(doc, index::kSlotSize));
+        k.owner = static_cast<uint32_t>(std::stoul("0" + index::SlotText(doc, index::kSlotOwner)));
+        k.is_dir = index::SlotText(doc, index::kSlotIsDir) == "1";
+        known[doc_path] = k;
+      }
+    }
+  }
+
+  std::vector<std::string> kept;  // paused folders: their documents stay as they are
+
+  auto index_one = [&](const std::string& p, const struct stat& st, const IndexedFolder& folder,
+                       bool force) {
+    const bool is_dir = S_ISDIR(st.st_mode);
+    index::FileRecord record;
+    record.path = p;
+    record.name = BaseName(p);
+    record.is_dir = is_dir;
+    record.extension = index::ExtensionOfName(record.name, is_dir);
+    const std::string type = is_dir ? "folder" : index::FileTypeOfExtension(record.extension);
+    auto it = known.find(p);
+    const bool wanted = folder.WantsType(type);
+    if (!wanted) return;  // left in `known`: removed below
+    record.size = is_dir ? 0 : static_cast<uint64_t>(st.st_size);
+    record.mtime = st.st_mtime;
+    record.owner_uid = st.st_uid;
+    if (it != known.end()) {
+      const Known& k = it->second;
+      const bool same = k.mtime == record.mtime && k.size == record.size &&
+                        k.owner == record.owner_uid && k.is_dir == is_dir;
+      known.erase(it);
+      if (same && !force) return;
+    }
+    if (!is_dir) {
+      ExtractResult extracted = extractor.Extract(p, limits);
+      record.text = std::move(extracted.text);
+    }
+    db.replace_document(index::UniqueTerm(p), index::MakeDocument(record));
+    ++result.changed;
+    Changed();
+  };
+
+  struct stat st;
+  if (lstat(path.c_str(), &st) == 0 && (S_ISDIR(st.st_mode) || S_ISREG(st.st_mode)) &&
+      PathWithin(path, share_path_)) {
+    std::vector<std::string> dirs;
+    auto visit = [&](const std::string& p, const struct stat& s, bool force) {
+      const IndexedFolder* folder = folders.Governing(p);
+      if (folder && folder->paused) {
+        kept.push_back(folder->path);
+        return;
+      }
+      if (folder) index_one(p, s, *folder, force);
+      // Below a folder nobody indexes there may still be indexed folders.
+      if (S_ISDIR(s.st_mode) && (folder || !folders.Within(p).empty())) dirs.push_back(p);
+    };
+    visit(path, st, true);
+    while (!dirs.empty()) {
+      if (interrupted()) return result;
+      const std::string dir = dirs.back();
+      dirs.pop_back();
+      DIR* d = opendir(dir.c_str());
+      if (!d) {
+        syslog(LOG_WARNING, "index: cannot read folder %s: %s", dir.c_str(), strerror(errno));
+        continue;
+      }
+      std::vector<std::string> names;
+      while (struct dirent* e = readdir(d)) {
+        if (strcmp(e->d_name, ".") == 0 || strcmp(e->d_name, "..") == 0 || Skipped(e->d_name)) {
+          continue;
+        }
+        names.emplace_back(e->d_name);
+      }
+      closedir(d);
+      for (const auto& name : names) {
+        if (interrupted()) return result;
+        const std::string child = dir == "/" ? "/" + name : dir + "/" + name;
+        struct stat cs;
+        if (lstat(child.c_str(), &cs) != 0) continue;  // gone meanwhile: removed below
+        // Symbolic links, devices, sockets: not files of the share.
+        if (!S_ISDIR(cs.st_mode) && !S_ISREG(cs.st_mode)) continue;
+        visit(child, cs, false);
+      }
+    }
+  }
+
+  for (const auto& entry : known) {
+    bool keep = false;
+    for (const auto& k : kept) keep = keep || PathWithin(entry.first, k);
+    if (keep) continue;
+    if (interrupted()) return result;
+    db.delete_document(entry.second.id);
+    ++result.changed;
+    Changed();
+  }
+  result.completed = true;
+  return result;
+}
+
+}  // namespace indexer
+}  // namespace kestondri

@@ -1,0 +1,83 @@
+// The Xapian database of one share, as the indexer writes it: brings the
+// documents below a path in line with the disk and the folder store, and
+// commits in batches so that readers see whole batches.
+//
+// Not thread-safe: the indexer's worker thread owns every ShareIndex. Xapian
+// errors propagate as Xapian::Error; a database that cannot be opened is
+// reported by Open().
+#ifndef KESTONDRI_INDEXER_SERVICE_SHARE_INDEX_H_
+#define KESTONDRI_INDEXER_SERVICE_SHARE_INDEX_H_
+
+#include <xapian.h>
+
+#include <chrono>
+#include <cstdint>
+#include <functional>
+#include <memory>
+#include <string>
+
+#include "extract/extract_types.h"
+#include "service/folder_table.h"
+
+namespace kestondri {
+namespace indexer {
+
+class Extractor;
+
+struct CommitPolicy {
+  size_t max_documents = 1000;                // commit after this many changed documents
+  std::chrono::milliseconds max_delay{1000};  // or when the first of them is this old
+};
+
+struct SyncResult {
+  bool completed = false;  // false: interrupted, the entry must stay queued
+  size_t changed = 0;      // documents added, replaced or deleted
+};
+
+class ShareIndex {
+ public:
+  ShareIndex(std::string share_path, CommitPolicy policy);
+  ~ShareIndex();
+  ShareIndex(const ShareIndex&) = delete;
+  ShareIndex& operator=(const ShareIndex&) = delete;
+
+  const std::string& share_path() const { return share_path_; }
+  const std::string& db_path() const { return db_path_; }
+
+  // Opens (creating when needed) the database. False, with `error` set, when
+  // the share's folder is missing (an unmounted volume: nothing is created
+  // on the mount point) or the database cannot be opened.
+  bool Open(std::string* error);
+  bool is_open() const { return db_ != nullptr; }
+  // Commits what is pending and lets the database go (another writer, the
+  // term-suggestion updater, may then open it).
+  void Close();
+
+  // Makes the documents at and below `path` match the disk: new and changed
+  // files and folders are (re)indexed, vanished ones and those the folder
+  // store no longer wants are removed. Documents under a paused folder are
+  // left alone. `path` itself is always indexed again (it is what changed);
+  // below it only what differs in size, time or owner. Stops early, with
+  // completed false, when `interrupted` answers true.
+  SyncResult Sync(const std::string& path, const FolderTable& folders, Extractor& extractor,
+                  const ExtractLimits& limits, const std::function<bool()>& interrupted);
+
+  // Commits when the policy says so, or now.
+  void CommitIfDue();
+  void Commit();
+
+ private:
+  void Changed();
+
+  const std::string share_path_;
+  std::string db_path_;
+  const CommitPolicy policy_;
+  std::unique_ptr<Xapian::WritableDatabase> db_;
+  size_t pending_ = 0;
+  std::chrono::steady_clock::time_point first_pending_;
+};
+
+}  // namespace indexer
+}  // namespace kestondri
+
+#endif  // KESTONDRI_INDEXER_SERVICE_SHARE_INDEX_H_
