@@ -184,9 +184,9 @@ MatchPage RunQuery(const Xapian::Database& db, const Xapian::Query& query, int64
     weights.push_back(it.get_weight());
   }
   std::vector<std::string> paths = PathsOf(db, ids);
-  access->CheckAll(paths);
+  std::vector<bool> visible = access->CheckAll(paths);
   for (size_t i = 0; i < ids.size(); ++i) {
-    if (!access->CanRead(paths[i])) continue;
+    if (!visible[i]) continue;
     int64_t rank = page.total++;
     if (rank >= from && rank < from + size) {
       page.hits.push_back({ids[i], weights[i], db.get_document(ids[i])});
