@@ -336,11 +336,18 @@ void CommandHandler::Search(const Json::Value& data, const Peer& peer, IndexCach
   std::vector<HighlightSpec> highlights;
   const Json::Value& hl = data["highlight"];
   if (hl.isArray()) {
-    for (const auto& h : hl) highlights.push_back(ReadHighlightSpec(h, kHitScanLimit));
+    for (const auto& h : hl) {
+      if (highlights.size() == kMaxHitHighlights) break;
+      highlights.push_back(ReadHighlightSpec(h, kHitScanLimit));
+    }
   } else if (hl.isObject()) {
     highlights.push_back(ReadHighlightSpec(hl, kHitScanLimit));
   } else if (!hl.isNull()) {
     Malformed("\"highlight\" is neither an array nor an object");
+  }
+  // Keeps a whole page of hits well inside what a client will read.
+  for (auto& h : highlights) {
+    h.options.num_fragments = std::min(h.options.num_fragments, kMaxHitFragments);
   }
   std::optional<uid_t> filter_uid = FilterUid(data["filters"], peer);
   std::vector<std::string> types = FilterTypes(data["filters"]);
