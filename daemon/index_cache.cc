@@ -58,6 +58,17 @@ Xapian::Database* IndexCache::Open(const std::string& index_id, IndexState* stat
   }
   missing_.Forget(index_id);
 
+  // A remote index that did not answer is not asked again at once: each
+  // attempt may wait for a connection time-out.
+  auto down = unreachable_until_.find(index_id);
+  if (down != unreachable_until_.end()) {
+    if (std::chrono::steady_clock::now() < down->second) {
+      *state = IndexState::kUnknown;
+      return nullptr;
+    }
+    unreachable_until_.erase(down);
+  }
+
   auto it = open_.find(index_id);
   if (it != open_.end()) {
     try {
@@ -80,6 +91,7 @@ Xapian::Database* IndexCache::Open(const std::string& index_id, IndexState* stat
     *state = IndexState::kReady;
     return raw;
   } catch (const Xapian::NetworkError&) {
+    unreachable_until_[index_id] = std::chrono::steady_clock::now() + kRemoteRetryDelay;
     *state = IndexState::kUnknown;
   } catch (const Xapian::DatabaseLockError&) {
     *state = IndexState::kChecking;
