@@ -370,8 +370,9 @@ void CommandHandler::Search(const Json::Value& data, const Peer& peer, IndexCach
     page = RunQuery(shards.combined, query, from, size, access.get(), exact_total);
   } catch (const Xapian::WildcardError& e) {
     throw DaemonError(kErrMalformedQuery, "wildcard matches too many terms: " + e.get_msg());
-  } catch (const Xapian::DatabaseError&) {
-    // Damaged or replaced under us: forget it so the next request reopens.
+  } catch (const Xapian::Error&) {
+    // Damaged, replaced or (remote) gone under us: forget it so the next
+    // request reopens or reports it.
     for (const auto& id : shards.ids) cache.Drop(id);
     throw;
   }

@@ -605,6 +605,15 @@ TEST_F(SearchDaemonTest, SearchesARemoteIndexTogetherWithLocalOnes) {
   kill(server, SIGTERM);
   int status;
   waitpid(server, &status, 0);
+
+  // With its server gone the remote index is unknown; the local ones answer.
+  EXPECT_EQ(Names{"report.txt"},
+            HitNames(Exchange(SearchRequest({"fileindex_far", kDocs}, "faraway OR quarterly"))));
+  auto status_reply = Exchange(Request("list_db_status", Json::Value(Json::objectValue)));
+  ASSERT_EQ(1u, status_reply.size());
+  Names unknown;
+  for (const auto& u : status_reply[0]["data"]["unknown"]) unknown.push_back(u.asString());
+  EXPECT_NE(unknown.end(), std::find(unknown.begin(), unknown.end(), "fileindex_far"));
   unlink("/volume2/@kestondri/index/far");
 }
 
