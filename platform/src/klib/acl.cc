@@ -26,6 +26,7 @@
 #include <vector>
 
 #include "config.h"
+#include "errno_keeper.h"
 #include "kest/klib.h"
 
 namespace {
@@ -119,20 +120,22 @@ int FromAcl(const char* path, const struct stat& st, uid_t uid, const std::vecto
 
 extern "C" int KESTACLPermCalc(const char* szUserName, PKLIBCSZLIST pGroupList, const char* szPath,
                                int* pPerm) {
+  ErrnoKeeper errno_keeper;
   if (!szUserName || !szPath || !pPerm) {
     KLIBCErrSet(KLIB_ERR_BAD_PARAM);
     return -1;
   }
   uid_t uid;
   std::vector<gid_t> groups;
-  if (!kest::klib::UserIds(szUserName, &uid, &groups)) {
+  const bool known = pGroupList ? kest::klib::UserId(szUserName, &uid)
+                                : kest::klib::UserIds(szUserName, &uid, &groups);
+  if (!known) {
     KLIBCErrSet(KLIB_ERR_USER_NOT_FOUND);
     return -1;
   }
   if (pGroupList) {
     // The caller's list is the truth about the user's groups; names that no
     // longer resolve designate nothing.
-    groups.clear();
     for (int i = 0; i < pGroupList->nItem; ++i) {
       gid_t gid;
       if (kest::klib::GroupIdByName(pGroupList->ppszItem[i], &gid)) groups.push_back(gid);
@@ -141,6 +144,7 @@ extern "C" int KESTACLPermCalc(const char* szUserName, PKLIBCSZLIST pGroupList, 
   struct stat st;
   if (stat(szPath, &st) != 0) {
     KLIBCErrSet(KLIB_ERR_SYSTEM);
+    errno_keeper.Keep();
     return -1;
   }
   if (uid == 0) {
@@ -150,6 +154,7 @@ extern "C" int KESTACLPermCalc(const char* szUserName, PKLIBCSZLIST pGroupList, 
   const int perm = FromAcl(szPath, st, uid, groups);
   if (perm < 0) {
     KLIBCErrSet(KLIB_ERR_SYSTEM);
+    errno_keeper.Keep();
     return -1;
   }
   *pPerm = perm;
@@ -157,6 +162,7 @@ extern "C" int KESTACLPermCalc(const char* szUserName, PKLIBCSZLIST pGroupList, 
 }
 
 extern "C" int KESTACLPermGet(const char* szPath, int* pPerm) {
+  ErrnoKeeper errno_keeper;
   if (!szPath || !pPerm) {
     KLIBCErrSet(KLIB_ERR_BAD_PARAM);
     return -1;
@@ -164,6 +170,7 @@ extern "C" int KESTACLPermGet(const char* szPath, int* pPerm) {
   struct stat st;
   if (stat(szPath, &st) != 0) {
     KLIBCErrSet(KLIB_ERR_SYSTEM);
+    errno_keeper.Keep();
     return -1;
   }
   int perm = 0;

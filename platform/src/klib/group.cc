@@ -8,6 +8,7 @@
 #include <vector>
 
 #include "config.h"
+#include "errno_keeper.h"
 #include "kest/klib.h"
 
 namespace {
@@ -76,8 +77,9 @@ bool GroupId(const char* name, gid_t* gid) {
 }  // namespace
 
 extern "C" const char* KLIBGroupAdminGroupName(void) {
+  ErrnoKeeper errno_keeper;
   thread_local std::string name;
-  auto config = kest::klib::LoadConfig();
+  auto config = kest::klib::LoadGlobalConfig();
   // A malformed configuration names no group: nobody is an administrator
   // until it is fixed, rather than the members of a default group.
   name = config ? config->admin_group : "";
@@ -85,7 +87,8 @@ extern "C" const char* KLIBGroupAdminGroupName(void) {
 }
 
 extern "C" int KLIBGroupIsAdminGroupMem(const char* szUserName, int /*flags*/) {
-  auto config = kest::klib::LoadConfig();
+  ErrnoKeeper errno_keeper;
+  auto config = kest::klib::LoadGlobalConfig();
   if (!config) return -1;
   gid_t admin_gid;
   if (!GroupId(config->admin_group.c_str(), &admin_gid))
@@ -96,6 +99,7 @@ extern "C" int KLIBGroupIsAdminGroupMem(const char* szUserName, int /*flags*/) {
 }
 
 extern "C" PKLIBCSZLIST KLIBGroupInfoListGet(const char* szUserName, BOOL bWithPrimary) {
+  ErrnoKeeper errno_keeper;
   std::vector<gid_t> groups;
   if (!UserGroups(szUserName, &groups)) return nullptr;
   if (!bWithPrimary) groups.erase(groups.begin());
