@@ -32,7 +32,7 @@
 namespace {
 
 using Clock = std::chrono::steady_clock;
-using kestondri::daemon::QuerySpec;
+using kestondri::daemon::QueryParts;
 
 struct Options {
   std::string db;
@@ -210,12 +210,12 @@ int main(int argc, char** argv) {
           Time(name, fn);
         }
       };
-      QuerySpec spec;
-      spec.keyword = q;
+      QueryParts parts;
+      parts.keyword = q;
       // In-process: parse and match a 50-hit page, estimated total.
       time("inproc match 50 (estimated total)", [&] {
         Xapian::Enquire e(db);
-        e.set_query(kestondri::daemon::BuildQuery(spec, db));
+        e.set_query(kestondri::daemon::BuildQuery(parts, db));
         Xapian::MSet m = e.get_mset(0, 50);
         (void)m.size();
       });
@@ -224,7 +224,7 @@ int main(int argc, char** argv) {
       Xapian::doccount total = 0;
       time("inproc page 50 with data, exact total", [&] {
         Xapian::Enquire e(db);
-        e.set_query(kestondri::daemon::BuildQuery(spec, db));
+        e.set_query(kestondri::daemon::BuildQuery(parts, db));
         Xapian::MSet m = e.get_mset(0, 50, db.get_doccount());
         m.fetch();
         for (auto it = m.begin(); it != m.end(); ++it) {
@@ -238,7 +238,7 @@ int main(int argc, char** argv) {
       totals[q] = total;
       time("inproc page 50 with data, total exact to 1000", [&] {
         Xapian::Enquire e(db);
-        e.set_query(kestondri::daemon::BuildQuery(spec, db));
+        e.set_query(kestondri::daemon::BuildQuery(parts, db));
         Xapian::MSet m = e.get_mset(0, 50, 1000);
         m.fetch();
         for (auto it = m.begin(); it != m.end(); ++it) {
@@ -250,7 +250,7 @@ int main(int argc, char** argv) {
       });
       time("inproc page 50 + 10 bounded snippets", [&] {
         Xapian::Enquire e(db);
-        e.set_query(kestondri::daemon::BuildQuery(spec, db));
+        e.set_query(kestondri::daemon::BuildQuery(parts, db));
         Xapian::MSet m = e.get_mset(0, 50, db.get_doccount());
         m.fetch();
         auto marks = kestondri::daemon::KeywordMarkTerms(q);
@@ -267,7 +267,7 @@ int main(int argc, char** argv) {
       for (int with : {10, 50}) {
         time("inproc page 50, data of " + std::to_string(with) + " hits only", [&] {
           Xapian::Enquire e(db);
-          e.set_query(kestondri::daemon::BuildQuery(spec, db));
+          e.set_query(kestondri::daemon::BuildQuery(parts, db));
           Xapian::MSet m = e.get_mset(0, 50, db.get_doccount());
           m.fetch();
           int n = 0;
@@ -278,7 +278,7 @@ int main(int argc, char** argv) {
       }
       time("inproc page 50 + 50 bounded snippets", [&] {
         Xapian::Enquire e(db);
-        e.set_query(kestondri::daemon::BuildQuery(spec, db));
+        e.set_query(kestondri::daemon::BuildQuery(parts, db));
         Xapian::MSet m = e.get_mset(0, 50, db.get_doccount());
         m.fetch();
         auto marks = kestondri::daemon::KeywordMarkTerms(q);
@@ -291,7 +291,7 @@ int main(int argc, char** argv) {
       });
       time("inproc exact counts, 7 types", [&] {
         for (const char* t : kTypes) {
-          QuerySpec s = spec;
+          QueryParts s = parts;
           s.file_type = t;
           Xapian::Enquire e(db);
           e.set_query(kestondri::daemon::BuildQuery(s, db));

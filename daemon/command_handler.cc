@@ -184,9 +184,9 @@ MatchPage RunQuery(const Xapian::Database& db, const Xapian::Query& query, int64
     weights.push_back(it.get_weight());
   }
   std::vector<std::string> paths = PathsOf(db, ids);
-  access->CheckAll(paths);
+  std::vector<bool> visible = access->CheckAll(paths);
   for (size_t i = 0; i < ids.size(); ++i) {
-    if (!access->CanRead(paths[i])) continue;
+    if (!visible[i]) continue;
     int64_t rank = page.total++;
     if (rank >= from && rank < from + size) {
       page.hits.push_back({ids[i], weights[i], db.get_document(ids[i])});
@@ -195,24 +195,24 @@ MatchPage RunQuery(const Xapian::Database& db, const Xapian::Query& query, int64
   return page;
 }
 
-struct HighlightSpec {
+struct HighlightSetting {
   std::string field = index::kFieldContent;
   FragmentOptions options;
 };
 
-HighlightSpec ReadHighlightSpec(const Json::Value& obj, size_t scan_limit) {
-  HighlightSpec spec;
-  spec.options.scan_limit = scan_limit;
-  if (obj.isNull()) return spec;
+HighlightSetting ReadHighlightSetting(const Json::Value& obj, size_t scan_limit) {
+  HighlightSetting parts;
+  parts.options.scan_limit = scan_limit;
+  if (obj.isNull()) return parts;
   if (!obj.isObject()) Malformed("a highlight setting is not an object");
-  spec.field = OptionalString(obj, "field", spec.field);
+  parts.field = OptionalString(obj, "field", parts.field);
   int64_t len = OptionalInt(obj, "frag_length", 100);
   int64_t num = OptionalInt(obj, "num_fragments", 3);
-  spec.options.frag_length = static_cast<size_t>(std::clamp<int64_t>(
+  parts.options.frag_length = static_cast<size_t>(std::clamp<int64_t>(
       len, static_cast<int64_t>(kMinFragLength), static_cast<int64_t>(kMaxFragLength)));
-  spec.options.num_fragments =
+  parts.options.num_fragments =
       static_cast<size_t>(std::clamp<int64_t>(num, 0, static_cast<int64_t>(kMaxNumFragments)));
-  return spec;
+  return parts;
 }
 
 // The text of `field` of a document, as far as the index holds it.
@@ -262,21 +262,21 @@ std::vector<std::string> LoadFieldList(const Json::Value& data) {
   return fields;
 }
 
-QuerySpec ReadQuerySpec(const std::string& keyword, const Json::Value& criteria,
-                        const Json::Value& weights, const std::string& op) {
-  QuerySpec spec;
-  spec.keyword = keyword;
-  spec.default_or = op == "OR";
-  spec.criteria_list = criteria;
-  spec.weights = weights;
-  return spec;
+QueryParts ReadQueryParts(const std::string& keyword, const Json::Value& criteria,
+                          const Json::Value& weights, const std::string& op) {
+  QueryParts parts;
+  parts.keyword = keyword;
+  parts.default_or = op == "OR";
+  parts.criteria_list = criteria;
+  parts.weights = weights;
+  return parts;
 }
 
 // Joins the types of the filters to `query`: all must hold.
 Xapian::Query WithTypes(Xapian::Query query, const std::vector<std::string>& types,
                         const Xapian::Database& db) {
   for (const auto& type : types) {
-    QuerySpec only_type;
+    QueryParts only_type;
     only_type.file_type = type;
     query = Xapian::Query(Xapian::Query::OP_FILTER, query, BuildQuery(only_type, db));
   }
@@ -324,23 +324,30 @@ void CommandHandler::Search(const Json::Value& data, const Peer& peer, IndexCach
                             ReplySink& out) const {
   const Json::Value& pre = data["pre_query"];
   if (!pre.isNull() && !pre.isObject()) Malformed("\"pre_query\" is not an object");
-  QuerySpec spec =
-      ReadQuerySpec(OptionalString(pre, "keyword", ""), pre["criteria_list"],
-                    pre["search_weight_list"], OptionalString(data, "default_search_op", "AND"));
-  spec.file_type = OptionalString(pre, "file_type", "");
+  QueryParts parts =
+      ReadQueryParts(OptionalString(pre, "keyword", ""), pre["criteria_list"],
+                     pre["search_weight_list"], OptionalString(data, "default_search_op", "AND"));
+  parts.file_type = OptionalString(pre, "file_type", "");
   int64_t from = OptionalInt(data, "from", 0);
   int64_t size = OptionalInt(data, "size", 50);
   if (from < 0 || size < 0) Malformed("\"from\" and \"size\" must not be negative");
   size = std::min<int64_t>(size, kMaxPageSize);
   std::vector<std::string> fields = LoadFieldList(data);
-  std::vector<HighlightSpec> highlights;
+  std::vector<HighlightSetting> highlights;
   const Json::Value& hl = data["highlight"];
   if (hl.isArray()) {
-    for (const auto& h : hl) highlights.push_back(ReadHighlightSpec(h, kHitScanLimit));
+    for (const auto& h : hl) {
+      if (highlights.size() == kMaxHitHighlights) break;
+      highlights.push_back(ReadHighlightSetting(h, kHitScanLimit));
+    }
   } else if (hl.isObject()) {
-    highlights.push_back(ReadHighlightSpec(hl, kHitScanLimit));
+    highlights.push_back(ReadHighlightSetting(hl, kHitScanLimit));
   } else if (!hl.isNull()) {
     Malformed("\"highlight\" is neither an array nor an object");
+  }
+  // Keeps a whole page of hits well inside what a client will read.
+  for (auto& h : highlights) {
+    h.options.num_fragments = std::min(h.options.num_fragments, kMaxHitFragments);
   }
   std::optional<uid_t> filter_uid = FilterUid(data["filters"], peer);
   std::vector<std::string> types = FilterTypes(data["filters"]);
@@ -356,15 +363,16 @@ void CommandHandler::Search(const Json::Value& data, const Peer& peer, IndexCach
     return;
   }
   std::unique_ptr<UserAccess> access = MakeAccess(filter_uid, peer);
-  MarkTerms marks = KeywordMarkTerms(spec.keyword);
+  MarkTerms marks = KeywordMarkTerms(parts.keyword);
   MatchPage page;
   try {
-    Xapian::Query query = WithTypes(BuildQuery(spec, shards.combined), types, shards.combined);
+    Xapian::Query query = WithTypes(BuildQuery(parts, shards.combined), types, shards.combined);
     page = RunQuery(shards.combined, query, from, size, access.get(), exact_total);
   } catch (const Xapian::WildcardError& e) {
     throw DaemonError(kErrMalformedQuery, "wildcard matches too many terms: " + e.get_msg());
-  } catch (const Xapian::DatabaseError&) {
-    // Damaged or replaced under us: forget it so the next request reopens.
+  } catch (const Xapian::Error&) {
+    // Damaged, replaced or (remote) gone under us: forget it so the next
+    // request reopens or reports it.
     for (const auto& id : shards.ids) cache.Drop(id);
     throw;
   }
@@ -437,8 +445,8 @@ void CommandHandler::Highlight(const Json::Value& data, const Peer& peer, IndexC
   std::string id = OptionalString(data, "id", "");
   int64_t doc_id = OptionalInt(data, "doc_id", 0);
   std::string keyword = OptionalString(data, "keyword", "");
-  HighlightSpec spec = ReadHighlightSpec(data["highlight"], index::kMaxStoredText);
-  if (!IsKnownField(spec.field)) Malformed("cannot highlight field " + spec.field);
+  HighlightSetting parts = ReadHighlightSetting(data["highlight"], index::kMaxStoredText);
+  if (!IsKnownField(parts.field)) Malformed("cannot highlight field " + parts.field);
   if (doc_id <= 0 || doc_id > static_cast<int64_t>(UINT32_MAX)) {
     throw DaemonError(kErrNoDocument, "no such document");
   }
@@ -464,11 +472,11 @@ void CommandHandler::Highlight(const Json::Value& data, const Peer& peer, IndexC
   }
   Json::Value frags(Json::arrayValue);
   for (auto& f :
-       HighlightFragments(FieldText(doc, spec.field), KeywordMarkTerms(keyword), spec.options)) {
+       HighlightFragments(FieldText(doc, parts.field), KeywordMarkTerms(keyword), parts.options)) {
     frags.append(f);
   }
   Json::Value reply = Success();
-  reply["data"][spec.field] = frags;
+  reply["data"][parts.field] = frags;
   out.Send(reply);
 }
 
@@ -496,8 +504,8 @@ void CommandHandler::Indicate(const Json::Value& data, const Peer& peer, IndexCa
       }
       if (shards.ids.empty()) continue;
       const Json::Value& query = q["query"];
-      QuerySpec spec = ReadQuerySpec(keyword, data["criteria_list"], data["search_weight_list"],
-                                     OptionalString(query, "default_search_op", "AND"));
+      QueryParts parts = ReadQueryParts(keyword, data["criteria_list"], data["search_weight_list"],
+                                        OptionalString(query, "default_search_op", "AND"));
       std::vector<std::string> types = FilterTypes(query["filters"]);
       bool unknown_type = false;
       for (const auto& t : types) unknown_type |= !t.empty() && !index::IsKnownType(t);
@@ -510,7 +518,7 @@ void CommandHandler::Indicate(const Json::Value& data, const Peer& peer, IndexCa
         if (!slot) slot = MakeAccess(uid, peer);
         access = slot.get();
       }
-      Xapian::Query xq = WithTypes(BuildQuery(spec, shards.combined), types, shards.combined);
+      Xapian::Query xq = WithTypes(BuildQuery(parts, shards.combined), types, shards.combined);
       MatchPage page = RunQuery(shards.combined, xq, 0, 0, access);
       counts[q["name"].asString()] = static_cast<Json::UInt64>(page.total);
     }

@@ -38,6 +38,10 @@ constexpr int kMaxPageSize = 1000;
 // Bytes of text scanned for each hit's fragments in a search (the highlight
 // command scans all the stored text).
 constexpr size_t kHitScanLimit = 64u << 10;
+// Per hit of a search: at most this many highlight settings, each with at
+// most this many fragments.
+constexpr size_t kMaxHitHighlights = 3;
+constexpr size_t kMaxHitFragments = 5;
 
 class CommandHandler {
  public:

@@ -56,7 +56,16 @@ Xapian::Database* IndexCache::Open(const std::string& index_id, IndexState* stat
     *state = IndexState::kUnknown;
     return nullptr;
   }
-  missing_.Forget(index_id);
+  // A remote index that did not answer is not asked again at once: each
+  // attempt may wait for a connection time-out.
+  auto down = unreachable_until_.find(index_id);
+  if (down != unreachable_until_.end()) {
+    if (std::chrono::steady_clock::now() < down->second) {
+      *state = IndexState::kUnknown;
+      return nullptr;
+    }
+    unreachable_until_.erase(down);
+  }
 
   auto it = open_.find(index_id);
   if (it != open_.end()) {
@@ -66,6 +75,7 @@ Xapian::Database* IndexCache::Open(const std::string& index_id, IndexState* stat
       // statistics makes it surface here rather than halfway through a match.
       (void)it->second->get_doccount();
       *state = IndexState::kReady;
+      missing_.Forget(index_id);
       return it->second.get();
     } catch (const Xapian::Error&) {
       // Replaced or damaged since we opened it: start afresh below.
@@ -78,14 +88,21 @@ Xapian::Database* IndexCache::Open(const std::string& index_id, IndexState* stat
     Xapian::Database* raw = db.get();
     open_[index_id] = std::move(db);
     *state = IndexState::kReady;
+    missing_.Forget(index_id);
     return raw;
   } catch (const Xapian::NetworkError&) {
+    // There is an index, on a machine that does not answer: worth naming
+    // in list_db_status whoever asked.
+    unreachable_until_[index_id] = std::chrono::steady_clock::now() + kRemoteRetryDelay;
+    missing_.Note(index_id);
     *state = IndexState::kUnknown;
+    return nullptr;
   } catch (const Xapian::DatabaseLockError&) {
     *state = IndexState::kChecking;
   } catch (const Xapian::Error&) {
     *state = IndexState::kCrashed;
   }
+  missing_.Forget(index_id);
   return nullptr;
 }
 

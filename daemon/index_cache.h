@@ -8,6 +8,7 @@
 
 #include <xapian.h>
 
+#include <chrono>
 #include <map>
 #include <memory>
 #include <mutex>
@@ -30,6 +31,10 @@ enum class IndexState {
 // A database being checked or rebuilt carries this marker file beside it:
 // db_path + kCheckingMarkerSuffix.
 constexpr const char kCheckingMarkerSuffix[] = ".checking";
+
+// How long a remote index that could not be reached is taken as unknown
+// before it is tried again (per worker).
+constexpr std::chrono::seconds kRemoteRetryDelay(5);
 
 // Ids that requests asked for but that had no database: the "unknown" list
 // of list_db_status. Shared by all workers; thread-safe.
@@ -71,6 +76,7 @@ class IndexCache {
   const IndexResolver& resolver_;
   MissingIndexLog& missing_;
   std::map<std::string, std::unique_ptr<Xapian::Database>> open_;
+  std::map<std::string, std::chrono::steady_clock::time_point> unreachable_until_;
 };
 
 }  // namespace daemon

@@ -7,16 +7,16 @@ void StaticIndexResolver::Add(const std::string& index_id, IndexLocation locatio
   table_[index_id] = std::move(location);
 }
 
-bool StaticIndexResolver::AddSpec(const std::string& spec) {
-  auto eq = spec.find('=');
-  if (eq == std::string::npos || eq == 0 || eq + 1 == spec.size()) return false;
+bool StaticIndexResolver::AddOption(const std::string& parts) {
+  auto eq = parts.find('=');
+  if (eq == std::string::npos || eq == 0 || eq + 1 == parts.size()) return false;
   IndexLocation loc;
-  std::string rest = spec.substr(eq + 1);
+  std::string rest = parts.substr(eq + 1);
   auto comma = rest.find(',');
   loc.db_path = rest.substr(0, comma);
   if (comma != std::string::npos) loc.share_path = rest.substr(comma + 1);
   if (loc.db_path.empty()) return false;
-  Add(spec.substr(0, eq), std::move(loc));
+  Add(parts.substr(0, eq), std::move(loc));
   return true;
 }
 

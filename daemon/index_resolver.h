@@ -34,7 +34,7 @@ class StaticIndexResolver : public IndexResolver {
  public:
   void Add(const std::string& index_id, IndexLocation location);
   // Parses "id=db_path" or "id=db_path,share_path"; false when malformed.
-  bool AddSpec(const std::string& spec);
+  bool AddOption(const std::string& parts);
   bool Resolve(const std::string& index_id, IndexLocation* out) const override;
   std::vector<std::string> KnownIds() const override;
 

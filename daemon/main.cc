@@ -50,7 +50,7 @@ int main(int argc, char** argv) {
         }
         break;
       case 'i':
-        if (!static_resolver->AddSpec(optarg)) {
+        if (!static_resolver->AddOption(optarg)) {
           std::fprintf(stderr, "kestelasticd: bad --index %s\n", optarg);
           return 2;
         }

@@ -168,12 +168,12 @@ Xapian::Query TypeQuery(const std::string& type) {
 
 // Ranking by field: the keyword must match as the default field says, and
 // each weighted field adds its own score times its weight.
-Xapian::Query WeightedKeyword(const QuerySpec& spec, const Xapian::Database& db,
+Xapian::Query WeightedKeyword(const QueryParts& request, const Xapian::Database& db,
                               const Xapian::Query& base) {
-  if (spec.weights.isNull()) return base;
-  if (!spec.weights.isArray()) Malformed("\"search_weight_list\" is not an array");
-  std::vector<Xapian::Query> parts;
-  for (const auto& item : spec.weights) {
+  if (request.weights.isNull()) return base;
+  if (!request.weights.isArray()) Malformed("\"search_weight_list\" is not an array");
+  std::vector<Xapian::Query> scored;
+  for (const auto& item : request.weights) {
     if (!item.isObject() || !item["field"].isString() || !item["weight"].isNumeric()) {
       Malformed("a weight needs a string \"field\" and a number \"weight\"");
     }
@@ -186,13 +186,13 @@ Xapian::Query WeightedKeyword(const QuerySpec& spec, const Xapian::Database& db,
     if (field == index::kFieldContent) prefix = index::kPrefixContent;
     // Other fields carry no scored terms: nothing to weigh.
     if (!prefix || weight == 0) continue;
-    parts.emplace_back(Xapian::Query::OP_SCALE_WEIGHT, Parse(spec.keyword, true, db, {prefix}),
-                       weight);
+    scored.emplace_back(Xapian::Query::OP_SCALE_WEIGHT, Parse(request.keyword, true, db, {prefix}),
+                        weight);
   }
-  if (parts.empty()) return base;
+  if (scored.empty()) return base;
   return Xapian::Query(Xapian::Query::OP_AND_MAYBE,
                        Xapian::Query(Xapian::Query::OP_SCALE_WEIGHT, base, 0.0),
-                       Xapian::Query(Xapian::Query::OP_OR, parts.begin(), parts.end()));
+                       Xapian::Query(Xapian::Query::OP_OR, scored.begin(), scored.end()));
 }
 
 bool IsBlank(const std::string& s) {
@@ -209,16 +209,16 @@ Xapian::Query ParseKeyword(const std::string& keyword, bool default_or,
   return Parse(keyword, default_or, db, {index::kPrefixName, index::kPrefixContent});
 }
 
-Xapian::Query BuildQuery(const QuerySpec& spec, const Xapian::Database& db) {
+Xapian::Query BuildQuery(const QueryParts& parts, const Xapian::Database& db) {
   Xapian::Query query = Xapian::Query::MatchAll;
-  if (!IsBlank(spec.keyword)) {
-    Xapian::Query parsed = ParseKeyword(spec.keyword, spec.default_or, db);
+  if (!IsBlank(parts.keyword)) {
+    Xapian::Query parsed = ParseKeyword(parts.keyword, parts.default_or, db);
     // A keyword of punctuation alone parses to nothing: it finds nothing.
     if (parsed.empty()) return Xapian::Query::MatchNothing;
-    query = WeightedKeyword(spec, db, parsed);
+    query = WeightedKeyword(parts, db, parsed);
   }
   for (const Xapian::Query& filter :
-       {CriteriaQuery(spec.criteria_list, db), TypeQuery(spec.file_type)}) {
+       {CriteriaQuery(parts.criteria_list, db), TypeQuery(parts.file_type)}) {
     if (!filter.empty()) query = Xapian::Query(Xapian::Query::OP_FILTER, query, filter);
   }
   return query;

@@ -25,7 +25,7 @@ namespace daemon {
 // (code 1001) rather than run away with time and memory.
 constexpr Xapian::termcount kMaxWildcardTerms = 10000;
 
-struct QuerySpec {
+struct QueryParts {
   std::string keyword;
   bool default_or = false;  // "default_search_op" "OR"; anything else is AND
   Json::Value criteria_list = Json::Value(Json::arrayValue);
@@ -35,7 +35,7 @@ struct QuerySpec {
 
 // Throws DaemonError: 1001 when the keyword does not parse, 1002 when a
 // criterion, the file type or a weight is malformed.
-Xapian::Query BuildQuery(const QuerySpec& spec, const Xapian::Database& db);
+Xapian::Query BuildQuery(const QueryParts& parts, const Xapian::Database& db);
 
 // Only the keyword part, parsed over `prefixes` (the default field when
 // empty). Throws DaemonError 1001.

@@ -6,8 +6,9 @@
 #include <sys/syscall.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
-#include <map>
+#include <string_view>
 
 #ifndef AT_EACCESS
 #define AT_EACCESS 0x200
@@ -92,42 +93,54 @@ UserAccess::UserAccess(uid_t uid, gid_t fallback_gid) : uid_(uid) {
 bool UserAccess::CanRead(const std::string& path) {
   auto it = answers_.find(path);
   if (it != answers_.end()) return it->second;
-  CheckAll({path});
-  return answers_[path];
+  bool answer = CheckAll({path})[0];
+  answers_.emplace(path, answer);
+  return answer;
 }
 
-void UserAccess::CheckAll(const std::vector<std::string>& paths) {
+std::vector<bool> UserAccess::CheckAll(const std::vector<std::string>& paths) {
+  std::vector<bool> result(paths.size(), false);
+  if (!known_) return result;
   // Grouped by folder: each folder is opened once (as the user, so reaching
   // it proves the walk down to it), and each file is then checked by name
   // from there, one path component instead of the whole walk.
-  std::map<std::string, std::vector<const std::string*>> by_dir;
-  for (const auto& path : paths) {
-    if (answers_.count(path)) continue;
+  std::vector<size_t> order;
+  std::vector<std::string_view> dirs(paths.size());
+  order.reserve(paths.size());
+  for (size_t i = 0; i < paths.size(); ++i) {
+    const std::string& path = paths[i];
     auto slash = path.rfind('/');
-    if (!known_ || path.empty() || path[0] != '/' || slash == std::string::npos ||
-        slash + 1 == path.size()) {
-      answers_[path] = false;
-      continue;
-    }
-    by_dir[path.substr(0, slash == 0 ? 1 : slash)].push_back(&path);
+    if (path.empty() || path[0] != '/' || slash + 1 == path.size()) continue;
+    dirs[i] = std::string_view(path).substr(0, slash == 0 ? 1 : slash);
+    order.push_back(i);
   }
-  if (by_dir.empty()) return;
+  if (order.empty()) return result;
+  std::sort(order.begin(), order.end(), [&](size_t a, size_t b) { return dirs[a] < dirs[b]; });
   int saved_errno = errno;
   {
     ScopedFsIdentity identity(uid_, gid_, groups_);
-    for (const auto& entry : by_dir) {
-      int dir_fd = identity.ok() ? open(entry.first.c_str(), O_PATH | O_DIRECTORY | O_CLOEXEC) : -1;
-      for (const std::string* path : entry.second) {
-        const char* name = path->c_str() + path->rfind('/') + 1;
+    if (identity.ok()) {
+      int dir_fd = -1;
+      std::string_view open_dir;
+      bool have_dir = false;
+      for (size_t i : order) {
+        if (!have_dir || dirs[i] != open_dir) {
+          if (dir_fd >= 0) close(dir_fd);
+          open_dir = dirs[i];
+          have_dir = true;
+          dir_fd = open(std::string(open_dir).c_str(), O_PATH | O_DIRECTORY | O_CLOEXEC);
+        }
+        if (dir_fd < 0) continue;
+        const char* name = paths[i].c_str() + paths[i].rfind('/') + 1;
         // The lookup of `name` in the folder needs search permission on it,
         // checked with the user's ids like the rest.
-        answers_[*path] =
-            dir_fd >= 0 && syscall(SYS_faccessat2, dir_fd, name, R_OK, AT_EACCESS) == 0;
+        result[i] = syscall(SYS_faccessat2, dir_fd, name, R_OK, AT_EACCESS) == 0;
       }
       if (dir_fd >= 0) close(dir_fd);
     }
   }
   errno = saved_errno;
+  return result;
 }
 
 }  // namespace daemon

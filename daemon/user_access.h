@@ -35,9 +35,9 @@ class UserAccess {
   // it). Answers are remembered for the life of this object.
   bool CanRead(const std::string& path);
 
-  // Decides every path of `paths` not yet known, under one switch of
-  // identity: much cheaper than one CanRead each for a long list.
-  void CheckAll(const std::vector<std::string>& paths);
+  // The answer for each of `paths`, in order, under one switch of identity:
+  // much cheaper than one CanRead each for a long list. Not remembered.
+  std::vector<bool> CheckAll(const std::vector<std::string>& paths);
 
   uid_t uid() const { return uid_; }
 

@@ -1,10 +1,12 @@
 // The real kestelasticd on real indices of real files in the sandbox: what
 // each command answers, who may see what, damaged and missing indices,
 // malformed requests and many clients at once.
+#include <arpa/inet.h>
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <kest/json.h>
 #include <kestdaemon/sock_connection.h>
+#include <netinet/in.h>
 #include <signal.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
@@ -569,6 +571,19 @@ TEST_F(SearchDaemonTest, SearchesARemoteIndexTogetherWithLocalOnes) {
     _exit(127);
   }
   ASSERT_GT(server, 0);
+  // Wait until the server listens, so the daemon's first attempt succeeds.
+  bool listening = false;
+  for (int i = 0; i < 500 && !listening; ++i) {
+    int fd = socket(AF_INET, SOCK_STREAM, 0);
+    sockaddr_in addr{};
+    addr.sin_family = AF_INET;
+    addr.sin_port = htons(39411);
+    addr.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    listening = connect(fd, reinterpret_cast<sockaddr*>(&addr), sizeof addr) == 0;
+    close(fd);
+    if (!listening) usleep(10000);
+  }
+  ASSERT_TRUE(listening);
   // The share's index path holds a stub naming the remote server.
   WriteFile("/volume2/@kestondri/index/far", "remote 127.0.0.1:39411\n");
   Names got;
@@ -590,6 +605,15 @@ TEST_F(SearchDaemonTest, SearchesARemoteIndexTogetherWithLocalOnes) {
   kill(server, SIGTERM);
   int status;
   waitpid(server, &status, 0);
+
+  // With its server gone the remote index is unknown; the local ones answer.
+  EXPECT_EQ(Names{"report.txt"},
+            HitNames(Exchange(SearchRequest({"fileindex_far", kDocs}, "faraway OR quarterly"))));
+  auto status_reply = Exchange(Request("list_db_status", Json::Value(Json::objectValue)));
+  ASSERT_EQ(1u, status_reply.size());
+  Names unknown;
+  for (const auto& u : status_reply[0]["data"]["unknown"]) unknown.push_back(u.asString());
+  EXPECT_NE(unknown.end(), std::find(unknown.begin(), unknown.end(), "fileindex_far"));
   unlink("/volume2/@kestondri/index/far");
 }
 
