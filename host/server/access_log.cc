@@ -77,8 +77,8 @@ std::string FormatAccessRecord(const AccessRecord& record, long epoch_seconds) {
   if (record.api.empty()) {
     line += " -";
   } else {
-    line += " " + Clean(record.api) + "/" + Clean(record.method) + "/" +
-            std::to_string(record.version);
+    line +=
+        " " + Clean(record.api) + "/" + Clean(record.method) + "/" + std::to_string(record.version);
   }
   line += record.code == 0 ? std::string(" ok") : " " + std::to_string(record.code);
   line += " " + std::to_string(record.millis) + "ms\n";

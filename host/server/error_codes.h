@@ -9,22 +9,22 @@ namespace kestondri {
 namespace host {
 
 enum ServerErrorCode : int {
-  kErrMissingRoute = 101,     // "api", "method" or "version" missing
-  kErrUnknownAPI = 102,       // no module serves the API
-  kErrUnknownMethod = 103,    // the API has no such method
-  kErrBadVersion = 104,       // the method exists, not in that version
-  kErrBadRequest = 105,       // malformed encoding, invalid JSON, wrong content type
-  kErrNotLoggedIn = 106,      // no session, an unknown one, or one that expired
-  kErrTooBusy = 107,          // every worker busy and the queue full
-  kErrBadToken = 108,         // cookie session without the right CSRF token header
-  kErrTooLarge = 109,         // body or header over the configured limit
-  kErrTimedOut = 110,         // the worker ran past the request time-out
-  kErrWorkerEnded = 111,      // the worker crashed or was killed before answering
-  kErrLoginFailed = 112,      // wrong account or password
-  kErrLoginThrottled = 113,   // too many failed logins for the account or address
-  kErrStopping = 114,         // the server is shutting down
-  kErrInternal = 115,         // the server could not run the request (fork, pipe)
-  kErrBadServerParam = 116,   // a parameter of a server method is missing or wrong
+  kErrMissingRoute = 101,    // "api", "method" or "version" missing
+  kErrUnknownAPI = 102,      // no module serves the API
+  kErrUnknownMethod = 103,   // the API has no such method
+  kErrBadVersion = 104,      // the method exists, not in that version
+  kErrBadRequest = 105,      // malformed encoding, invalid JSON, wrong content type
+  kErrNotLoggedIn = 106,     // no session, an unknown one, or one that expired
+  kErrTooBusy = 107,         // every worker busy and the queue full
+  kErrBadToken = 108,        // cookie session without the right CSRF token header
+  kErrTooLarge = 109,        // body or header over the configured limit
+  kErrTimedOut = 110,        // the worker ran past the request time-out
+  kErrWorkerEnded = 111,     // the worker crashed or was killed before answering
+  kErrLoginFailed = 112,     // wrong account or password
+  kErrLoginThrottled = 113,  // too many failed logins for the account or address
+  kErrStopping = 114,        // the server is shutting down
+  kErrInternal = 115,        // the server could not run the request (fork, pipe)
+  kErrBadServerParam = 116,  // a parameter of a server method is missing or wrong
 };
 
 }  // namespace host

@@ -90,10 +90,14 @@ bool ModuleRegistry::Load(const std::string& path, std::string* error) {
     const auto& row = table[i];
     if (IsTerminator(row)) break;
     std::string fault;
-    if (!ValidName(row.api)) fault = "bad api name";
-    else if (!ValidName(row.method)) fault = "bad method name";
-    else if (row.version < 1 || row.version > kMaxVersion) fault = "bad version";
-    else if (!InLoadedObject(reinterpret_cast<const void*>(row.handler))) fault = "bad handler";
+    if (!ValidName(row.api))
+      fault = "bad api name";
+    else if (!ValidName(row.method))
+      fault = "bad method name";
+    else if (row.version < 1 || row.version > kMaxVersion)
+      fault = "bad version";
+    else if (!InLoadedObject(reinterpret_cast<const void*>(row.handler)))
+      fault = "bad handler";
     if (!fault.empty()) {
       problem = "handler table " + RowProblem(i, fault.c_str());
       break;
@@ -116,11 +120,16 @@ bool ModuleRegistry::Load(const std::string& path, std::string* error) {
     const auto& row = checks[i];
     if (IsTerminator(row)) break;
     std::string fault;
-    if (!ValidName(row.api)) fault = "bad api name";
-    else if (!ValidName(row.method)) fault = "bad method name";
-    else if (row.version < 1 || row.version > kMaxVersion) fault = "bad version";
-    else if (!InLoadedObject(reinterpret_cast<const void*>(row.checker))) fault = "bad checker";
-    else if (row.reserved1 || row.reserved2) fault = "reserved words not null";
+    if (!ValidName(row.api))
+      fault = "bad api name";
+    else if (!ValidName(row.method))
+      fault = "bad method name";
+    else if (row.version < 1 || row.version > kMaxVersion)
+      fault = "bad version";
+    else if (!InLoadedObject(reinterpret_cast<const void*>(row.checker)))
+      fault = "bad checker";
+    else if (row.reserved1 || row.reserved2)
+      fault = "reserved words not null";
     if (!fault.empty()) {
       problem = "check table " + RowProblem(i, fault.c_str());
       break;

@@ -20,6 +20,34 @@ std::string Trim(const std::string& text) {
   return text.substr(first, last - first + 1);
 }
 
+// JSON's own number grammar; the parser also takes forms like 007 that JSON
+// does not, and such a value is text ("007" as a name must stay a name).
+bool JsonNumberText(const std::string& text) {
+  const std::string t = Trim(text);
+  size_t i = 0;
+  const auto digits = [&] {
+    const size_t start = i;
+    while (i < t.size() && t[i] >= '0' && t[i] <= '9') ++i;
+    return i > start;
+  };
+  if (i < t.size() && t[i] == '-') ++i;
+  if (i < t.size() && t[i] == '0') {
+    ++i;
+  } else if (!digits()) {
+    return false;
+  }
+  if (i < t.size() && t[i] == '.') {
+    ++i;
+    if (!digits()) return false;
+  }
+  if (i < t.size() && (t[i] == 'e' || t[i] == 'E')) {
+    ++i;
+    if (i < t.size() && (t[i] == '+' || t[i] == '-')) ++i;
+    if (!digits()) return false;
+  }
+  return i == t.size();
+}
+
 }  // namespace
 
 bool PercentDecode(const std::string& in, bool plus_is_space, std::string* out) {
@@ -44,7 +72,10 @@ bool PercentDecode(const std::string& in, bool plus_is_space, std::string* out) 
 
 Json::Value DecodeFormValue(const std::string& text) {
   Json::Value value;
-  if (!text.empty() && Json::fromString(value, text)) return value;
+  if (!text.empty() && Json::fromString(value, text) &&
+      (!value.isNumeric() || JsonNumberText(text))) {
+    return value;
+  }
   return Json::Value(text);
 }
 

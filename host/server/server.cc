@@ -284,8 +284,7 @@ class Connection : public std::enable_shared_from_this<Connection> {
  public:
   using Request = http::request<http::string_body>;
 
-  Connection(tcp::socket socket, ServerImpl* server)
-      : stream_(std::move(socket)), server_(server) {
+  Connection(tcp::socket socket, ServerImpl* server) : stream_(std::move(socket)), server_(server) {
     beast::error_code ec;
     const auto endpoint = stream_.socket().remote_endpoint(ec);
     peer_ = ec ? std::string("unknown") : endpoint.address().to_string();
@@ -344,10 +343,9 @@ class Connection : public std::enable_shared_from_this<Connection> {
     parser_->header_limit(static_cast<std::uint32_t>(server_->config().max_header_size));
     parser_->body_limit(server_->config().max_body_size);
     stream_.expires_after(std::chrono::seconds(server_->config().client_timeout));
-    http::async_read(stream_, buffer_, *parser_,
-                     [self = shared_from_this()](beast::error_code ec, size_t) {
-                       self->OnRead(ec);
-                     });
+    http::async_read(
+        stream_, buffer_, *parser_,
+        [self = shared_from_this()](beast::error_code ec, size_t) { self->OnRead(ec); });
   }
 
   void OnRead(beast::error_code ec) {
@@ -363,7 +361,8 @@ class Connection : public std::enable_shared_from_this<Connection> {
         SendJson(http::status::payload_too_large, ErrorAnswer(kErrTooLarge));
       } else if (ec == http::error::header_limit) {
         SendJson(http::status::request_header_fields_too_large, ErrorAnswer(kErrTooLarge));
-      } else if (ec.category() == beast::http::make_error_code(http::error::bad_target).category() &&
+      } else if (ec.category() ==
+                     beast::http::make_error_code(http::error::bad_target).category() &&
                  ec != http::error::end_of_stream && ec != http::error::partial_message) {
         SendJson(http::status::bad_request, ErrorAnswer(kErrBadRequest));
       }

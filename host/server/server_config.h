@@ -21,26 +21,26 @@ struct ServerConfig {
   // (name, path) of every module library, in load order. Empty in the file
   // means the default module below.
   std::vector<std::pair<std::string, std::string>> modules;
-  std::string static_root;  // empty: no static files
+  std::string static_root;                                          // empty: no static files
   std::string access_log = "/var/log/kestondri/webapi-access.log";  // empty: none
   std::string pam_service = "kestondri";
 
-  int max_workers = 16;          // worker processes at once
-  int max_queue = 1024;          // requests waiting for a worker
-  int request_timeout = 60;      // seconds a worker may run
-  int max_connections = 4096;    // open client connections
-  int client_timeout = 30;       // seconds to receive one request or stay idle
+  int max_workers = 16;        // worker processes at once
+  int max_queue = 1024;        // requests waiting for a worker
+  int request_timeout = 60;    // seconds a worker may run
+  int max_connections = 4096;  // open client connections
+  int client_timeout = 30;     // seconds to receive one request or stay idle
   size_t max_body_size = 1 << 20;
   size_t max_header_size = 16 << 10;
 
   int session_idle_timeout = 1800;  // seconds
   size_t max_sessions = 10000;
 
-  int login_max_failures = 5;            // per account within the window
-  int login_max_failures_address = 30;   // per client address within the window
-  int login_failure_window = 300;        // seconds
-  int login_failure_delay_ms = 1000;     // before a failed login is answered
-  uid_t min_login_uid = 1000;            // system accounts never sign in
+  int login_max_failures = 5;           // per account within the window
+  int login_max_failures_address = 30;  // per client address within the window
+  int login_failure_window = 300;       // seconds
+  int login_failure_delay_ms = 1000;    // before a failed login is answered
+  uid_t min_login_uid = 1000;           // system accounts never sign in
 };
 
 // The module served when the file names none.

@@ -28,7 +28,8 @@ void CloseFrom(unsigned first, unsigned last) {
   while (struct dirent* entry = readdir(dir)) {
     const long fd = strtol(entry->d_name, nullptr, 10);
     if (entry->d_name[0] == '.' || fd == own) continue;
-    if (fd >= static_cast<long>(first) && fd <= static_cast<long>(last)) close(static_cast<int>(fd));
+    if (fd >= static_cast<long>(first) && fd <= static_cast<long>(last))
+      close(static_cast<int>(fd));
   }
   closedir(dir);
 }
