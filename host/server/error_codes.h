@@ -22,9 +22,8 @@ enum ServerErrorCode : int {
   kErrWorkerEnded = 111,     // the worker crashed or was killed before answering
   kErrLoginFailed = 112,     // wrong account or password
   kErrLoginThrottled = 113,  // too many failed logins for the account or address
-  kErrStopping = 114,        // the server is shutting down
-  kErrInternal = 115,        // the server could not run the request (fork, pipe)
-  kErrBadServerParam = 116,  // a parameter of a server method is missing or wrong
+  kErrInternal = 114,        // the server could not run the request (fork, pipe)
+  kErrBadServerParam = 115,  // a parameter of a server method is missing or wrong
 };
 
 }  // namespace host

@@ -62,7 +62,7 @@ TEST(RequestParamsTest, FormFieldsDecodeToTheirJsonMeaning) {
 
 TEST(RequestParamsTest, JsonBodyMustBeOneObject) {
   struct Case {
-    const char* body;
+    std::string body;
     bool ok;
   } cases[] = {
       {R"({"api":"x","limit":10,"list":[1]})", true},
@@ -72,7 +72,7 @@ TEST(RequestParamsTest, JsonBodyMustBeOneObject) {
       {"{\"a\":1} trailing", false},
       {"{\"a\":", false},
       {"", false},
-      {std::string(2000, '[').c_str(), false},
+      {std::string(2000, '['), false},
   };
   for (const auto& c : cases) {
     Json::Value params(Json::objectValue);

@@ -46,6 +46,11 @@ class ServerTest : public testing::Test {
   }
 
   void TearDown() override {
+    if (HasFailure()) {
+      for (const auto& line : SyslogCapture::Instance().Lines())
+        printf("syslog: %s\n", line.text.c_str());
+      printf("server output: %s\n", server_.Output().c_str());
+    }
     if (server_.pid() > 0) {
       EXPECT_TRUE(server_.WaitQuiet()) << "descendants left behind";
       EXPECT_EQ(server_.Stop(), 0) << server_.Output();
@@ -247,7 +252,7 @@ TEST_F(ServerTest, LoginParametersAreChecked) {
     const auto raw = request.target.find("a%2500b");
     if (raw != std::string::npos) request.target.replace(raw, 7, "a%00b");
     const HttpReply reply = SendHttp(request);
-    EXPECT_EQ(ErrorCode(reply), 116) << request.target << " " << reply.body;
+    EXPECT_EQ(ErrorCode(reply), 115) << request.target << " " << reply.body;
     EXPECT_EQ(reply.json["error"]["errors"]["name"], c.name);
   }
 }
