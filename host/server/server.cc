@@ -71,6 +71,24 @@ Json::Value SuccessAnswer(const Json::Value& data) {
   return response.ToJson();
 }
 
+// A worker's answer travels as its code (0 for a success), a newline and
+// the JSON text, so that the master forwards the text as it is and still
+// knows the code for its log, without parsing what may be megabytes.
+std::string EncodeAnswer(int code, const Json::Value& answer) {
+  return std::to_string(code) + "\n" + Json::toString(answer);
+}
+
+bool DecodeAnswer(const std::string& frame, int* code, std::string* text) {
+  const size_t newline = frame.find('\n');
+  if (newline == std::string::npos || newline == 0 || newline > 11) return false;
+  char* end = nullptr;
+  const long value = strtol(frame.c_str(), &end, 10);
+  if (end != frame.c_str() + newline || value < INT_MIN || value > INT_MAX) return false;
+  *code = static_cast<int>(value);
+  text->assign(frame, newline + 1, std::string::npos);
+  return true;
+}
+
 int AnswerCode(const Json::Value& answer) {
   if (answer.isObject() && answer["success"].isBool() && answer["success"].asBool()) return 0;
   const Json::Value& code = answer["error"]["code"];
@@ -133,8 +151,8 @@ std::string ExpiredSessionCookie() {
 
 // Runs in the worker: the module's checker, then its handler, with the
 // request object that names the login user.
-Json::Value RunModuleRequest(const Route& route, Json::Value params, const std::string& user,
-                             uid_t uid, const std::string& sid) {
+Json::Value RunModuleRequestJson(const Route& route, Json::Value params, const std::string& user,
+                                 uid_t uid, const std::string& sid) {
   const bool admin = KLIBGroupIsAdminGroupMem(user.c_str(), 0) == 1;
   KEST::APIRequest request(std::move(params), uid, user, sid, admin);
   KEST::APIResponse response;
@@ -151,8 +169,14 @@ Json::Value RunModuleRequest(const Route& route, Json::Value params, const std::
   return response.ToJson(kModuleUnknownError);
 }
 
+std::string RunModuleRequest(const Route& route, Json::Value params, const std::string& user,
+                             uid_t uid, const std::string& sid) {
+  const Json::Value answer = RunModuleRequestJson(route, std::move(params), user, uid, sid);
+  return EncodeAnswer(AnswerCode(answer), answer);
+}
+
 // Runs in the worker: the password check.
-Json::Value RunLogin(const std::string& service, const std::string& account,
+std::string RunLogin(const std::string& service, const std::string& account,
                      const std::string& password, uid_t min_uid) {
   const PamLoginResult result = PamLogin(service, account, password, min_uid);
   Json::Value answer(Json::objectValue);
@@ -161,7 +185,7 @@ Json::Value RunLogin(const std::string& service, const std::string& account,
   answer["uid"] = static_cast<Json::UInt>(result.uid);
   answer["reason"] = result.reason;
   answer["is_admin"] = result.ok && KLIBGroupIsAdminGroupMem(result.user.c_str(), 0) == 1;
-  return answer;
+  return EncodeAnswer(0, answer);
 }
 
 }  // namespace
@@ -169,15 +193,15 @@ Json::Value RunLogin(const std::string& service, const std::string& account,
 // What became of a job: the worker's answer, or the server's own error code.
 struct Outcome {
   bool answered = false;
-  Json::Value answer;
-  int error = 0;
+  std::string text;  // the worker's answer, JSON text
+  int code = 0;      // the answer's code, or the server's error code
 };
 
 class Connection;
 
 struct Job {
   std::shared_ptr<Connection> connection;
-  std::function<Json::Value()> work;        // runs in the worker
+  std::function<std::string()> work;        // runs in the worker
   std::function<void(Outcome)> on_outcome;  // runs in the master
   std::string label;                        // for the log
 };
@@ -315,12 +339,18 @@ class Connection : public std::enable_shared_from_this<Connection> {
 
   void SendJson(http::status status, const Json::Value& answer,
                 const std::vector<std::string>& cookies = {}) {
+    SendText(status, Json::toString(answer), AnswerCode(answer), cookies);
+  }
+
+  // `text` is JSON already; `code` is its error code (0 for a success).
+  void SendText(http::status status, std::string text, int code,
+                const std::vector<std::string>& cookies = {}) {
     auto response = std::make_shared<http::response<http::string_body>>(status, version_);
     response->set(http::field::content_type, "application/json; charset=utf-8");
     response->set(http::field::cache_control, "no-store");
     for (const auto& cookie : cookies) response->insert(http::field::set_cookie, cookie);
-    response->body() = Json::toString(answer);
-    record_.code = AnswerCode(answer);
+    response->body() = std::move(text);
+    record_.code = code;
     Send(response, static_cast<int>(status) < 400);
   }
 
@@ -673,8 +703,11 @@ void ServerImpl::HandleApi(const std::shared_ptr<Connection>& connection,
     return RunModuleRequest(route, params, user, uid, id);
   };
   job.on_outcome = [connection](Outcome outcome) {
-    connection->SendJson(http::status::ok,
-                         outcome.answered ? outcome.answer : ErrorAnswer(outcome.error));
+    if (outcome.answered) {
+      connection->SendText(http::status::ok, std::move(outcome.text), outcome.code);
+    } else {
+      connection->SendJson(http::status::ok, ErrorAnswer(outcome.code));
+    }
   };
   Submit(std::move(job));
 }
@@ -737,15 +770,18 @@ void ServerImpl::Login(const std::shared_ptr<Connection>& connection, const Json
     return RunLogin(service, account, password, min_uid);
   };
   job.on_outcome = [this, connection, account, address](Outcome outcome) {
-    const bool ok = outcome.answered && outcome.answer["ok"].asBool();
+    Json::Value answer;
+    const bool parsed = outcome.answered && Json::fromString(answer, outcome.text);
+    const bool ok = parsed && answer["ok"].asBool();
     throttle_.Finish(account, address, ok, Clock::now());
-    if (!outcome.answered) {
-      connection->SendJson(http::status::ok, ErrorAnswer(outcome.error));
+    if (!parsed) {
+      connection->SendJson(http::status::ok,
+                           ErrorAnswer(outcome.answered ? kErrWorkerEnded : outcome.code));
       return;
     }
     if (!ok) {
       syslog(LOG_NOTICE, "login for \"%s\" from %s failed: %s", account.c_str(), address.c_str(),
-             outcome.answer["reason"].asString().c_str());
+             answer["reason"].asString().c_str());
       // The delay is paid here, by a timer, not by a worker sleeping in PAM.
       auto timer = std::make_shared<asio::steady_timer>(io_);
       timer->expires_after(std::chrono::milliseconds(config_.login_failure_delay_ms));
@@ -754,8 +790,8 @@ void ServerImpl::Login(const std::shared_ptr<Connection>& connection, const Json
       });
       return;
     }
-    const std::string user = outcome.answer["user"].asString();
-    const uid_t uid = outcome.answer["uid"].asUInt();
+    const std::string user = answer["user"].asString();
+    const uid_t uid = answer["uid"].asUInt();
     Json::Value data(Json::objectValue);
     std::vector<std::string> cookies;
     try {
@@ -769,7 +805,7 @@ void ServerImpl::Login(const std::shared_ptr<Connection>& connection, const Json
       return;
     }
     data["account"] = user;
-    data["is_admin"] = outcome.answer["is_admin"].asBool();
+    data["is_admin"] = answer["is_admin"].asBool();
     connection->SetUser(user);
     syslog(LOG_INFO, "login of \"%s\" from %s", user.c_str(), address.c_str());
     connection->SendJson(http::status::ok, SuccessAnswer(data), cookies);
@@ -825,16 +861,17 @@ void ServerImpl::Submit(Job job) {
   } else if (queue_.size() < static_cast<size_t>(config_.max_queue)) {
     queue_.push_back(std::move(job));
   } else {
-    job.on_outcome(Outcome{false, Json::Value(), kErrTooBusy});
+    job.on_outcome(Outcome{false, "", kErrTooBusy});
   }
 }
 
 void ServerImpl::Start(Job job) {
   int fd = -1;
-  const pid_t pid = ForkWorker(job.work, ErrorAnswer(kErrInternal), kLogIdent, &fd);
+  const pid_t pid =
+      ForkWorker(job.work, EncodeAnswer(kErrInternal, ErrorAnswer(kErrInternal)), kLogIdent, &fd);
   if (pid < 0) {
     syslog(LOG_ERR, "cannot start a worker for %s: %m", job.label.c_str());
-    job.on_outcome(Outcome{false, Json::Value(), kErrInternal});
+    job.on_outcome(Outcome{false, "", kErrInternal});
     return;
   }
   // Also here, not only in the worker: a time-out may come before the worker
@@ -868,29 +905,26 @@ bool ServerImpl::ReadAnswer(const std::shared_ptr<Worker>& worker) {
       continue;
     }
     if (n < 0 && errno == EINTR) continue;
-    if (n < 0 && errno == EAGAIN) {
-      std::string text;
-      Json::Value answer;
-      if (DecodeFrame(worker->received, &text) != FrameState::kComplete) return false;
-      if (!Json::fromString(answer, text)) break;
-      worker->pipe_done = true;
-      Finish(worker, Outcome{true, answer, 0});
-      return true;
+    const bool end_of_file = n == 0;
+    if (!end_of_file && errno != EAGAIN) break;
+    std::string frame;
+    const FrameState state = DecodeFrame(worker->received, &frame);
+    if (state == FrameState::kBad) break;
+    if (state == FrameState::kIncomplete) {
+      // At the end of the file, the worker's exit decides what to answer.
+      if (end_of_file) worker->pipe_done = true;
+      return end_of_file;
     }
-    // End of file: the worker and everything it forked closed the pipe.
-    std::string text;
-    Json::Value answer;
+    Outcome outcome{true, "", 0};
+    if (!DecodeAnswer(frame, &outcome.code, &outcome.text)) break;
     worker->pipe_done = true;
-    if (DecodeFrame(worker->received, &text) == FrameState::kComplete &&
-        Json::fromString(answer, text)) {
-      Finish(worker, Outcome{true, answer, 0});
-    }
+    Finish(worker, std::move(outcome));
     return true;
   }
   syslog(LOG_ERR, "worker %d for %s sent a malformed answer", worker->pid,
          worker->job.label.c_str());
   worker->pipe_done = true;
-  Finish(worker, Outcome{false, Json::Value(), kErrWorkerEnded});
+  Finish(worker, Outcome{false, "", kErrWorkerEnded});
   return true;
 }
 
@@ -912,7 +946,7 @@ void ServerImpl::TimeOut(const std::shared_ptr<Worker>& worker) {
          worker->job.label.c_str(), config_.request_timeout);
   kill(-worker->pid, SIGKILL);
   kill(worker->pid, SIGKILL);
-  Finish(worker, Outcome{false, Json::Value(), kErrTimedOut});
+  Finish(worker, Outcome{false, "", kErrTimedOut});
 }
 
 void ServerImpl::ReapChildren() {
@@ -941,7 +975,7 @@ void ServerImpl::ChildExited(pid_t pid, int status) {
       syslog(LOG_ERR, "worker %d for %s exited with status %d before answering", pid,
              worker->job.label.c_str(), WEXITSTATUS(status));
     }
-    Finish(worker, Outcome{false, Json::Value(), kErrWorkerEnded});
+    Finish(worker, Outcome{false, "", kErrWorkerEnded});
   }
   worker->timer.cancel();
   beast::error_code ignored;

@@ -12,7 +12,7 @@
 #include <climits>
 #include <cstdlib>
 
-#include "kest/json.h"
+#include <cstdint>
 
 namespace kestondri {
 namespace host {
@@ -75,7 +75,7 @@ bool WriteAll(int fd, const std::string& data) {
 
 }  // namespace
 
-pid_t ForkWorker(const std::function<Json::Value()>& work, const Json::Value& failure_answer,
+pid_t ForkWorker(const std::function<std::string()>& work, const std::string& failure_answer,
                  const std::string& log_ident, int* answer_fd) {
   int fds[2];
   if (pipe2(fds, O_CLOEXEC) != 0) return -1;
@@ -89,15 +89,14 @@ pid_t ForkWorker(const std::function<Json::Value()>& work, const Json::Value& fa
   }
   if (pid == 0) {
     ShedMasterState(fds[1], log_ident);
-    Json::Value answer;
+    std::string answer;
     try {
       answer = work();
     } catch (...) {
       answer = failure_answer;
     }
-    std::string text = Json::toString(answer);
-    if (text.size() > kMaxAnswerSize) text = Json::toString(failure_answer);
-    WriteAll(fds[1], EncodeFrame(text));
+    if (answer.size() > kMaxAnswerSize) answer = failure_answer;
+    WriteAll(fds[1], EncodeFrame(answer));
     _exit(0);
   }
   close(fds[1]);

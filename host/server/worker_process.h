@@ -8,12 +8,10 @@
 // forks after answering inherit the pipe's write end and may hold it open
 // long after the worker is gone. An answer is complete when its frame is.
 //
-// Frame: a 4-byte length in network byte order, then that many bytes of
-// compact JSON text.
+// Frame: a 4-byte length in network byte order, then that many bytes.
 #ifndef KESTONDRI_HOST_SERVER_WORKER_PROCESS_H_
 #define KESTONDRI_HOST_SERVER_WORKER_PROCESS_H_
 
-#include <json/json.h>
 #include <sys/types.h>
 
 #include <functional>
@@ -25,11 +23,12 @@ namespace host {
 // Larger answers are taken as a broken worker.
 constexpr size_t kMaxAnswerSize = 256u << 20;
 
-// In the master: forks a worker that runs `work`. Returns the worker's pid
-// with `*answer_fd` the pipe's read end (non-blocking, close-on-exec, owned
-// by the caller), or -1 with errno set and nothing open. In the worker, never
-// returns; an exception from `work` is answered with `failure_answer`.
-pid_t ForkWorker(const std::function<Json::Value()>& work, const Json::Value& failure_answer,
+// In the master: forks a worker that runs `work` and sends what it returns
+// as one frame. Returns the worker's pid with `*answer_fd` the pipe's read
+// end (non-blocking, close-on-exec, owned by the caller), or -1 with errno
+// set and nothing open. In the worker, never returns; an exception from
+// `work`, or an answer over kMaxAnswerSize, sends `failure_answer` instead.
+pid_t ForkWorker(const std::function<std::string()>& work, const std::string& failure_answer,
                  const std::string& log_ident, int* answer_fd);
 
 enum class FrameState { kIncomplete, kComplete, kBad };
