@@ -31,6 +31,7 @@ struct Target {
 
 struct WrkFigures {
   double requests_per_second = 0;
+  long requests = 0;
   std::string p50;
   std::string p99;
   std::string errors;
@@ -112,6 +113,11 @@ WrkFigures ParseWrk(const std::string& output) {
     return output.substr(start, end - start);
   };
   figures.requests_per_second = atof(word_after("Requests/sec:").c_str());
+  const auto in = output.find(" requests in ");
+  if (in != std::string::npos) {
+    const auto start = output.find_last_of(" \n", in - 1);
+    figures.requests = atol(output.c_str() + start + 1);
+  }
   figures.p50 = word_after(" 50%");
   figures.p99 = word_after(" 99%");
   const auto errors = output.find("Socket errors:");
@@ -123,6 +129,27 @@ WrkFigures ParseWrk(const std::string& output) {
     figures.errors += output.substr(non2xx, output.find('\n', non2xx) - non2xx);
   }
   return figures;
+}
+
+// CPU seconds of the server and of every descendant it reaped: workers and
+// the module's children alike end up reaped by the master.
+// Page faults likewise. Both from /proc/<pid>/stat.
+struct ServerCost {
+  double cpu_seconds = 0;
+  double faults = 0;
+};
+
+ServerCost ServerCosts(pid_t pid) {
+  const std::string stat = kesttest::ReadFile("/proc/" + std::to_string(pid) + "/stat");
+  std::istringstream fields(stat.substr(stat.rfind(')') + 2));
+  std::string field;
+  ServerCost cost;
+  for (int i = 3; fields >> field && i <= 17; ++i) {
+    if (i == 10 || i == 12) cost.faults += atof(field.c_str());  // minflt, cminflt
+    if (i >= 14) cost.cpu_seconds += atof(field.c_str());        // utime, stime, cutime, cstime
+  }
+  cost.cpu_seconds /= sysconf(_SC_CLK_TCK);
+  return cost;
 }
 
 int ErrorCode(const kesttest::HttpReply& reply) {
@@ -172,8 +199,10 @@ int main(int argc, char** argv) {
     targets.push_back(target);
   }
 
-  printf("| target | connections | requests/s | p50 | p99 | master peak RSS | worker peak RSS |\n");
-  printf("|---|---|---|---|---|---|---|\n");
+  printf(
+      "| target | connections | requests/s | p50 | p99 | server CPU per request | master peak "
+      "RSS | worker peak RSS |\n");
+  printf("|---|---|---|---|---|---|---|---|\n");
   for (const auto& target : targets) {
     Fields fields = target.fields;
     fields.emplace_back("_sid", carol.sid);
@@ -181,12 +210,17 @@ int main(int argc, char** argv) {
                             "/webapi/entry.cgi?" + kesttest::FormEncode(fields);
     for (int connections : {1, 8, 32}) {
       WorkerRssSampler sampler(server.pid());
+      const ServerCost before = ServerCosts(server.pid());
       const WrkFigures figures = ParseWrk(RunWrk(url, connections, seconds));
       sampler.Stop();
       server.WaitQuiet();
-      printf("| %s | %d | %.0f | %s | %s | %.1f MiB | %.1f MiB |%s\n", target.name.c_str(),
-             connections, figures.requests_per_second, figures.p50.c_str(), figures.p99.c_str(),
-             StatusKiB(server.pid(), "VmHWM:") / 1024.0, sampler.peak_kib() / 1024.0,
+      const ServerCost after = ServerCosts(server.pid());
+      const double requests = figures.requests > 0 ? figures.requests : 1;
+      printf("| %s | %d | %.0f | %s | %s | %.2f ms, %.0f faults | %.1f MiB | %.1f MiB |%s\n",
+             target.name.c_str(), connections, figures.requests_per_second, figures.p50.c_str(),
+             figures.p99.c_str(), (after.cpu_seconds - before.cpu_seconds) * 1000.0 / requests,
+             (after.faults - before.faults) / requests, StatusKiB(server.pid(), "VmHWM:") / 1024.0,
+             sampler.peak_kib() / 1024.0,
              figures.errors.empty() ? "" : (" " + figures.errors).c_str());
       fflush(stdout);
     }

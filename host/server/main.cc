@@ -11,6 +11,7 @@
 #include <cstdio>
 #include <string>
 
+#include "kest/klib.h"
 #include "server/access_log.h"
 #include "server/module_registry.h"
 #include "server/server.h"
@@ -90,6 +91,9 @@ int main(int argc, char** argv) {
     if (!registry.Load(path, &error)) return Fail(error);
     syslog(LOG_INFO, "module %s loaded from %s", name.c_str(), path.c_str());
   }
+  // Workers are copies of the master: name-service modules loaded and
+  // configuration read here are not loaded and read again by every worker.
+  KLIBGroupIsAdminGroupMem("root", 0);
   if (check_only) {
     printf("%s: configuration ok, %zu handlers\n", config_path.c_str(), registry.handler_count());
     return 0;

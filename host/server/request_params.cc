@@ -79,7 +79,8 @@ Json::Value DecodeFormValue(const std::string& text) {
   return Json::Value(text);
 }
 
-bool ParseFormParams(const std::string& text, Json::Value* params, std::string* error) {
+bool ParseFormParams(const std::string& text, Json::Value* params, std::string* error,
+                     const std::set<std::string>& text_names) {
   size_t start = 0;
   while (start <= text.size()) {
     size_t end = text.find('&', start);
@@ -96,7 +97,7 @@ bool ParseFormParams(const std::string& text, Json::Value* params, std::string* 
       return false;
     }
     if (name.empty()) continue;
-    (*params)[name] = DecodeFormValue(value);
+    (*params)[name] = text_names.count(name) ? Json::Value(value) : DecodeFormValue(value);
   }
   return true;
 }

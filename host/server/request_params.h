@@ -9,6 +9,7 @@
 
 #include <json/json.h>
 
+#include <set>
 #include <string>
 
 namespace kestondri {
@@ -22,8 +23,10 @@ bool PercentDecode(const std::string& in, bool plus_is_space, std::string* out);
 Json::Value DecodeFormValue(const std::string& text);
 
 // Adds the fields of "a=1&b=x" to the object `*params` (a later field of the
-// same name replaces an earlier one). False with `*error` on bad encoding.
-bool ParseFormParams(const std::string& text, Json::Value* params, std::string* error);
+// same name replaces an earlier one). Fields named in `text_names` are kept
+// as text, undecoded. False with `*error` on bad encoding.
+bool ParseFormParams(const std::string& text, Json::Value* params, std::string* error,
+                     const std::set<std::string>& text_names = {});
 
 // Adds the members of a JSON object body to `*params`. False with `*error`
 // when the body is not one JSON object.

@@ -19,6 +19,7 @@
 #include <deque>
 #include <functional>
 #include <optional>
+#include <set>
 #include <unordered_map>
 #include <vector>
 
@@ -49,6 +50,8 @@ constexpr char kSessionCookie[] = "kest_sid";
 constexpr char kTokenHeader[] = "X-Kest-CSRF-Token";
 constexpr char kLogIdent[] = "kest-webapi-server";
 constexpr char kServerName[] = "kest-webapi";
+// Names, not values: a session id of digits must stay the text it is.
+const std::set<std::string> kTextFields = {"api", "method", "_sid"};
 // A module's code for "the module failed in a way it did not report".
 constexpr int kModuleUnknownError = 117;
 
@@ -373,9 +376,33 @@ class Connection : public std::enable_shared_from_this<Connection> {
     parser_->header_limit(static_cast<std::uint32_t>(server_->config().max_header_size));
     parser_->body_limit(server_->config().max_body_size);
     stream_.expires_after(std::chrono::seconds(server_->config().client_timeout));
-    http::async_read(
+    http::async_read_header(
         stream_, buffer_, *parser_,
-        [self = shared_from_this()](beast::error_code ec, size_t) { self->OnRead(ec); });
+        [self = shared_from_this()](beast::error_code ec, size_t) { self->OnHeader(ec); });
+  }
+
+  // Clients that ask before sending a body (curl does above 1 KiB) get
+  // their go-ahead; an oversized body was refused with the header already.
+  void OnHeader(beast::error_code ec) {
+    if (ec) {
+      OnRead(ec);
+      return;
+    }
+    const auto read_body = [self = shared_from_this()] {
+      http::async_read(self->stream_, self->buffer_, *self->parser_,
+                       [self](beast::error_code read_ec, size_t) { self->OnRead(read_ec); });
+    };
+    if (!beast::iequals(parser_->get()[http::field::expect], "100-continue")) {
+      read_body();
+      return;
+    }
+    auto go_ahead = std::make_shared<http::response<http::empty_body>>(http::status::continue_,
+                                                                       parser_->get().version());
+    http::async_write(
+        stream_, *go_ahead,
+        [self = shared_from_this(), go_ahead, read_body](beast::error_code write_ec, size_t) {
+          if (!write_ec) read_body();
+        });
   }
 
   void OnRead(beast::error_code ec) {
@@ -632,12 +659,12 @@ void ServerImpl::HandleApi(const std::shared_ptr<Connection>& connection,
   }
   Json::Value params(Json::objectValue);
   std::string problem;
-  bool ok = ParseFormParams(query, &params, &problem);
+  bool ok = ParseFormParams(query, &params, &problem, kTextFields);
   if (ok && req.method() == http::verb::post && !req.body().empty()) {
     const std::string type(req[http::field::content_type]);
     const std::string media = type.substr(0, type.find(';'));
     if (beast::iequals(media, "application/x-www-form-urlencoded")) {
-      ok = ParseFormParams(req.body(), &params, &problem);
+      ok = ParseFormParams(req.body(), &params, &problem, kTextFields);
     } else if (beast::iequals(media, "application/json")) {
       ok = ParseJsonParams(req.body(), &params, &problem);
     } else {

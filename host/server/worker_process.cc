@@ -37,18 +37,13 @@ void CloseFrom(unsigned first, unsigned last) {
 // The worker starts from the master's state; none of the master's signal
 // handling, descriptors or log connection may reach the module's code.
 void ShedMasterState(int keep_fd, const std::string& log_ident) {
-  // Handlers of faults stay: they report crashes (sanitizer builds install
-  // them), and the master installs none of its own.
+  // The master catches these (the event loop) or ignores them; every other
+  // disposition is still the default, and fault handlers of sanitizer
+  // builds stay in place to report crashes.
   struct sigaction action {};
   action.sa_handler = SIG_DFL;
   sigemptyset(&action.sa_mask);
-  for (int sig = 1; sig < NSIG; ++sig) {
-    if (sig == SIGKILL || sig == SIGSTOP || sig == SIGSEGV || sig == SIGBUS || sig == SIGFPE ||
-        sig == SIGILL || sig == SIGABRT || sig == SIGTRAP) {
-      continue;
-    }
-    sigaction(sig, &action, nullptr);
-  }
+  for (int sig : {SIGTERM, SIGINT, SIGHUP, SIGCHLD, SIGPIPE}) sigaction(sig, &action, nullptr);
   sigset_t none;
   sigemptyset(&none);
   sigprocmask(SIG_SETMASK, &none, nullptr);

@@ -60,6 +60,13 @@ TEST(RequestParamsTest, FormFieldsDecodeToTheirJsonMeaning) {
   }
 }
 
+TEST(RequestParamsTest, NamedFieldsStayText) {
+  Json::Value params(Json::objectValue);
+  std::string error;
+  ASSERT_TRUE(ParseFormParams("_sid=1234&api=true&n=1234", &params, &error, {"_sid", "api"}));
+  EXPECT_EQ(params, Parsed(R"({"_sid":"1234","api":"true","n":1234})"));
+}
+
 TEST(RequestParamsTest, JsonBodyMustBeOneObject) {
   struct Case {
     std::string body;

@@ -517,6 +517,29 @@ TEST_F(ServerTest, KeepAliveConnectionsServeSeveralRequests) {
   EXPECT_NE(received.find("{\"code\":801}"), std::string::npos);
 }
 
+TEST_F(ServerTest, ClientsWaitingForContinueGetIt) {
+  const LoginSession ann = Login("ann", "ann-secret");
+  const std::string body =
+      FormEncode(TestCall("echo", {{"_sid", ann.sid}, {"pad", std::string(2000, 'p')}}));
+  const int fd = OpenConnection();
+  const std::string head =
+      "POST /webapi/entry.cgi HTTP/1.1\r\nHost: x\r\nConnection: close\r\n"
+      "Content-Type: application/x-www-form-urlencoded\r\n"
+      "Expect: 100-continue\r\nContent-Length: " +
+      std::to_string(body.size()) + "\r\n\r\n";
+  ASSERT_EQ(send(fd, head.data(), head.size(), MSG_NOSIGNAL), static_cast<ssize_t>(head.size()));
+  char buffer[65536];
+  const ssize_t n = recv(fd, buffer, sizeof(buffer), 0);
+  ASSERT_GT(n, 0);
+  EXPECT_EQ(std::string(buffer, n).rfind("HTTP/1.1 100 Continue", 0), 0u);
+  ASSERT_EQ(send(fd, body.data(), body.size(), MSG_NOSIGNAL), static_cast<ssize_t>(body.size()));
+  std::string answer;
+  for (ssize_t got; (got = recv(fd, buffer, sizeof(buffer), 0)) > 0;) answer.append(buffer, got);
+  close(fd);
+  EXPECT_EQ(answer.rfind("HTTP/1.1 200", 0), 0u) << answer;
+  EXPECT_NE(answer.find("\"user\":\"ann\""), std::string::npos);
+}
+
 // ---------------------------------------------------------------------------
 // Operation.
 
