@@ -8,6 +8,7 @@
 #include <string>
 #include <vector>
 
+#include "errno_keeper.h"
 #include "kest/klib.h"
 
 namespace {
@@ -86,6 +87,7 @@ bool GroupId(const char* name, gid_t* gid) {
 }  // namespace
 
 extern "C" const char* KLIBGroupAdminGroupName(void) {
+  ErrnoKeeper errno_keeper;
   // Read at every call: the configuration may change while a server runs.
   thread_local std::string name;
   name = kDefaultAdminGroup;
@@ -97,6 +99,7 @@ extern "C" const char* KLIBGroupAdminGroupName(void) {
 }
 
 extern "C" int KLIBGroupIsAdminGroupMem(const char* szUserName, int /*flags*/) {
+  ErrnoKeeper errno_keeper;
   gid_t admin_gid;
   if (!GroupId(KLIBGroupAdminGroupName(), &admin_gid)) return 0;  // no such group: nobody is in it
   std::vector<gid_t> groups;
@@ -105,6 +108,7 @@ extern "C" int KLIBGroupIsAdminGroupMem(const char* szUserName, int /*flags*/) {
 }
 
 extern "C" PKLIBCSZLIST KLIBGroupInfoListGet(const char* szUserName, BOOL bWithPrimary) {
+  ErrnoKeeper errno_keeper;
   std::vector<gid_t> groups;
   if (!UserGroups(szUserName, &groups)) return nullptr;
   if (!bWithPrimary) groups.erase(groups.begin());
