@@ -3,7 +3,7 @@
 // connections. Prints one Markdown table row per run: requests/s, p50 and
 // p99 latency, and the peak RSS of the master and of any worker seen.
 //
-//   webapi_server_bench [seconds-per-run]
+//   webapi_server_bench [seconds-per-run [connections,...]]
 #include <dirent.h>
 #include <signal.h>
 #include <sys/wait.h>
@@ -160,6 +160,11 @@ int ErrorCode(const kesttest::HttpReply& reply) {
 
 int main(int argc, char** argv) {
   const int seconds = argc > 1 ? atoi(argv[1]) : 10;
+  std::vector<int> connection_counts;
+  std::istringstream counts(argc > 2 ? argv[2] : "1,8,32");
+  for (std::string count; std::getline(counts, count, ',');) {
+    connection_counts.push_back(atoi(count.c_str()));
+  }
   kesttest::EnterSandbox();
   kesttest::WriteFile("/etc/pam.d/kestondri", kesttest::ReadFile(std::string(KEST_SOURCE_DIR) +
                                                                  "/host/dist/kestondri.pam"));
@@ -208,7 +213,7 @@ int main(int argc, char** argv) {
     fields.emplace_back("_sid", carol.sid);
     const std::string url = "http://127.0.0.1:" + std::to_string(kesttest::kServerPort) +
                             "/webapi/entry.cgi?" + kesttest::FormEncode(fields);
-    for (int connections : {1, 8, 32}) {
+    for (int connections : connection_counts) {
       WorkerRssSampler sampler(server.pid());
       const ServerCost before = ServerCosts(server.pid());
       const WrkFigures figures = ParseWrk(RunWrk(url, connections, seconds));

@@ -31,6 +31,7 @@
 #include "server/pam_login.h"
 #include "server/request_params.h"
 #include "server/session_store.h"
+#include "server/worker_answer.h"
 #include "server/worker_process.h"
 
 namespace kestondri {
@@ -72,24 +73,6 @@ Json::Value SuccessAnswer(const Json::Value& data) {
   KEST::APIResponse response;
   response.SetSuccess(data);
   return response.ToJson();
-}
-
-// A worker's answer travels as its code (0 for a success), a newline and
-// the JSON text, so that the master forwards the text as it is and still
-// knows the code for its log, without parsing what may be megabytes.
-std::string EncodeAnswer(int code, const Json::Value& answer) {
-  return std::to_string(code) + "\n" + Json::toString(answer);
-}
-
-bool DecodeAnswer(const std::string& frame, int* code, std::string* text) {
-  const size_t newline = frame.find('\n');
-  if (newline == std::string::npos || newline == 0 || newline > 11) return false;
-  char* end = nullptr;
-  const long value = strtol(frame.c_str(), &end, 10);
-  if (end != frame.c_str() + newline || value < INT_MIN || value > INT_MAX) return false;
-  *code = static_cast<int>(value);
-  text->assign(frame, newline + 1, std::string::npos);
-  return true;
 }
 
 int AnswerCode(const Json::Value& answer) {
@@ -155,8 +138,7 @@ std::string ExpiredSessionCookie() {
 // Runs in the worker: the module's checker, then its handler, with the
 // request object that names the login user.
 Json::Value RunModuleRequestJson(const Route& route, Json::Value params, const std::string& user,
-                                 uid_t uid, const std::string& sid) {
-  const bool admin = KLIBGroupIsAdminGroupMem(user.c_str(), 0) == 1;
+                                 uid_t uid, const std::string& sid, bool admin) {
   KEST::APIRequest request(std::move(params), uid, user, sid, admin);
   KEST::APIResponse response;
   try {
@@ -172,10 +154,20 @@ Json::Value RunModuleRequestJson(const Route& route, Json::Value params, const s
   return response.ToJson(kModuleUnknownError);
 }
 
+// `known_admin` is the session's administrator flag, or -1 when it is due
+// to be looked up again (the lookup costs about as much as the rest of a
+// light request, so it is not repeated for every one).
 std::string RunModuleRequest(const Route& route, Json::Value params, const std::string& user,
-                             uid_t uid, const std::string& sid) {
-  const Json::Value answer = RunModuleRequestJson(route, std::move(params), user, uid, sid);
-  return EncodeAnswer(AnswerCode(answer), answer);
+                             uid_t uid, const std::string& sid, int known_admin) {
+  AnswerHeader header;
+  bool admin = known_admin == 1;
+  if (known_admin < 0) {
+    admin = KLIBGroupIsAdminGroupMem(user.c_str(), 0) == 1;
+    header.admin = admin ? 1 : 0;
+  }
+  const Json::Value answer = RunModuleRequestJson(route, std::move(params), user, uid, sid, admin);
+  header.code = AnswerCode(answer);
+  return EncodeAnswer(header, Json::toString(answer));
 }
 
 // Runs in the worker: the password check.
@@ -188,7 +180,7 @@ std::string RunLogin(const std::string& service, const std::string& account,
   answer["uid"] = static_cast<Json::UInt>(result.uid);
   answer["reason"] = result.reason;
   answer["is_admin"] = result.ok && KLIBGroupIsAdminGroupMem(result.user.c_str(), 0) == 1;
-  return EncodeAnswer(0, answer);
+  return EncodeAnswer(AnswerHeader(), Json::toString(answer));
 }
 
 }  // namespace
@@ -198,6 +190,7 @@ struct Outcome {
   bool answered = false;
   std::string text;  // the worker's answer, JSON text
   int code = 0;      // the answer's code, or the server's error code
+  int admin = -1;    // the administrator flag when the worker looked it up
 };
 
 class Connection;
@@ -726,10 +719,16 @@ void ServerImpl::HandleApi(const std::shared_ptr<Connection>& connection,
   Job job;
   job.connection = connection;
   job.label = api.asString() + "/" + method.asString();
-  job.work = [route, params, user = session->user, uid = session->uid, id = session->id]() {
-    return RunModuleRequest(route, params, user, uid, id);
+  const auto now = Clock::now();
+  const bool recheck =
+      now - session->admin_checked >= std::chrono::seconds(config_.admin_recheck_interval);
+  const int known_admin = recheck ? -1 : (session->is_admin ? 1 : 0);
+  job.work = [route, params, user = session->user, uid = session->uid, id = session->id,
+              known_admin]() {
+    return RunModuleRequest(route, params, user, uid, id, known_admin);
   };
-  job.on_outcome = [connection](Outcome outcome) {
+  job.on_outcome = [this, connection, id = session->id](Outcome outcome) {
+    if (outcome.admin >= 0) sessions_.SetAdmin(id, outcome.admin == 1, Clock::now());
     if (outcome.answered) {
       connection->SendText(http::status::ok, std::move(outcome.text), outcome.code);
     } else {
@@ -822,7 +821,8 @@ void ServerImpl::Login(const std::shared_ptr<Connection>& connection, const Json
     Json::Value data(Json::objectValue);
     std::vector<std::string> cookies;
     try {
-      const Session& session = sessions_.Create(user, uid, Clock::now());
+      const Session& session =
+          sessions_.Create(user, uid, answer["is_admin"].asBool(), Clock::now());
       data["sid"] = session.id;
       data["csrf_token"] = session.csrf_token;
       cookies.push_back(SessionCookie(session.id));
@@ -894,8 +894,9 @@ void ServerImpl::Submit(Job job) {
 
 void ServerImpl::Start(Job job) {
   int fd = -1;
-  const pid_t pid =
-      ForkWorker(job.work, EncodeAnswer(kErrInternal, ErrorAnswer(kErrInternal)), kLogIdent, &fd);
+  const pid_t pid = ForkWorker(
+      job.work, EncodeAnswer({kErrInternal, -1}, Json::toString(ErrorAnswer(kErrInternal))),
+      kLogIdent, &fd);
   if (pid < 0) {
     syslog(LOG_ERR, "cannot start a worker for %s: %m", job.label.c_str());
     job.on_outcome(Outcome{false, "", kErrInternal});
@@ -942,8 +943,11 @@ bool ServerImpl::ReadAnswer(const std::shared_ptr<Worker>& worker) {
       if (end_of_file) worker->pipe_done = true;
       return end_of_file;
     }
-    Outcome outcome{true, "", 0};
-    if (!DecodeAnswer(frame, &outcome.code, &outcome.text)) break;
+    Outcome outcome{true, "", 0, -1};
+    AnswerHeader header;
+    if (!DecodeAnswer(frame, &header, &outcome.text)) break;
+    outcome.code = header.code;
+    outcome.admin = header.admin;
     worker->pipe_done = true;
     Finish(worker, std::move(outcome));
     return true;

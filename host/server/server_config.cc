@@ -66,6 +66,7 @@ const std::map<std::string, Setter>& ServerKeys() {
       {"max_header_size", IntSetter(&ServerConfig::max_header_size, 1024, 1L << 20)},
       {"session_idle_timeout", IntSetter(&ServerConfig::session_idle_timeout, 1, 30 * 86400)},
       {"max_sessions", IntSetter(&ServerConfig::max_sessions, 1, 10000000)},
+      {"admin_recheck_interval", IntSetter(&ServerConfig::admin_recheck_interval, 0, 86400)},
       {"login_max_failures", IntSetter(&ServerConfig::login_max_failures, 1, 1000000)},
       {"login_max_failures_address",
        IntSetter(&ServerConfig::login_max_failures_address, 1, 1000000)},

@@ -34,6 +34,9 @@ struct ServerConfig {
   size_t max_header_size = 16 << 10;
 
   int session_idle_timeout = 1800;  // seconds
+  // Seconds a session's administrator flag is trusted before a worker looks
+  // it up again; 0 looks it up for every request.
+  int admin_recheck_interval = 60;
   size_t max_sessions = 10000;
 
   int login_max_failures = 5;           // per account within the window

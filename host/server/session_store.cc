@@ -34,7 +34,8 @@ bool TokensEqual(const std::string& a, const std::string& b) {
   return diff == 0;
 }
 
-const Session& SessionStore::Create(const std::string& user, uid_t uid, Clock::time_point now) {
+const Session& SessionStore::Create(const std::string& user, uid_t uid, bool is_admin,
+                                    Clock::time_point now) {
   if (sessions_.size() >= max_sessions_) Sweep(now);
   if (sessions_.size() >= max_sessions_) {
     auto oldest = sessions_.begin();
@@ -48,6 +49,8 @@ const Session& SessionStore::Create(const std::string& user, uid_t uid, Clock::t
   session.csrf_token = RandomToken();
   session.user = user;
   session.uid = uid;
+  session.is_admin = is_admin;
+  session.admin_checked = now;
   session.last_used = now;
   const std::string id = session.id;
   return sessions_[id] = std::move(session);
@@ -62,6 +65,13 @@ const Session* SessionStore::Find(const std::string& id, Clock::time_point now) 
   }
   it->second.last_used = now;
   return &it->second;
+}
+
+void SessionStore::SetAdmin(const std::string& id, bool is_admin, Clock::time_point now) {
+  const auto it = sessions_.find(id);
+  if (it == sessions_.end()) return;
+  it->second.is_admin = is_admin;
+  it->second.admin_checked = now;
 }
 
 bool SessionStore::Remove(const std::string& id) { return sessions_.erase(id) > 0; }

@@ -21,6 +21,8 @@ struct Session {
   std::string csrf_token;
   std::string user;  // login user name
   uid_t uid = 0;
+  bool is_admin = false;  // member of the administrators group when last looked up
+  std::chrono::steady_clock::time_point admin_checked;
   std::chrono::steady_clock::time_point last_used;
 };
 
@@ -39,7 +41,9 @@ class SessionStore {
       : idle_timeout_(idle_timeout), max_sessions_(max_sessions) {}
 
   // A new session for the user. Throws what RandomToken() throws.
-  const Session& Create(const std::string& user, uid_t uid, Clock::time_point now);
+  const Session& Create(const std::string& user, uid_t uid, bool is_admin, Clock::time_point now);
+  // Records a fresh administrator lookup; nothing when the session is gone.
+  void SetAdmin(const std::string& id, bool is_admin, Clock::time_point now);
   // The live session with that id, its idle clock restarted; null when
   // unknown or expired (an expired one is removed).
   const Session* Find(const std::string& id, Clock::time_point now);

@@ -11,6 +11,7 @@
 #include "server/request_params.h"
 #include "server/server_config.h"
 #include "server/session_store.h"
+#include "server/worker_answer.h"
 #include "server/worker_process.h"
 #include "support/sandbox.h"
 
@@ -104,7 +105,7 @@ TEST(SessionStoreTest, IdsAreLongRandomAndDistinct) {
   std::set<std::string> seen;
   const auto now = Clock::now();
   for (int i = 0; i < 200; ++i) {
-    const Session& s = store.Create("ann", 2001, now);
+    const Session& s = store.Create("ann", 2001, false, now);
     EXPECT_EQ(s.id.size(), 64u);  // 256 bits in hex
     EXPECT_EQ(s.id.find_first_not_of("0123456789abcdef"), std::string::npos);
     EXPECT_NE(s.id, s.csrf_token);
@@ -116,8 +117,8 @@ TEST(SessionStoreTest, IdsAreLongRandomAndDistinct) {
 TEST(SessionStoreTest, IdleSessionsExpireAndUseKeepsThemAlive) {
   SessionStore store(seconds(10), 100);
   const auto t0 = Clock::now();
-  const std::string used = store.Create("ann", 2001, t0).id;
-  const std::string idle = store.Create("bob", 2002, t0).id;
+  const std::string used = store.Create("ann", 2001, false, t0).id;
+  const std::string idle = store.Create("bob", 2002, false, t0).id;
   ASSERT_NE(store.Find(used, t0 + seconds(8)), nullptr);
   EXPECT_NE(store.Find(used, t0 + seconds(16)), nullptr);
   EXPECT_EQ(store.Find(idle, t0 + seconds(16)), nullptr);
@@ -130,10 +131,10 @@ TEST(SessionStoreTest, IdleSessionsExpireAndUseKeepsThemAlive) {
 TEST(SessionStoreTest, FullStoreDropsTheLeastRecentlyUsed) {
   SessionStore store(seconds(1000), 2);
   const auto t0 = Clock::now();
-  const std::string first = store.Create("ann", 2001, t0).id;
-  const std::string second = store.Create("bob", 2002, t0 + seconds(1)).id;
+  const std::string first = store.Create("ann", 2001, false, t0).id;
+  const std::string second = store.Create("bob", 2002, false, t0 + seconds(1)).id;
   ASSERT_NE(store.Find(first, t0 + seconds(2)), nullptr);
-  const std::string third = store.Create("dave", 2004, t0 + seconds(3)).id;
+  const std::string third = store.Create("dave", 2004, false, t0 + seconds(3)).id;
   EXPECT_EQ(store.size(), 2u);
   EXPECT_NE(store.Find(first, t0 + seconds(4)), nullptr);
   EXPECT_EQ(store.Find(second, t0 + seconds(4)), nullptr);
@@ -245,6 +246,25 @@ TEST(WorkerFrameTest, FramesAreCompleteOnlyWithTheirWholeBody) {
   EXPECT_EQ(DecodeFrame(std::string("\x7f\xff\xff\xff", 4), &text), FrameState::kBad);
   ASSERT_EQ(DecodeFrame(EncodeFrame(""), &text), FrameState::kComplete);
   EXPECT_EQ(text, "");
+}
+
+TEST(WorkerAnswerTest, HeaderCarriesCodeAndAdminFlag) {
+  for (const AnswerHeader& sent :
+       {AnswerHeader{0, -1}, AnswerHeader{120, 1}, AnswerHeader{-5, 0}}) {
+    const std::string frame = EncodeAnswer(sent, "{\"a\":\"x\ny\"}");
+    AnswerHeader got;
+    std::string text;
+    ASSERT_TRUE(DecodeAnswer(frame, &got, &text)) << frame;
+    EXPECT_EQ(got.code, sent.code);
+    EXPECT_EQ(got.admin, sent.admin);
+    EXPECT_EQ(text, "{\"a\":\"x\ny\"}");
+  }
+  AnswerHeader got;
+  std::string text;
+  for (const char* bad :
+       {"", "{}", "0\n{}", "0 2\n{}", "x 0\n{}", "0 0 0\n{}", " 0 0\n", "99999999999 0\n{}"}) {
+    EXPECT_FALSE(DecodeAnswer(bad, &got, &text)) << bad;
+  }
 }
 
 TEST(AccessLogTest, LinesHoldNoQueryAndCannotBeForged) {

@@ -8,6 +8,7 @@
 #include <gtest/gtest.h>
 #include <atomic>
 #include <chrono>
+#include <cstring>
 #include <thread>
 
 #include "host/server_harness.h"
@@ -201,6 +202,26 @@ TEST_F(ServerTest, RequestCarriesTheLoginUserAndAWorkerStartsClean) {
     }
     EXPECT_EQ(pids.size(), 3u) << "one process per request";
   }
+}
+
+class AdminRecheckServerTest : public ServerTest {
+  std::string ExtraConfig() override { return "[server]\nadmin_recheck_interval = 0\n"; }
+};
+
+TEST_F(AdminRecheckServerTest, AdministratorFlagFollowsGroupMembership) {
+  const LoginSession dave = Login("dave", "dave-secret");
+  EXPECT_EQ(dave.reply["data"]["is_admin"], false);
+  EXPECT_EQ(CallApi(TestCall("echo"), dave.sid).json["data"]["is_admin"], false);
+  const std::string groups = ReadFile("/etc/group");
+  std::string promoted = groups;
+  const auto at = promoted.find("administrators:x:2200:carol");
+  ASSERT_NE(at, std::string::npos) << groups;
+  promoted.insert(at + strlen("administrators:x:2200:carol"), ",dave");
+  WriteFile("/etc/group", promoted);
+  const Json::Value data = CallApi(TestCall("echo"), dave.sid).json["data"];
+  WriteFile("/etc/group", groups);
+  EXPECT_EQ(data["is_admin"], true);
+  EXPECT_EQ(CallApi(TestCall("echo"), dave.sid).json["data"]["is_admin"], false);
 }
 
 // ---------------------------------------------------------------------------
