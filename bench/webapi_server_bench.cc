@@ -4,7 +4,6 @@
 // p99 latency, and the peak RSS of the master and of any worker seen.
 //
 //   webapi_server_bench [seconds-per-run [connections,...]]
-#include <dirent.h>
 #include <signal.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -13,6 +12,8 @@
 #include <chrono>
 #include <cstdio>
 #include <cstdlib>
+#include <cstring>
+#include <sstream>
 #include <string>
 #include <thread>
 #include <vector>
@@ -51,25 +52,15 @@ class WorkerRssSampler {
  public:
   explicit WorkerRssSampler(pid_t server) : server_(server) {
     thread_ = std::thread([this] {
+      const std::string children =
+          "/proc/" + std::to_string(server_) + "/task/" + std::to_string(server_) + "/children";
       while (!stop_) {
-        DIR* dir = opendir("/proc");
-        while (struct dirent* entry = readdir(dir)) {
-          const pid_t pid = atoi(entry->d_name);
-          if (pid <= 0) continue;
-          const std::string stat = kesttest::ReadFile("/proc/" + std::to_string(pid) + "/stat");
-          const auto paren = stat.rfind(')');
-          char state = 0;
-          int ppid = 0;
-          if (paren == std::string::npos ||
-              sscanf(stat.c_str() + paren + 1, " %c %d", &state, &ppid) != 2 || ppid != server_) {
-            continue;
-          }
+        std::istringstream pids(kesttest::ReadFile(children));
+        for (pid_t pid; pids >> pid;) {
           const long rss = StatusKiB(pid, "VmHWM:");
           if (rss > peak_kib_) peak_kib_ = rss;
-          ++samples_;
         }
-        closedir(dir);
-        std::this_thread::sleep_for(std::chrono::microseconds(500));
+        std::this_thread::sleep_for(std::chrono::milliseconds(20));
       }
     });
   }
@@ -79,13 +70,11 @@ class WorkerRssSampler {
     if (thread_.joinable()) thread_.join();
   }
   long peak_kib() const { return peak_kib_; }
-  long samples() const { return samples_; }
 
  private:
   pid_t server_;
   std::atomic<bool> stop_{false};
   std::atomic<long> peak_kib_{0};
-  std::atomic<long> samples_{0};
   std::thread thread_;
 };
 
