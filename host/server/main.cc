@@ -76,6 +76,8 @@ int main(int argc, char** argv) {
   std::string error;
   if (!LoadServerConfig(config_path, config_named, &config, &error)) return Fail(error);
 
+  // Hold no mount busy; every path in the settings is absolute.
+  if (chdir("/") != 0) return Fail("cannot change to /");
   // Modules fork children that nobody waits for; they are reparented here
   // and reaped by the event loop.
   if (prctl(PR_SET_CHILD_SUBREAPER, 1) != 0) return Fail("cannot become a child subreaper");
