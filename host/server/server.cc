@@ -1,7 +1,6 @@
 #include "server/server.h"
 
 #include <signal.h>
-#include <sys/stat.h>
 #include <sys/wait.h>
 #include <syslog.h>
 #include <unistd.h>
@@ -28,11 +27,12 @@
 #include "kest/webapi.h"
 #include "server/error_codes.h"
 #include "server/login_throttle.h"
-#include "server/pam_login.h"
 #include "server/request_params.h"
 #include "server/session_store.h"
+#include "server/static_files.h"
 #include "server/worker_answer.h"
 #include "server/worker_process.h"
+#include "server/worker_tasks.h"
 
 namespace kestondri {
 namespace host {
@@ -53,33 +53,6 @@ constexpr char kLogIdent[] = "kest-webapi-server";
 constexpr char kServerName[] = "kest-webapi";
 // Names, not values: a session id of digits must stay the text it is.
 const std::set<std::string> kTextFields = {"api", "method", "_sid"};
-// A module's code for "the module failed in a way it did not report".
-constexpr int kModuleUnknownError = 117;
-
-Json::Value ErrorAnswer(int code, const Json::Value& errors = Json::Value()) {
-  KEST::APIResponse response;
-  response.SetError(code, errors);
-  return response.ToJson();
-}
-
-Json::Value ParamError(const char* name, const char* reason) {
-  Json::Value errors(Json::objectValue);
-  errors["name"] = name;
-  errors["reason"] = reason;
-  return ErrorAnswer(kErrBadServerParam, errors);
-}
-
-Json::Value SuccessAnswer(const Json::Value& data) {
-  KEST::APIResponse response;
-  response.SetSuccess(data);
-  return response.ToJson();
-}
-
-int AnswerCode(const Json::Value& answer) {
-  if (answer.isObject() && answer["success"].isBool() && answer["success"].asBool()) return 0;
-  const Json::Value& code = answer["error"]["code"];
-  return code.isInt() ? code.asInt() : -1;
-}
 
 // A version sent as a number or as a string of digits; -1 for anything else.
 long VersionOf(const Json::Value& value) {
@@ -101,86 +74,12 @@ bool PlainText(const std::string& text, size_t max_size) {
   return true;
 }
 
-const char* MimeType(const std::string& path) {
-  static const std::pair<const char*, const char*> kTypes[] = {
-      {".html", "text/html; charset=utf-8"},
-      {".htm", "text/html; charset=utf-8"},
-      {".css", "text/css; charset=utf-8"},
-      {".js", "text/javascript; charset=utf-8"},
-      {".json", "application/json"},
-      {".svg", "image/svg+xml"},
-      {".png", "image/png"},
-      {".jpg", "image/jpeg"},
-      {".jpeg", "image/jpeg"},
-      {".gif", "image/gif"},
-      {".ico", "image/x-icon"},
-      {".woff2", "font/woff2"},
-      {".txt", "text/plain; charset=utf-8"},
-  };
-  const auto dot = path.rfind('.');
-  if (dot != std::string::npos) {
-    const std::string ext = path.substr(dot);
-    for (const auto& [suffix, type] : kTypes) {
-      if (ext == suffix) return type;
-    }
-  }
-  return "application/octet-stream";
-}
-
 std::string SessionCookie(const std::string& sid) {
   return std::string(kSessionCookie) + "=" + sid + "; Path=/; HttpOnly; SameSite=Strict";
 }
 
 std::string ExpiredSessionCookie() {
   return std::string(kSessionCookie) + "=; Path=/; Max-Age=0; HttpOnly; SameSite=Strict";
-}
-
-// Runs in the worker: the module's checker, then its handler, with the
-// request object that names the login user.
-Json::Value RunModuleRequestJson(const Route& route, Json::Value params, const std::string& user,
-                                 uid_t uid, const std::string& sid, bool admin) {
-  KEST::APIRequest request(std::move(params), uid, user, sid, admin);
-  KEST::APIResponse response;
-  try {
-    if (route.checker && !route.checker(&request, &response)) {
-      return response.ToJson(kModuleUnknownError);
-    }
-    if (!route.handler) return ErrorAnswer(kErrUnknownMethod);
-    route.handler(&request, &response);
-  } catch (...) {
-    syslog(LOG_ERR, "a module let an exception escape; answering %d", kModuleUnknownError);
-    response.SetError(kModuleUnknownError);
-  }
-  return response.ToJson(kModuleUnknownError);
-}
-
-// `known_admin` is the session's administrator flag, or -1 when it is due
-// to be looked up again (the lookup costs about as much as the rest of a
-// light request, so it is not repeated for every one).
-std::string RunModuleRequest(const Route& route, Json::Value params, const std::string& user,
-                             uid_t uid, const std::string& sid, int known_admin) {
-  AnswerHeader header;
-  bool admin = known_admin == 1;
-  if (known_admin < 0) {
-    admin = KLIBGroupIsAdminGroupMem(user.c_str(), 0) == 1;
-    header.admin = admin ? 1 : 0;
-  }
-  const Json::Value answer = RunModuleRequestJson(route, std::move(params), user, uid, sid, admin);
-  header.code = AnswerCode(answer);
-  return EncodeAnswer(header, Json::toString(answer));
-}
-
-// Runs in the worker: the password check.
-std::string RunLogin(const std::string& service, const std::string& account,
-                     const std::string& password, uid_t min_uid) {
-  const PamLoginResult result = PamLogin(service, account, password, min_uid);
-  Json::Value answer(Json::objectValue);
-  answer["ok"] = result.ok;
-  answer["user"] = result.user;
-  answer["uid"] = static_cast<Json::UInt>(result.uid);
-  answer["reason"] = result.reason;
-  answer["is_admin"] = result.ok && KLIBGroupIsAdminGroupMem(result.user.c_str(), 0) == 1;
-  return EncodeAnswer(AnswerHeader(), Json::toString(answer));
 }
 
 }  // namespace
@@ -354,7 +253,7 @@ class Connection : public std::enable_shared_from_this<Connection> {
     auto response = std::make_shared<http::response<http::file_body>>(
         std::piecewise_construct, std::make_tuple(std::move(body)),
         std::make_tuple(http::status::ok, version_));
-    response->set(http::field::content_type, MimeType(path));
+    response->set(http::field::content_type, StaticMimeType(path));
     response->set(http::field::cache_control, "no-cache");
     Send(response, true);
   }
@@ -850,35 +749,15 @@ void ServerImpl::Logout(const std::shared_ptr<Connection>& connection,
 
 void ServerImpl::ServeStatic(const std::shared_ptr<Connection>& connection,
                              const std::string& path) {
-  std::string decoded;
-  if (!PercentDecode(path, false, &decoded) || decoded.empty() || decoded[0] != '/' ||
-      decoded.find('\0') != std::string::npos || decoded.find("/..") != std::string::npos) {
-    connection->SendJson(http::status::not_found, ErrorAnswer(kErrBadRequest));
-    return;
-  }
-  std::string full = static_root_ + decoded;
-  if (full.back() == '/') full += "index.html";
-  char* resolved = realpath(full.c_str(), nullptr);
-  std::string real = resolved ? resolved : "";
-  free(resolved);
-  struct stat st;
-  if (!real.empty() && stat(real.c_str(), &st) == 0 && S_ISDIR(st.st_mode)) {
-    real += "/index.html";
-  }
-  // Symbolic links may not lead out of the folder.
-  if (real.compare(0, static_root_.size() + 1, static_root_ + "/") != 0 ||
-      stat(real.c_str(), &st) != 0 || !S_ISREG(st.st_mode)) {
-    connection->SendJson(http::status::not_found, ErrorAnswer(kErrBadRequest));
-    return;
-  }
+  const std::string file = ResolveStaticFile(static_root_, path);
   http::file_body::value_type body;
   beast::error_code ec;
-  body.open(real.c_str(), beast::file_mode::scan, ec);
-  if (ec) {
+  if (!file.empty()) body.open(file.c_str(), beast::file_mode::scan, ec);
+  if (file.empty() || ec) {
     connection->SendJson(http::status::not_found, ErrorAnswer(kErrBadRequest));
     return;
   }
-  connection->SendFile(std::move(body), real);
+  connection->SendFile(std::move(body), file);
 }
 
 void ServerImpl::Submit(Job job) {

@@ -4,8 +4,36 @@
 #include <climits>
 #include <cstdlib>
 
+#include "kest/webapi.h"
+#include "server/error_codes.h"
+
 namespace kestondri {
 namespace host {
+
+Json::Value ErrorAnswer(int code, const Json::Value& errors) {
+  KEST::APIResponse response;
+  response.SetError(code, errors);
+  return response.ToJson();
+}
+
+Json::Value ParamError(const char* name, const char* reason) {
+  Json::Value errors(Json::objectValue);
+  errors["name"] = name;
+  errors["reason"] = reason;
+  return ErrorAnswer(kErrBadServerParam, errors);
+}
+
+Json::Value SuccessAnswer(const Json::Value& data) {
+  KEST::APIResponse response;
+  response.SetSuccess(data);
+  return response.ToJson();
+}
+
+int AnswerCode(const Json::Value& answer) {
+  if (answer.isObject() && answer["success"].isBool() && answer["success"].asBool()) return 0;
+  const Json::Value& code = answer["error"]["code"];
+  return code.isInt() ? code.asInt() : -1;
+}
 
 std::string EncodeAnswer(const AnswerHeader& header, const std::string& text) {
   return std::to_string(header.code) + " " + std::to_string(header.admin) + "\n" + text;

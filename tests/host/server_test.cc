@@ -3,6 +3,7 @@
 // module.
 #include <signal.h>
 #include <sys/socket.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <gtest/gtest.h>
@@ -600,7 +601,11 @@ class StaticServerTest : public ServerTest {
     WriteFile("/tmp/www/index.html", "<html>search</html>");
     WriteFile("/tmp/www/js/app.js", "let a = 1;");
     WriteFile("/tmp/secret.txt", "secret");
+    WriteFile("/tmp/outside/index.html", "secret");
     symlink("/tmp/secret.txt", "/tmp/www/link.txt");
+    symlink("/tmp/outside", "/tmp/www/away");
+    mkdir("/tmp/www/linked", 0755);
+    symlink("/tmp/secret.txt", "/tmp/www/linked/index.html");
     return "[server]\nstatic_root = /tmp/www\n";
   }
 };
@@ -619,6 +624,10 @@ TEST_F(StaticServerTest, ServesTheFolderAndNothingOutsideIt) {
       {"/../secret.txt", 404, nullptr, nullptr},
       {"/js/%2e%2e/%2e%2e/secret.txt", 404, nullptr, nullptr},
       {"/link.txt", 404, nullptr, nullptr},
+      {"/away/", 404, nullptr, nullptr},
+      {"/away/index.html", 404, nullptr, nullptr},
+      {"/linked/", 404, nullptr, nullptr},
+      {"/linked", 404, nullptr, nullptr},
       {"/missing.html", 404, nullptr, nullptr},
       {"/index.html%00.js", 404, nullptr, nullptr},
   };
