@@ -140,7 +140,6 @@ class ServerImpl {
   bool stopping() const { return stopping_; }
   const ServerConfig& config() const { return config_; }
   AccessLog* access_log() { return access_log_; }
-  asio::io_context& io() { return io_; }
 
  private:
   void Accept();
