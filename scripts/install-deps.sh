@@ -12,6 +12,8 @@ packages=(
   libarchive-dev libxml2-dev libuchardet-dev libcrypt-dev
   # tests and tools
   libgtest-dev libgmock-dev acl xapian-tools util-linux iproute2 curl procps
+  # benchmarks
+  wrk
 )
 
 missing=()

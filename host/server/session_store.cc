@@ -1,0 +1,86 @@
+#include "server/session_store.h"
+
+#include <sys/random.h>
+
+#include <cerrno>
+#include <stdexcept>
+
+namespace kestondri {
+namespace host {
+
+std::string RandomToken() {
+  unsigned char bytes[32];
+  size_t got = 0;
+  while (got < sizeof(bytes)) {
+    const ssize_t n = getrandom(bytes + got, sizeof(bytes) - got, 0);
+    if (n < 0 && errno == EINTR) continue;
+    if (n <= 0) throw std::runtime_error("no randomness from the kernel");
+    got += static_cast<size_t>(n);
+  }
+  static constexpr char kHex[] = "0123456789abcdef";
+  std::string token;
+  token.reserve(sizeof(bytes) * 2);
+  for (unsigned char b : bytes) {
+    token.push_back(kHex[b >> 4]);
+    token.push_back(kHex[b & 0xf]);
+  }
+  return token;
+}
+
+bool TokensEqual(const std::string& a, const std::string& b) {
+  if (a.size() != b.size()) return false;
+  unsigned char diff = 0;
+  for (size_t i = 0; i < a.size(); ++i) diff |= static_cast<unsigned char>(a[i] ^ b[i]);
+  return diff == 0;
+}
+
+const Session& SessionStore::Create(const std::string& user, uid_t uid, bool is_admin,
+                                    Clock::time_point now) {
+  if (sessions_.size() >= max_sessions_) Sweep(now);
+  if (sessions_.size() >= max_sessions_) {
+    auto oldest = sessions_.begin();
+    for (auto it = sessions_.begin(); it != sessions_.end(); ++it) {
+      if (it->second.last_used < oldest->second.last_used) oldest = it;
+    }
+    sessions_.erase(oldest);
+  }
+  Session session;
+  session.id = RandomToken();
+  session.csrf_token = RandomToken();
+  session.user = user;
+  session.uid = uid;
+  session.is_admin = is_admin;
+  session.admin_checked = now;
+  session.last_used = now;
+  const std::string id = session.id;
+  return sessions_[id] = std::move(session);
+}
+
+const Session* SessionStore::Find(const std::string& id, Clock::time_point now) {
+  const auto it = sessions_.find(id);
+  if (it == sessions_.end()) return nullptr;
+  if (Expired(it->second, now)) {
+    sessions_.erase(it);
+    return nullptr;
+  }
+  it->second.last_used = now;
+  return &it->second;
+}
+
+void SessionStore::SetAdmin(const std::string& id, bool is_admin, Clock::time_point now) {
+  const auto it = sessions_.find(id);
+  if (it == sessions_.end()) return;
+  it->second.is_admin = is_admin;
+  it->second.admin_checked = now;
+}
+
+bool SessionStore::Remove(const std::string& id) { return sessions_.erase(id) > 0; }
+
+void SessionStore::Sweep(Clock::time_point now) {
+  for (auto it = sessions_.begin(); it != sessions_.end();) {
+    it = Expired(it->second, now) ? sessions_.erase(it) : std::next(it);
+  }
+}
+
+}  // namespace host
+}  // namespace kestondri

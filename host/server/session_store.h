@@ -1,0 +1,69 @@
+// Login sessions of the server's master process.
+//
+// A session id and its CSRF token are 256 random bits each, from the kernel's
+// random source, written as 64 hex digits. A session dies after
+// `idle_timeout` without use, at logout, or when the store is full and it is
+// the least recently used one. Single-threaded: the master owns the store.
+#ifndef KESTONDRI_HOST_SERVER_SESSION_STORE_H_
+#define KESTONDRI_HOST_SERVER_SESSION_STORE_H_
+
+#include <sys/types.h>
+
+#include <chrono>
+#include <string>
+#include <unordered_map>
+
+namespace kestondri {
+namespace host {
+
+struct Session {
+  std::string id;
+  std::string csrf_token;
+  std::string user;  // login user name
+  uid_t uid = 0;
+  bool is_admin = false;  // member of the administrators group when last looked up
+  std::chrono::steady_clock::time_point admin_checked;
+  std::chrono::steady_clock::time_point last_used;
+};
+
+// 64 hex digits of fresh randomness. Throws std::runtime_error when the
+// kernel gives none (never hands out a guessable id).
+std::string RandomToken();
+
+// Compares without an early exit, so a wrong token's timing tells nothing.
+bool TokensEqual(const std::string& a, const std::string& b);
+
+class SessionStore {
+ public:
+  using Clock = std::chrono::steady_clock;
+
+  SessionStore(std::chrono::seconds idle_timeout, size_t max_sessions)
+      : idle_timeout_(idle_timeout), max_sessions_(max_sessions) {}
+
+  // A new session for the user. Throws what RandomToken() throws.
+  const Session& Create(const std::string& user, uid_t uid, bool is_admin, Clock::time_point now);
+  // Records a fresh administrator lookup; nothing when the session is gone.
+  void SetAdmin(const std::string& id, bool is_admin, Clock::time_point now);
+  // The live session with that id, its idle clock restarted; null when
+  // unknown or expired (an expired one is removed).
+  const Session* Find(const std::string& id, Clock::time_point now);
+  // True when a session was removed.
+  bool Remove(const std::string& id);
+  // Drops every expired session.
+  void Sweep(Clock::time_point now);
+  size_t size() const { return sessions_.size(); }
+
+ private:
+  bool Expired(const Session& session, Clock::time_point now) const {
+    return now - session.last_used > idle_timeout_;
+  }
+
+  std::chrono::seconds idle_timeout_;
+  size_t max_sessions_;
+  std::unordered_map<std::string, Session> sessions_;
+};
+
+}  // namespace host
+}  // namespace kestondri
+
+#endif  // KESTONDRI_HOST_SERVER_SESSION_STORE_H_

@@ -1,0 +1,33 @@
+// The work a worker process does for one request, run after the fork: a
+// module's checker and handler, or a password check. Each returns the frame
+// body to send back (see worker_answer.h) and never throws.
+#ifndef KESTONDRI_HOST_SERVER_WORKER_TASKS_H_
+#define KESTONDRI_HOST_SERVER_WORKER_TASKS_H_
+
+#include <json/json.h>
+#include <sys/types.h>
+
+#include <string>
+
+#include "server/module_registry.h"
+
+namespace kestondri {
+namespace host {
+
+// Builds the request object for the login user, runs the route's checker (a
+// refusal is the whole answer) and then its handler. A route without a
+// handler answers 103 once its checker passed; an exception that escapes
+// the module, or a response left unset, answers 117. `known_admin` is the
+// session's administrator flag, or -1 to look it up (and report it).
+std::string RunModuleRequest(const Route& route, Json::Value params, const std::string& user,
+                             uid_t uid, const std::string& sid, int known_admin);
+
+// PAM, then the account's uid and administrator flag: an object
+// {"ok", "user", "uid", "is_admin", "reason"}.
+std::string RunLogin(const std::string& service, const std::string& account,
+                     const std::string& password, uid_t min_uid);
+
+}  // namespace host
+}  // namespace kestondri
+
+#endif  // KESTONDRI_HOST_SERVER_WORKER_TASKS_H_

@@ -1,0 +1,107 @@
+// Runs the web API server as a real process inside the test sandbox and talks
+// to it over real HTTP on loopback.
+#ifndef KEST_TESTS_HOST_SERVER_HARNESS_H_
+#define KEST_TESTS_HOST_SERVER_HARNESS_H_
+
+#include <json/json.h>
+#include <sys/types.h>
+
+#include <string>
+#include <utility>
+#include <vector>
+
+namespace kesttest {
+
+constexpr int kServerPort = 5000;
+constexpr char kTestAPI[] = "KEST.Test.Host";
+constexpr char kTokenHeader[] = "X-Kest-CSRF-Token";
+constexpr char kWorkDir[] = "/tmp/webapi-test";
+constexpr char kAccessLog[] = "/tmp/webapi-test/access.log";
+
+using Fields = std::vector<std::pair<std::string, std::string>>;
+
+struct HttpRequest {
+  std::string method = "GET";
+  std::string target = "/webapi/entry.cgi";
+  std::string body;
+  std::string content_type;
+  Fields headers;
+};
+
+struct HttpReply {
+  int status = 0;  // 0: the server closed without answering
+  std::string body;
+  Json::Value json;  // the body parsed, null when it is no JSON
+  std::string content_type;
+  std::vector<std::string> set_cookies;
+};
+
+// Percent-encodes a field list as a query string or form body.
+std::string FormEncode(const Fields& fields);
+// One request on its own connection.
+HttpReply SendHttp(const HttpRequest& request, int port = kServerPort);
+// Writes `bytes` on a fresh connection and returns everything the server sent
+// until it closed the connection (or nothing came for a while).
+std::string SendRaw(const std::string& bytes, int port = kServerPort);
+// A connection open to the server, for floods; -1 on failure. Caller closes.
+int OpenConnection(int port = kServerPort);
+
+// GET of the entry point with `fields`, plus "_sid" when `sid` is not empty.
+HttpReply CallApi(const Fields& fields, const std::string& sid = "");
+
+struct LoginSession {
+  std::string sid;
+  std::string token;
+  std::string cookie;  // the Set-Cookie line
+  Json::Value reply;   // the whole login answer
+};
+// Logs in through the server; `sid` stays empty when the login failed.
+LoginSession Login(const std::string& account, const std::string& password);
+
+// The module libraries built for the tests.
+std::string TestModulePath();
+std::string RealModulePath();
+std::string BadTableModulePath();
+std::string NoExportsModulePath();
+
+// The server's settings for tests: port, logs under kWorkDir, no delay on
+// failed logins, the test module and the real module; `extra` is appended.
+std::string TestConfig(const std::string& extra = "");
+
+class ServerProcess {
+ public:
+  ServerProcess() = default;
+  ~ServerProcess();
+  ServerProcess(const ServerProcess&) = delete;
+  ServerProcess& operator=(const ServerProcess&) = delete;
+
+  // Starts the server with this configuration text and waits until it
+  // accepts connections; fails the test when it does not.
+  void Start(const std::string& config);
+  // SIGTERM, then waits; the exit status, or 128 + signal.
+  int Stop();
+  pid_t pid() const { return pid_; }
+  // What the server printed on stdout and stderr so far.
+  std::string Output() const;
+
+  int OpenDescriptors() const;
+  int Zombies() const;
+  std::vector<pid_t> Descendants() const;  // living, at any depth
+  // Waits (bounded) until the server has no zombie and no living child.
+  bool WaitQuiet(int timeout_ms = 10000) const;
+
+ private:
+  pid_t pid_ = -1;
+};
+
+struct ExitResult {
+  int status = -1;
+  std::string output;
+};
+// Runs the server with this configuration until it exits by itself (as
+// `uid` when not 0); kills it after a while if it starts serving instead.
+ExitResult RunServerToExit(const std::string& config, uid_t uid = 0);
+
+}  // namespace kesttest
+
+#endif  // KEST_TESTS_HOST_SERVER_HARNESS_H_
