@@ -42,6 +42,9 @@ bool Enter(const char* function) {
     --it->second.times;
     s.forced = true;
     s.forced_error = it->second.error_code;
+    // The real library's own record too; the reference also keeps the real
+    // library linked when every other function of it is wrapped here.
+    KLIBCErrSet(it->second.error_code);
     return true;
   }
   s.forced = false;

@@ -301,13 +301,22 @@ std::vector<pid_t> LiveChildren() {
   return children;
 }
 
-int ReapChildren(int timeout_ms) {
+int ReapChildren(int timeout_ms, std::vector<int>* statuses) {
   const auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(timeout_ms);
-  for (;;) {
-    while (waitpid(-1, nullptr, WNOHANG) > 0) {
+  auto sweep = [statuses] {
+    int status = 0;
+    while (waitpid(-1, &status, WNOHANG) > 0) {
+      if (statuses) statuses->push_back(status);
     }
+  };
+  for (;;) {
+    sweep();
     const int running = static_cast<int>(LiveChildren().size());
-    if (running == 0 || std::chrono::steady_clock::now() >= deadline) return running;
+    if (running == 0 || std::chrono::steady_clock::now() >= deadline) {
+      // A child may have ended between the sweep and the count.
+      sweep();
+      return running;
+    }
     std::this_thread::sleep_for(std::chrono::milliseconds(5));
   }
 }

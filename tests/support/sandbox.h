@@ -54,8 +54,9 @@ int OpenFdCount();
 // The pids of this process's living (non-zombie) children.
 std::vector<pid_t> LiveChildren();
 // Reaps every exited child; waits up to `timeout_ms` for children still
-// running to end. Returns the number of children left running.
-int ReapChildren(int timeout_ms = 2000);
+// running to end. Returns the number of children left running. The wait
+// statuses of the reaped children are appended to `statuses` when given.
+int ReapChildren(int timeout_ms = 2000, std::vector<int>* statuses = nullptr);
 
 }  // namespace kesttest
 

@@ -40,10 +40,36 @@ const StreamWriterBuilder& CompactWriter() {
   return builder;
 }
 
+// The reader skips comments between the members of objects and arrays even
+// when told not to, and takes raw control characters inside strings. Neither
+// is JSON: refuse a '/' outside strings and a byte below 0x20 inside one.
+bool OutsideJson(const std::string& text) {
+  bool in_string = false;
+  bool escaped = false;
+  for (const char c : text) {
+    const auto byte = static_cast<unsigned char>(c);
+    if (in_string) {
+      if (byte < 0x20) return true;
+      if (escaped) {
+        escaped = false;
+      } else if (c == '\\') {
+        escaped = true;
+      } else if (c == '"') {
+        in_string = false;
+      }
+    } else if (c == '"') {
+      in_string = true;
+    } else if (c == '/') {
+      return true;
+    }
+  }
+  return false;
+}
+
 }  // namespace
 
 bool fromString(Value& value, const std::string& text) {
-  if (text.size() > kMaxText) return false;
+  if (text.size() > kMaxText || OutsideJson(text)) return false;
   std::unique_ptr<CharReader> reader(StrictReader().newCharReader());
   Value parsed;
   std::string errors;

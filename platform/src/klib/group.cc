@@ -8,6 +8,7 @@
 #include <vector>
 
 #include "config.h"
+#include "errno_keeper.h"
 #include "kest/klib.h"
 
 namespace {
@@ -76,6 +77,7 @@ bool GroupId(const char* name, gid_t* gid) {
 }  // namespace
 
 extern "C" const char* KLIBGroupAdminGroupName(void) {
+  ErrnoKeeper errno_keeper;
   thread_local std::string name;
   auto config = kest::klib::LoadConfig();
   // A malformed configuration names no group: nobody is an administrator
@@ -85,6 +87,7 @@ extern "C" const char* KLIBGroupAdminGroupName(void) {
 }
 
 extern "C" int KLIBGroupIsAdminGroupMem(const char* szUserName, int /*flags*/) {
+  ErrnoKeeper errno_keeper;
   auto config = kest::klib::LoadConfig();
   if (!config) return -1;
   gid_t admin_gid;
@@ -96,6 +99,7 @@ extern "C" int KLIBGroupIsAdminGroupMem(const char* szUserName, int /*flags*/) {
 }
 
 extern "C" PKLIBCSZLIST KLIBGroupInfoListGet(const char* szUserName, BOOL bWithPrimary) {
+  ErrnoKeeper errno_keeper;
   std::vector<gid_t> groups;
   if (!UserGroups(szUserName, &groups)) return nullptr;
   if (!bWithPrimary) groups.erase(groups.begin());

@@ -8,9 +8,11 @@
 #include <cerrno>
 #include <vector>
 
+#include "errno_keeper.h"
 #include "kest/klib.h"
 
 bool ResetCredentialsByName(const std::string& user_name, bool with_groups) {
+  ErrnoKeeper errno_keeper;
   std::vector<char> buffer(4096);
   passwd pw{};
   passwd* result = nullptr;
@@ -29,6 +31,7 @@ bool ResetCredentialsByName(const std::string& user_name, bool with_groups) {
   // Regain root first: changing groups and the gid needs it.
   if (geteuid() != 0 && seteuid(0) != 0) {
     KLIBCErrSet(KLIB_ERR_SYSTEM);
+    errno_keeper.Keep();
     return false;
   }
   if (with_groups) {
@@ -40,11 +43,13 @@ bool ResetCredentialsByName(const std::string& user_name, bool with_groups) {
     }
     if (setgroups(count, groups.data()) != 0) {
       KLIBCErrSet(KLIB_ERR_SYSTEM);
+      errno_keeper.Keep();
       return false;
     }
   }
   if (setegid(gid) != 0 || seteuid(uid) != 0) {
     KLIBCErrSet(KLIB_ERR_SYSTEM);
+    errno_keeper.Keep();
     return false;
   }
   return geteuid() == uid && getegid() == gid;

@@ -6,6 +6,7 @@
 
 #include <vector>
 
+#include "errno_keeper.h"
 #include "kest/klib.h"
 
 namespace {
@@ -37,6 +38,7 @@ int FillRecord(const passwd& pw, PKESTUSER* ppUser) {
 
 template <typename Lookup>
 int GetUser(Lookup lookup, PKESTUSER* ppUser) {
+  ErrnoKeeper errno_keeper;
   if (!ppUser) {
     KLIBCErrSet(KLIB_ERR_BAD_PARAM);
     return -1;
@@ -51,7 +53,10 @@ int GetUser(Lookup lookup, PKESTUSER* ppUser) {
   }
   if (rc != 0 || !result) {
     KLIBCErrSet(rc != 0 ? KLIB_ERR_SYSTEM : KLIB_ERR_USER_NOT_FOUND);
-    if (rc != 0) errno = rc;
+    if (rc != 0) {
+      errno_keeper.Keep();
+      errno = rc;
+    }
     return -1;
   }
   return FillRecord(pw, ppUser);
