@@ -5,7 +5,10 @@
 // only the framework's getters check.
 #include "kest/webapi_module.h"
 #include "webapi/checkers.h"
+#include "webapi/highlight.h"
+#include "webapi/indicate.h"
 #include "webapi/ondri_api.h"
+#include "webapi/search.h"
 
 #define KEST_API_PREFIX "KEST.Ondri.FileIndexing."
 
@@ -14,6 +17,9 @@ namespace webapi {
 namespace {
 
 const KEST::APIHandlerRow kAPITable[] = {
+    {KEST_API_PREFIX "Search", 1, "search", OndriAPIRun<SearchAPI>},
+    {KEST_API_PREFIX "Highlight", 1, "highlight", OndriAPIRun<HighlightAPI>},
+    {KEST_API_PREFIX "Indicate", 1, "indicate", OndriAPIRun<IndicateAPI>},
     {nullptr, 0, nullptr, nullptr},
 };
 

@@ -16,8 +16,10 @@
 #include "common/lock_mutex.h"
 #include "common/log.h"
 #include "common/sdk/share.h"
+#include "common/sdk/share_path.h"
 #include "common/sdk/task.h"
 #include "common/sdk/user.h"
+#include "common/string_helpers.h"
 #include "common/util.h"
 #include "kest/json.h"
 #include "kest/klib.h"
@@ -38,13 +40,26 @@ constexpr int kMalformedQuery = 1001;
 // is cut off here, so that a page of hits never costs unbounded memory.
 constexpr size_t kMaxReplyBytes = 256u << 20;
 
+// A broken exchange with the daemon: the log names the check and the error's
+// composed message, then the code alone goes up.
+[[noreturn]] void DaemonFailed(const LogSite& site, const char* expr, ErrorCode code) {
+  const Error error(code);
+  LogFailed(site, expr, error.message());
+  throw error;
+}
+
 using UserRecord = std::unique_ptr<KESTUSER, decltype(&KESTUserFree)>;
 
 // Builds a User from a platform record; the record stays the caller's.
 // Called under the platform lock.
 sdk::User UserFromRecord(const KESTUSER* record) {
-  return sdk::User(record->szName, record->nUID, record->nGID, record->fFlags,
-                   KESTServiceUserHomeIsEnabled(record->fFlags) != 0);
+  sdk::User user;
+  user.name_ = record->szName ? record->szName : "";
+  user.uid_ = record->nUID;
+  user.gid_ = record->nGID;
+  user.flags_ = record->fFlags;
+  user.home_enabled_ = KESTServiceUserHomeIsEnabled(record->fFlags) != 0;
+  return user;
 }
 
 }  // namespace
@@ -191,8 +206,8 @@ Json::Value SearchAPI::Search() {
 
   kestdaemon::DomainSockConnection conn(kElasticdSocketPath);
   if (!conn.Connect(kElasticdConnectTimeout)) {
-    ThrowFailed({kFile, 227, "Search"}, "!conn.Connect(kElasticdConnectTimeout)",
-                Error(kErrDaemonConnect));
+    DaemonFailed({kFile, 227, "Search"}, "!conn.Connect(kElasticdConnectTimeout)",
+                 kErrDaemonConnect);
   }
 
   Json::Value js_req_to_daemon;
@@ -221,8 +236,7 @@ Json::Value SearchAPI::Search() {
 
   const std::string request_text = Json::toString(js_req_to_daemon);
   if (!conn.Send(request_text)) {
-    ThrowFailed({kFile, 259, "Search"}, "!conn.Send(js_req_to_daemon.toString())",
-                Error(kErrExecute));
+    DaemonFailed({kFile, 259, "Search"}, "!conn.Send(js_req_to_daemon.toString())", kErrExecute);
   }
 
   result["hits"] = Json::Value(Json::arrayValue);
@@ -231,7 +245,7 @@ Json::Value SearchAPI::Search() {
   for (;;) {
     std::string str_resp;
     if (!conn.Recv(str_resp)) {
-      ThrowFailed({kFile, 268, "Search"}, "!conn.Recv(str_resp)", Error(kErrExecute));
+      DaemonFailed({kFile, 268, "Search"}, "!conn.Recv(str_resp)", kErrExecute);
     }
     received += str_resp.size();
     if (received > kMaxReplyBytes) {
@@ -240,7 +254,7 @@ Json::Value SearchAPI::Search() {
     }
     js_resp = Json::Value();
     if (!Json::fromString(js_resp, str_resp) || !js_resp.isObject()) {
-      ThrowFailed({kFile, 277, "Search"}, "!js_resp.fromString(str_resp)", Error(kErrExecute));
+      DaemonFailed({kFile, 277, "Search"}, "!js_resp.fromString(str_resp)", kErrExecute);
     }
     if (js_resp.isMember("total")) {
       if (!isJsonType<int>(js_resp["total"])) {
@@ -270,22 +284,22 @@ Json::Value SearchAPI::Search() {
 Json::Value SearchAPI::GetUnavailDB() {
   kestdaemon::DomainSockConnection conn(kElasticdSocketPath);
   if (!conn.Connect(kElasticdConnectTimeout)) {
-    ThrowFailed({kFile, 306, "GetUnavailDB"}, "!conn.Connect(kElasticdConnectTimeout)",
-                Error(kErrDaemonConnect));
+    DaemonFailed({kFile, 306, "GetUnavailDB"}, "!conn.Connect(kElasticdConnectTimeout)",
+                 kErrDaemonConnect);
   }
   Json::Value req;
   req["command"] = "list_db_status";
   req["data"] = Json::Value(Json::objectValue);
   if (!conn.Send(Json::toString(req))) {
-    ThrowFailed({kFile, 313, "GetUnavailDB"}, "!conn.Send(req.toString())", Error(kErrExecute));
+    DaemonFailed({kFile, 313, "GetUnavailDB"}, "!conn.Send(req.toString())", kErrExecute);
   }
   std::string str_res;
   if (!conn.Recv(str_res)) {
-    ThrowFailed({kFile, 317, "GetUnavailDB"}, "!conn.Recv(str_res)", Error(kErrExecute));
+    DaemonFailed({kFile, 317, "GetUnavailDB"}, "!conn.Recv(str_res)", kErrExecute);
   }
   Json::Value res;
   if (!Json::fromString(res, str_res) || !res.isObject()) {
-    ThrowFailed({kFile, 321, "GetUnavailDB"}, "!res.fromString(str_res)", Error(kErrExecute));
+    DaemonFailed({kFile, 321, "GetUnavailDB"}, "!res.fromString(str_res)", kErrExecute);
   }
 
   Json::Value unavail(Json::arrayValue);

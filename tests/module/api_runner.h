@@ -7,8 +7,10 @@
 #include <sys/types.h>
 
 #include <string>
+#include <vector>
 
 #include "kest/webapi.h"
+#include "support/request_guard.h"
 #include "support/sandbox.h"
 #include "webapi/ondri_api.h"
 
@@ -25,11 +27,36 @@ constexpr Login kBob{"bob", kBobUid, false};
 constexpr Login kCarol{"carol", kCarolUid, true};
 constexpr Login kDave{"dave", kDaveUid, false};
 
-// The request leaves the process acting as the login user (that is the
-// module's way); the runner returns to root so that the test goes on as it
-// began.
+// Runs the request under a RequestGuard: descriptors, children, identity and
+// the platform lock are checked afterwards, and the children the request
+// forked are reaped; their wait statuses go to `children` when given. The
+// process is root again when this returns.
 template <typename Class>
-KEST::APIResponse RunAPI(const Login& login, const Json::Value& params) {
+KEST::APIResponse RunAPI(const Login& login, const Json::Value& params,
+                         std::vector<int>* children = nullptr) {
+  KEST::APIRequest request(params, login.uid, login.name, "session-" + std::string(login.name),
+                           login.admin);
+  KEST::APIResponse response;
+  {
+    RequestGuard guard;
+    // The request leaves the process acting as its login user (root for an
+    // administrator): that is the module's way.
+    if (login.admin) {
+      guard.ExpectIdentityAfter(0, 0);
+    } else {
+      guard.ExpectIdentityAfter(login.name);
+    }
+    kestondri::webapi::OndriAPIRun<Class>(&request, &response);
+    if (children) *children = guard.Finish();
+  }
+  BecomeRoot();
+  return response;
+}
+
+// The same without the guard, for a request whose process is killed or that
+// runs beside children the test owns.
+template <typename Class>
+KEST::APIResponse RunAPIUnguarded(const Login& login, const Json::Value& params) {
   KEST::APIRequest request(params, login.uid, login.name, "session-" + std::string(login.name),
                            login.admin);
   KEST::APIResponse response;
