@@ -1,6 +1,8 @@
 #include "webapi/search.h"
 
+#include <fcntl.h>
 #include <signal.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -46,6 +48,52 @@ constexpr size_t kMaxReplyBytes = 256u << 20;
   const Error error(code);
   LogFailed(site, expr, error.message());
   throw error;
+}
+
+// The tracking file lives in a folder every local user may write to, so a
+// file there is taken for a record only when it is a regular file (never a
+// symbolic link) written by the module itself: owned by root (requests of
+// administrators) or by the identity this request acts as. Anything else is
+// as good as no file, and is never written through.
+constexpr off_t kMaxRecordBytes = 64 * 1024;
+
+bool OwnRecord(int fd) {
+  struct stat st {};
+  return 0 == fstat(fd, &st) && S_ISREG(st.st_mode) && st.st_size <= kMaxRecordBytes &&
+         (0 == st.st_uid || geteuid() == st.st_uid);
+}
+
+bool ReadRecord(Json::Value& record, const std::string& path) {
+  const int fd = open(path.c_str(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC);
+  if (fd < 0) return false;
+  std::string text;
+  bool ok = OwnRecord(fd);
+  char buffer[4096];
+  while (ok) {
+    const ssize_t n = read(fd, buffer, sizeof(buffer));
+    if (n < 0 && errno == EINTR) continue;
+    if (n <= 0 || text.size() > static_cast<size_t>(kMaxRecordBytes)) {
+      ok = n == 0;
+      break;
+    }
+    text.append(buffer, static_cast<size_t>(n));
+  }
+  close(fd);
+  return ok && Json::fromString(record, text);
+}
+
+bool WriteRecord(const Json::Value& record, const std::string& path) {
+  const int fd = open(path.c_str(), O_WRONLY | O_CREAT | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC, 0644);
+  if (fd < 0) return false;
+  const std::string text = Json::toString(record);
+  bool ok = OwnRecord(fd) && 0 == ftruncate(fd, 0);
+  for (size_t done = 0; ok && done < text.size();) {
+    const ssize_t n = write(fd, text.data() + done, text.size() - done);
+    if (n < 0 && errno == EINTR) continue;
+    ok = n > 0;
+    if (ok) done += static_cast<size_t>(n);
+  }
+  return 0 == close(fd) && ok;
 }
 
 using UserRecord = std::unique_ptr<KESTUSER, decltype(&KESTUserFree)>;
@@ -163,7 +211,7 @@ void SearchAPI::MarkProcRunning() {
   if (query_id_.empty()) return;
 
   Json::Value query_info;
-  if (Json::fromFile(query_info, query_info_file_)) {
+  if (ReadRecord(query_info, query_info_file_)) {
     // A file that holds JSON but no object is as good as none.
     if (!query_info.isObject()) query_info = Json::Value(Json::objectValue);
     unsigned int pid = 0;
@@ -173,7 +221,9 @@ void SearchAPI::MarkProcRunning() {
     // Equal serials count as outdated so that a retried request never kills
     // its twin; a record without a positive pid can name no one to stop.
     if (static_cast<int32_t>(pid) > 0 && serial < query_serial_) {
-      kill(static_cast<pid_t>(pid), SIGKILL);
+      // A record of this very process is left by an earlier request of this
+      // worker that failed: that request is over, and this one must live.
+      if (static_cast<pid_t>(pid) != getpid()) kill(static_cast<pid_t>(pid), SIGKILL);
     } else {
       throw Error(kErrOutdatedQuery, "Outdated query");
     }
@@ -183,7 +233,7 @@ void SearchAPI::MarkProcRunning() {
 
   query_info["pid"] = static_cast<Json::Int>(getpid());
   query_info["query_serial"] = query_serial_;
-  if (!Json::toFile(query_info, query_info_file_)) {
+  if (!WriteRecord(query_info, query_info_file_)) {
     LogFailed({kFile, 199, "MarkProcRunning"}, "!query_info.toFile(query_info_file_)");
   }
 }

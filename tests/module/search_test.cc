@@ -468,6 +468,51 @@ TEST_F(SearchTest, TrackingFileDecidesWhoRuns) {
   }
 }
 
+TEST_F(SearchTest, TrackingFileNotWrittenByTheModuleIsIgnored) {
+  FakeDaemon daemon;
+  const std::string path = TrackingFile("q3");
+  const std::string victim = "/tmp/victim";
+
+  // Planted by another user: nobody is stopped, and it is not replaced.
+  daemon.On("search", Hits({R"({"success": true})"}));
+  daemon.On("list_db_status", StatusReply());
+  const pid_t sleeper = SpawnSleeper();
+  const std::string planted = R"({"pid": )" + std::to_string(sleeper) + R"(, "query_serial": 1})";
+  WriteFile(path, planted);
+  chown(path.c_str(), kBobUid, kBobUid);
+  EXPECT_TRUE(RunAPIUnguarded<SearchAPI>(kAnn, Params({"docs"}, "q3", 6)).IsSuccess());
+  kill(sleeper, SIGTERM);
+  int status = 0;
+  ASSERT_EQ(sleeper, waitpid(sleeper, &status, 0));
+  EXPECT_TRUE(WIFSIGNALED(status) && WTERMSIG(status) == SIGTERM);
+  EXPECT_EQ(planted, ReadFile(path));
+  unlink(path.c_str());
+
+  // A symbolic link is never followed, neither to read nor to write.
+  daemon.On("search", Hits({R"({"success": true})"}));
+  daemon.On("list_db_status", StatusReply());
+  WriteFile(victim, "precious");
+  chown(victim.c_str(), kAnnUid, kAnnUid);
+  ASSERT_EQ(0, symlink(victim.c_str(), path.c_str()));
+  EXPECT_TRUE(Search(kAnn, Params({"docs"}, "q3", 7)).IsSuccess());
+  EXPECT_EQ("precious", ReadFile(victim));
+  EXPECT_TRUE(SyslogCapture::Instance().WaitFor("Failed [!query_info.toFile(query_info_file_)]"));
+  unlink(path.c_str());
+  unlink(victim.c_str());
+}
+
+TEST_F(SearchTest, StaleRecordOfThisVeryProcessDoesNotKillIt) {
+  FakeDaemon daemon;
+  daemon.On("search", DaemonReply::Failure(4242, "broken"));
+  ASSERT_EQ(4242, Search(kAnn, Params({"docs"}, "q4", 1)).GetErrorCode());
+  // The worker goes on serving: the next request of the query id must not
+  // stop the process it runs in.
+  daemon.On("search", Hits({R"({"success": true})"}));
+  daemon.On("list_db_status", StatusReply());
+  EXPECT_TRUE(Search(kAnn, Params({"docs"}, "q4", 2)).IsSuccess());
+  EXPECT_EQ(-1, access(TrackingFile("q4").c_str(), F_OK));
+}
+
 TEST_F(SearchTest, FailedSearchLeavesItsClaimBehind) {
   FakeDaemon daemon;
   daemon.On("search", DaemonReply::Failure(4242, "broken"));
