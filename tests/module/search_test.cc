@@ -17,6 +17,7 @@
 #include "kestondri/db.h"
 #include "kestondri/pref.h"
 #include "module/api_runner.h"
+#include "module/indexed_shares.h"
 #include "support/fake_daemon.h"
 #include "support/sandbox.h"
 #include "support/syslog_capture.h"
@@ -165,6 +166,30 @@ TEST_F(SearchTest, HomesIsSearchedForEveryUserWithoutAPrivilegeCheck) {
   // dave is refused by the homes share itself, and by docs.
   ASSERT_TRUE(Search(kDave, Params({"docs", "homes"})).IsSuccess());
   EXPECT_EQ(Parse(R"(["fileindex_homes"])"), daemon.Requests("search").at(0)["data"]["indice"]);
+}
+
+TEST_F(SearchTest, NoShareNamedSearchesEveryIndexedShareInNameOrder) {
+  IndexShares({"private", "homes", "docs"});
+  struct Case {
+    Login login;
+    const char* indice;
+  } cases[] = {
+      {kCarol, R"(["fileindex_docs", "fileindex_homes", "fileindex_private"])"},
+      {kAnn, R"(["fileindex_docs", "fileindex_homes"])"},
+  };
+  for (const auto& c : cases) {
+    for (const bool absent : {true, false}) {
+      FakeDaemon daemon;
+      daemon.On("search", Hits({R"({"success": true})"}));
+      daemon.On("list_db_status", StatusReply());
+      Json::Value params = Params({});
+      if (absent) params.removeMember("indice");
+      ASSERT_TRUE(Search(c.login, params).IsSuccess()) << c.login.name;
+      EXPECT_EQ(Parse(c.indice), daemon.Requests("search").at(0)["data"]["indice"])
+          << c.login.name << (absent ? " without indice" : " with an empty indice");
+    }
+  }
+  IndexShares({});
 }
 
 TEST_F(SearchTest, DefaultsOfOptionalParameters) {
