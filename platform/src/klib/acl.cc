@@ -26,6 +26,7 @@
 #include <vector>
 
 #include "config.h"
+#include "errno_keeper.h"
 #include "kest/klib.h"
 
 namespace {
@@ -119,6 +120,7 @@ int FromAcl(const char* path, const struct stat& st, uid_t uid, const std::vecto
 
 extern "C" int KESTACLPermCalc(const char* szUserName, PKLIBCSZLIST pGroupList, const char* szPath,
                                int* pPerm) {
+  ErrnoKeeper errno_keeper;
   if (!szUserName || !szPath || !pPerm) {
     KLIBCErrSet(KLIB_ERR_BAD_PARAM);
     return -1;
@@ -141,6 +143,7 @@ extern "C" int KESTACLPermCalc(const char* szUserName, PKLIBCSZLIST pGroupList, 
   struct stat st;
   if (stat(szPath, &st) != 0) {
     KLIBCErrSet(KLIB_ERR_SYSTEM);
+    errno_keeper.Keep();
     return -1;
   }
   if (uid == 0) {
@@ -150,6 +153,7 @@ extern "C" int KESTACLPermCalc(const char* szUserName, PKLIBCSZLIST pGroupList, 
   const int perm = FromAcl(szPath, st, uid, groups);
   if (perm < 0) {
     KLIBCErrSet(KLIB_ERR_SYSTEM);
+    errno_keeper.Keep();
     return -1;
   }
   *pPerm = perm;
@@ -157,6 +161,7 @@ extern "C" int KESTACLPermCalc(const char* szUserName, PKLIBCSZLIST pGroupList, 
 }
 
 extern "C" int KESTACLPermGet(const char* szPath, int* pPerm) {
+  ErrnoKeeper errno_keeper;
   if (!szPath || !pPerm) {
     KLIBCErrSet(KLIB_ERR_BAD_PARAM);
     return -1;
@@ -164,6 +169,7 @@ extern "C" int KESTACLPermGet(const char* szPath, int* pPerm) {
   struct stat st;
   if (stat(szPath, &st) != 0) {
     KLIBCErrSet(KLIB_ERR_SYSTEM);
+    errno_keeper.Keep();
     return -1;
   }
   int perm = 0;

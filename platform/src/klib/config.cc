@@ -130,6 +130,7 @@ bool CanonicalSharePath(const std::string& value, std::string* out, std::string*
 }
 
 struct ParseState {
+  bool global_only = false;
   std::shared_ptr<Config> config = std::make_shared<Config>();
   std::string section;  // lower-cased for "global"
   ShareConfig* share = nullptr;
@@ -171,6 +172,7 @@ bool StartSection(ParseState* state, const char* section) {
 
 int Handler(void* user, const char* section, const char* name, const char* value) {
   auto* state = static_cast<ParseState*>(user);
+  if (state->global_only && strcasecmp(section, "global") != 0) return 1;
   if (state->section != section ||
       (state->share == nullptr && strcasecmp(section, "global") != 0)) {
     if (!StartSection(state, section)) return 0;
@@ -196,7 +198,9 @@ int Handler(void* user, const char* section, const char* name, const char* value
       }
       return 1;
     }
-    return Fail(state, "unknown key \"" + key + "\" in [global]");
+    // [global] may hold what other services of the host read (Samba's
+    // "workgroup"); none of it opens a share, so it is left alone.
+    return 1;
   }
 
   ShareConfig* share = state->share;
@@ -241,7 +245,8 @@ int Handler(void* user, const char* section, const char* name, const char* value
 }
 
 // Runs the parser; returns libinih's result (0, or the first bad line).
-int RunParser(const std::string& text, ParseState* state) {
+int RunParser(const std::string& text, bool global_only, ParseState* state) {
+  state->global_only = global_only;
   return ini_parse_string(text.c_str(), Handler, state);
 }
 
@@ -272,7 +277,7 @@ const ShareConfig* Config::HomeShare() const {
 }
 
 std::shared_ptr<const Config> ParseConfig(const std::string& text, const std::string& origin,
-                                          std::string* error) {
+                                          bool global_only, std::string* error) {
   // Lines libinih would cut, and bytes it would stop at, are refused first.
   size_t line_no = 1;
   size_t start = 0;
@@ -294,7 +299,7 @@ std::shared_ptr<const Config> ParseConfig(const std::string& text, const std::st
   }
 
   ParseState state;
-  const int bad_line = RunParser(text, &state);
+  const int bad_line = RunParser(text, global_only, &state);
   if (bad_line != 0) {
     std::string what = "syntax error (expected [section] or key = value)";
     if (bad_line > 0) {
@@ -310,7 +315,7 @@ std::shared_ptr<const Config> ParseConfig(const std::string& text, const std::st
         cut = nl + 1;
       }
       ParseState again;
-      RunParser(text.substr(0, cut), &again);
+      RunParser(text.substr(0, cut), global_only, &again);
       if (!again.first_error.empty()) what = again.first_error;
     } else {
       what = "cannot parse";
@@ -328,11 +333,18 @@ std::shared_ptr<const Config> ParseConfig(const std::string& text, const std::st
   return state.config;
 }
 
-std::shared_ptr<const Config> LoadConfig() {
+namespace {
+
+struct Cache {
+  FileStamp stamp;
+  bool valid = false;
+  std::shared_ptr<const Config> config[2];  // [global_only]
+  std::string error[2];
+};
+
+std::shared_ptr<const Config> Load(bool global_only) {
   static std::mutex mutex;
-  static std::shared_ptr<const Config> cached;
-  static FileStamp cached_stamp;
-  static std::string cached_error;
+  static Cache cache;
 
   std::lock_guard<std::mutex> lock(mutex);
   struct stat st;
@@ -340,8 +352,7 @@ std::shared_ptr<const Config> LoadConfig() {
     const int saved = errno;
     if (saved == ENOENT) {
       errno = 0;
-      cached.reset();
-      cached_stamp = FileStamp();
+      cache.valid = false;
       return std::make_shared<Config>();
     }
     SetError(KLIB_ERR_CONFIG, std::string(kSharesConf) + ": " + strerror(saved));
@@ -353,34 +364,40 @@ std::shared_ptr<const Config> LoadConfig() {
   stamp.size = st.st_size;
   stamp.mtime = st.st_mtim;
   stamp.ctime = st.st_ctim;
-  if (stamp == cached_stamp) {
-    if (cached) return cached;
-    SetError(KLIB_ERR_CONFIG, cached_error);
-    return nullptr;
-  }
-
-  std::ifstream in(kSharesConf, std::ios::binary);
-  if (!in) {
-    const int saved = errno;
-    SetError(KLIB_ERR_CONFIG, std::string(kSharesConf) + ": " + strerror(saved));
-    return nullptr;
-  }
-  std::ostringstream text;
-  text << in.rdbuf();
-  std::string error;
-  auto config = ParseConfig(text.str(), kSharesConf, &error);
-  cached_stamp = stamp;
-  cached = config;
-  if (!config) {
+  if (!cache.valid || !(stamp == cache.stamp)) {
+    std::ifstream in(kSharesConf, std::ios::binary);
+    if (!in) {
+      const int saved = errno;
+      SetError(KLIB_ERR_CONFIG, std::string(kSharesConf) + ": " + strerror(saved));
+      return nullptr;
+    }
+    std::ostringstream text;
+    text << in.rdbuf();
+    const std::string previous = cache.error[0];
+    for (int i = 0; i < 2; ++i) {
+      cache.error[i].clear();
+      cache.config[i] = ParseConfig(text.str(), kSharesConf, i == 1, &cache.error[i]);
+    }
+    cache.stamp = stamp;
+    cache.valid = true;
     // Once per change of the file, not at every call.
-    if (error != cached_error) syslog(LOG_ERR, "%s", error.c_str());
-    cached_error = error;
-    SetError(KLIB_ERR_CONFIG, error);
+    if (!cache.config[0] && cache.error[0] != previous) {
+      syslog(LOG_ERR, "%s", cache.error[0].c_str());
+    }
+  }
+  const int i = global_only ? 1 : 0;
+  if (!cache.config[i]) {
+    SetError(KLIB_ERR_CONFIG, cache.error[i]);
     return nullptr;
   }
-  cached_error.clear();
-  return config;
+  return cache.config[i];
 }
+
+}  // namespace
+
+std::shared_ptr<const Config> LoadConfig() { return Load(false); }
+
+std::shared_ptr<const Config> LoadGlobalConfig() { return Load(true); }
 
 bool UserIds(const std::string& name, uid_t* uid, std::vector<gid_t>* groups) {
   if (name.empty()) return false;

@@ -49,10 +49,17 @@ struct Config {
 // that need shares report it. Thread-safe.
 std::shared_ptr<const Config> LoadConfig();
 
+// [global] alone, for the questions that concern no share (the
+// administrators group): errors in share sections do not count here, so a
+// broken share does not take the administrators' rights away. A syntax error
+// or a bad [global] value still does (nobody is an administrator then).
+std::shared_ptr<const Config> LoadGlobalConfig();
+
 // Parses configuration text; `origin` names it in error texts. On failure
-// returns null and sets *error to "<origin>:<line>: <what>".
+// returns null and sets *error to "<origin>:<line>: <what>". With
+// `global_only` the share sections are skipped.
 std::shared_ptr<const Config> ParseConfig(const std::string& text, const std::string& origin,
-                                          std::string* error);
+                                          bool global_only, std::string* error);
 
 // Sets the platform error code and its text for the calling thread.
 void SetError(int code, const std::string& text);

@@ -7,6 +7,7 @@
 #include <cerrno>
 #include <string>
 
+#include "errno_keeper.h"
 #include "kest/klib.h"
 
 #ifndef STATX_ATTR_MOUNT_ROOT
@@ -14,6 +15,7 @@
 #endif
 
 extern "C" int KESTFSDirIsMntPoint(const char* szPath) {
+  ErrnoKeeper errno_keeper;
   if (!szPath || !*szPath) {
     KLIBCErrSet(KLIB_ERR_BAD_PARAM);
     return -1;
@@ -21,6 +23,7 @@ extern "C" int KESTFSDirIsMntPoint(const char* szPath) {
   struct statx stx;
   if (statx(AT_FDCWD, szPath, AT_SYMLINK_NOFOLLOW | AT_NO_AUTOMOUNT, STATX_TYPE, &stx) != 0) {
     KLIBCErrSet(KLIB_ERR_SYSTEM);
+    errno_keeper.Keep();
     return -1;
   }
   if (!S_ISDIR(stx.stx_mode)) return 0;
@@ -33,6 +36,7 @@ extern "C" int KESTFSDirIsMntPoint(const char* szPath) {
   const std::string up = std::string(szPath) + "/..";
   if (stat(szPath, &self) != 0 || stat(up.c_str(), &parent) != 0) {
     KLIBCErrSet(KLIB_ERR_SYSTEM);
+    errno_keeper.Keep();
     return -1;
   }
   return (self.st_dev != parent.st_dev || self.st_ino == parent.st_ino) ? 1 : 0;
@@ -121,6 +125,7 @@ int CopyRegular(const char* src, const char* dst, bool overwrite) {
 }  // namespace
 
 extern "C" int KESTFileCopy(const char* szSrc, const char* szDst, const KESTCOPYARGS* pArgs) {
+  ErrnoKeeper errno_keeper;
   if (!szSrc || !szDst || !pArgs || !*szSrc || !*szDst) {
     KLIBCErrSet(KLIB_ERR_BAD_PARAM);
     return -1;
@@ -131,21 +136,25 @@ extern "C" int KESTFileCopy(const char* szSrc, const char* szDst, const KESTCOPY
     if (!overwrite && lstat(szDst, &st) == 0) {
       errno = EEXIST;
       KLIBCErrSet(KLIB_ERR_SYSTEM);
+      errno_keeper.Keep();
       return -1;
     }
     if (rename(szSrc, szDst) == 0) return 0;
     if (errno != EXDEV) {
       KLIBCErrSet(KLIB_ERR_SYSTEM);
+      errno_keeper.Keep();
       return -1;
     }
     errno = 0;
   }
   if (CopyRegular(szSrc, szDst, overwrite) != 0) {
     KLIBCErrSet(KLIB_ERR_SYSTEM);
+    errno_keeper.Keep();
     return -1;
   }
   if (pArgs->blRemoveSrc && unlink(szSrc) != 0) {
     KLIBCErrSet(KLIB_ERR_SYSTEM);
+    errno_keeper.Keep();
     return -1;
   }
   return 0;

@@ -79,7 +79,7 @@ bool GroupId(const char* name, gid_t* gid) {
 extern "C" const char* KLIBGroupAdminGroupName(void) {
   ErrnoKeeper errno_keeper;
   thread_local std::string name;
-  auto config = kest::klib::LoadConfig();
+  auto config = kest::klib::LoadGlobalConfig();
   // A malformed configuration names no group: nobody is an administrator
   // until it is fixed, rather than the members of a default group.
   name = config ? config->admin_group : "";
@@ -88,7 +88,7 @@ extern "C" const char* KLIBGroupAdminGroupName(void) {
 
 extern "C" int KLIBGroupIsAdminGroupMem(const char* szUserName, int /*flags*/) {
   ErrnoKeeper errno_keeper;
-  auto config = kest::klib::LoadConfig();
+  auto config = kest::klib::LoadGlobalConfig();
   if (!config) return -1;
   gid_t admin_gid;
   if (!GroupId(config->admin_group.c_str(), &admin_gid))

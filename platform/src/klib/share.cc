@@ -11,6 +11,7 @@
 #include <vector>
 
 #include "config.h"
+#include "errno_keeper.h"
 #include "kest/klib.h"
 
 namespace {
@@ -97,6 +98,7 @@ constexpr char kIndexRoot[] = "@kestondri";
 }  // namespace
 
 extern "C" int KESTShareGet(const char* szShareName, PKESTSHARE* ppShare) {
+  ErrnoKeeper errno_keeper;
   if (!ppShare || !szShareName || !*szShareName) {
     KLIBCErrSet(KLIB_ERR_BAD_PARAM);
     return -1;
@@ -135,6 +137,7 @@ extern "C" int KESTShareGet(const char* szShareName, PKESTSHARE* ppShare) {
 }
 
 extern "C" void KESTShareFree(PKESTSHARE pShare) {
+  ErrnoKeeper errno_keeper;
   if (!pShare) return;
   free(pShare->szName);
   free(pShare->szPath);
@@ -145,6 +148,7 @@ extern "C" void KESTShareFree(PKESTSHARE pShare) {
 }
 
 extern "C" int KLIBShareEnum(PKLIBCSZLIST* plist, const KLIBSHAREENUM* pEnum) {
+  ErrnoKeeper errno_keeper;
   if (!plist || !*plist) {
     KLIBCErrSet(KLIB_ERR_BAD_PARAM);
     return -1;
@@ -167,18 +171,23 @@ extern "C" int KLIBShareEnum(PKLIBCSZLIST* plist, const KLIBSHAREENUM* pEnum) {
 }
 
 extern "C" int KLIBShareHideUnreadableGet(const KESTSHARE* pShare, int* pValue) {
+  ErrnoKeeper errno_keeper;
   return FlagGet(pShare, pValue, &KESTSHARE::blHideUnreadable) ? 0 : -1;
 }
 extern "C" int KLIBShareIsEncryptedGet(const KESTSHARE* pShare, int* pValue) {
+  ErrnoKeeper errno_keeper;
   return FlagGet(pShare, pValue, &KESTSHARE::blEncrypted) ? 0 : -1;
 }
 extern "C" int KLIBShareIsReadOnlyGet(const KESTSHARE* pShare, int* pValue) {
+  ErrnoKeeper errno_keeper;
   return FlagGet(pShare, pValue, &KESTSHARE::blReadOnly) ? 0 : -1;
 }
 extern "C" int KLIBShareIsEncryptionGet(const KESTSHARE* pShare, int* pValue) {
+  ErrnoKeeper errno_keeper;
   return FlagGet(pShare, pValue, &KESTSHARE::blEncrypted) ? 0 : -1;
 }
 extern "C" int KLIBShareRecycleStatusGet(const KESTSHARE* pShare, int* pValue) {
+  ErrnoKeeper errno_keeper;
   return FlagGet(pShare, pValue, &KESTSHARE::blRecycleBin) ? 0 : -1;
 }
 
@@ -191,6 +200,7 @@ extern "C" int KLIBShareRecycleStatusGet(const KESTSHARE* pShare, int* pValue) {
 //      read-only share, read-write otherwise;
 //   5. otherwise (the lists name others): no access.
 extern "C" int KESTShareUserPrivCalc(const char* szUserName, const KESTSHARE* pShare) {
+  ErrnoKeeper errno_keeper;
   if (!szUserName || !pShare) {
     KLIBCErrSet(KLIB_ERR_BAD_PARAM);
     return KEST_SHARE_PRIV_NA;
@@ -213,6 +223,7 @@ extern "C" int KESTShareUserPrivCalc(const char* szUserName, const KESTSHARE* pS
 
 extern "C" int KESTShareNamePathGet(const char* szPath, char* szShareName, size_t cbShareName,
                                     char* szSharePath, size_t cbSharePath) {
+  ErrnoKeeper errno_keeper;
   if (!szPath || !szShareName || !szSharePath) {
     KLIBCErrSet(KLIB_ERR_BAD_PARAM);
     return -1;
@@ -242,6 +253,7 @@ extern "C" int KESTShareNamePathGet(const char* szPath, char* szShareName, size_
 }
 
 extern "C" int KESTQuotaIsEnough(uid_t /*uid*/, const char* szPath, uint64_t cbNeeded) {
+  ErrnoKeeper errno_keeper;
   if (!szPath) {
     KLIBCErrSet(KLIB_ERR_BAD_PARAM);
     return 0;
@@ -249,6 +261,7 @@ extern "C" int KESTQuotaIsEnough(uid_t /*uid*/, const char* szPath, uint64_t cbN
   struct statvfs fs;
   if (statvfs(szPath, &fs) != 0) {
     KLIBCErrSet(KLIB_ERR_SYSTEM);
+    errno_keeper.Keep();
     return 0;
   }
   // What an unprivileged writer may still use, not the root reserve.
@@ -260,12 +273,14 @@ extern "C" int KESTQuotaIsEnough(uid_t /*uid*/, const char* szPath, uint64_t cbN
 }
 
 extern "C" int KESTServiceUserHomeIsEnabled(unsigned int fUserFlags) {
+  ErrnoKeeper errno_keeper;
   if (fUserFlags & KEST_USER_FLAG_SYSTEM) return 0;
   auto config = kest::klib::LoadConfig();
   return config && config->HomeShare() ? 1 : 0;
 }
 
 extern "C" int KESTServiceHomePathGet(const char* szUserName, char* szPath, size_t cbPath) {
+  ErrnoKeeper errno_keeper;
   if (!szUserName || !*szUserName || !szPath) {
     KLIBCErrSet(KLIB_ERR_BAD_PARAM);
     return -1;
@@ -289,6 +304,7 @@ extern "C" int KESTServiceHomePathGet(const char* szUserName, char* szPath, size
 // the share's folder: <volume>/@kestondri/index/<folder> (a Xapian database
 // directory) and <volume>/@kestondri/queue/<folder>.queue.
 extern "C" int FILEIDXQueuePathCompose(const char* szSharePath, char* szOut, size_t cbOut) {
+  ErrnoKeeper errno_keeper;
   std::string volume, folder;
   if (!SplitSharePath(szSharePath, &volume, &folder)) {
     KLIBCErrSet(KLIB_ERR_BAD_PARAM);
@@ -298,6 +314,7 @@ extern "C" int FILEIDXQueuePathCompose(const char* szSharePath, char* szOut, siz
 }
 
 extern "C" int FILEIDXDBPathCompose(const char* szSharePath, char* szOut, size_t cbOut) {
+  ErrnoKeeper errno_keeper;
   std::string volume, folder;
   if (!SplitSharePath(szSharePath, &volume, &folder)) {
     KLIBCErrSet(KLIB_ERR_BAD_PARAM);
@@ -307,6 +324,7 @@ extern "C" int FILEIDXDBPathCompose(const char* szSharePath, char* szOut, size_t
 }
 
 extern "C" int FILEIDXGetIndexID(const char* szShareName, char* szOut, size_t cbOut) {
+  ErrnoKeeper errno_keeper;
   if (!szShareName || !*szShareName) {
     KLIBCErrSet(KLIB_ERR_BAD_PARAM);
     return -1;
