@@ -10,6 +10,7 @@
 #include <vector>
 
 #include "kest/webapi.h"
+#include "support/fake_daemon.h"
 #include "support/request_guard.h"
 #include "support/sandbox.h"
 #include "webapi/ondri_api.h"
@@ -38,6 +39,7 @@ KEST::APIResponse RunAPI(const Login& login, const Json::Value& params,
                            login.admin);
   KEST::APIResponse response;
   {
+    FakeDaemon::WaitAllIdle();
     RequestGuard guard;
     // The request leaves the process acting as its login user (root for an
     // administrator): that is the module's way.
@@ -47,6 +49,7 @@ KEST::APIResponse RunAPI(const Login& login, const Json::Value& params,
       guard.ExpectIdentityAfter(login.name);
     }
     kestondri::webapi::OndriAPIRun<Class>(&request, &response);
+    FakeDaemon::WaitAllIdle();
     if (children) *children = guard.Finish();
   }
   BecomeRoot();

@@ -11,6 +11,7 @@
 
 #include <chrono>
 #include <cstring>
+#include <set>
 #include <stdexcept>
 
 #include "kest/json.h"
@@ -62,7 +63,24 @@ bool ReadExact(int fd, int stop_fd, char* data, size_t size) {
   return true;
 }
 
+std::mutex& RegistryMutex() {
+  static std::mutex mutex;
+  return mutex;
+}
+
+std::set<FakeDaemon*>& Registry() {
+  static std::set<FakeDaemon*> daemons;
+  return daemons;
+}
+
 }  // namespace
+
+bool FakeDaemon::WaitAllIdle(int timeout_ms) {
+  std::lock_guard<std::mutex> lock(RegistryMutex());
+  bool idle = true;
+  for (FakeDaemon* daemon : Registry()) idle = daemon->WaitIdle(timeout_ms) && idle;
+  return idle;
+}
 
 bool WriteFrame(int fd, const std::string& body) { return WriteAllBytes(fd, Frame(body)); }
 
@@ -128,9 +146,15 @@ FakeDaemon::FakeDaemon(const std::string& path) : path_(path) {
   // Every test user connects to the daemon as itself.
   chmod(path_.c_str(), 0666);
   acceptor_ = std::thread([this] { AcceptLoop(); });
+  std::lock_guard<std::mutex> lock(RegistryMutex());
+  Registry().insert(this);
 }
 
 FakeDaemon::~FakeDaemon() {
+  {
+    std::lock_guard<std::mutex> lock(RegistryMutex());
+    Registry().erase(this);
+  }
   {
     std::lock_guard<std::mutex> lock(mutex_);
     stopping_ = true;

@@ -84,6 +84,10 @@ class FakeDaemon {
   bool WaitForRequests(size_t count, int timeout_ms = 10000);
   // Waits until every connection so far has been closed by either side.
   bool WaitIdle(int timeout_ms = 10000);
+  // WaitIdle() of every daemon alive in this process: a check of the
+  // process's descriptors must not count the daemon's side of a connection
+  // that the client has already closed.
+  static bool WaitAllIdle(int timeout_ms = 10000);
 
  private:
   void AcceptLoop();
