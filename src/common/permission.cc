@@ -30,9 +30,10 @@ FilePermission::FilePermission(uint32_t uid) : group_info_list_(nullptr) {
     KESTUserFree(record);
   }
   if (nullptr == (group_info_list_ = KLIBGroupInfoListGet(user_.GetName().c_str(), TRUE))) {
-    ThrowFailed({kSource, 29, "FilePermission"},
-                "nullptr == (group_info_list_ = KLIBGroupInfoListGet(user_.GetName().c_str(), TRUE))",
-                Error(kErrPlatform, "KLIBGroupInfoListGet failed, user: " + user_.GetName()));
+    ThrowFailed(
+        {kSource, 29, "FilePermission"},
+        "nullptr == (group_info_list_ = KLIBGroupInfoListGet(user_.GetName().c_str(), TRUE))",
+        Error(kErrPlatform, "KLIBGroupInfoListGet failed, user: " + user_.GetName()));
   }
 }
 
@@ -47,9 +48,8 @@ std::string FilePermission::ExtractShareName(const std::string& path) {
                 Error(kErrPlatform, "Malformed path: " + path));
   }
   const size_t slash_pos2 = path.find('/', slash_pos1 + 1);
-  return path.substr(slash_pos1 + 1, slash_pos2 == std::string::npos
-                                         ? std::string::npos
-                                         : slash_pos2 - slash_pos1 - 1);
+  return path.substr(slash_pos1 + 1, slash_pos2 == std::string::npos ? std::string::npos
+                                                                     : slash_pos2 - slash_pos1 - 1);
 }
 
 std::shared_ptr<sdk::SDKShare> FilePermission::GetShare(const std::string& share_name) {

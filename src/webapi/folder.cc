@@ -12,11 +12,15 @@ constexpr auto kOptional = KEST::APIRequest::PARAM_OPTIONAL;
 
 }  // namespace
 
-void FolderAddAPI::ParseParams() { folder_ = request_->GetAndCheckArray("folder", kRequired).Get(); }
+void FolderAddAPI::ParseParams() {
+  folder_ = request_->GetAndCheckArray("folder", kRequired).Get();
+}
 
 void FolderAddAPI::Execute() { fileindex::FolderAdd(folder_, false); }
 
-void FolderSetAPI::ParseParams() { folder_ = request_->GetAndCheckArray("folder", kRequired).Get(); }
+void FolderSetAPI::ParseParams() {
+  folder_ = request_->GetAndCheckArray("folder", kRequired).Get();
+}
 
 void FolderSetAPI::Execute() { fileindex::FolderSet(folder_, false); }
 
@@ -60,7 +64,9 @@ void FolderListGroupAPI::Execute() { fileindex::FolderListGroups(output_); }
 
 void FolderSummaryAPI::Execute() { fileindex::FolderSummary(output_); }
 
-void FolderReIndexAPI::ParseParams() { path_ = request_->GetAndCheckArray("path", kRequired).Get(); }
+void FolderReIndexAPI::ParseParams() {
+  path_ = request_->GetAndCheckArray("path", kRequired).Get();
+}
 
 void FolderReIndexAPI::Execute() { fileindex::FolderReindex(path_); }
 

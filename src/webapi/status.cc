@@ -40,7 +40,7 @@ std::string StatusGetAPI::IsIndexProcessing() {
         break;
       }
     } catch (...) {
-      LogError({kSource, 44, "IsIndexProcessing"}, "Failed to get status from share[%s]",
+      LogError({kSource, 43, "IsIndexProcessing"}, "Failed to get status from share[%s]",
                share_name.c_str());
     }
   }

@@ -3,6 +3,7 @@
 // space, mount points and file copies.
 #include <dirent.h>
 #include <gtest/gtest.h>
+#include <sys/mount.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -308,6 +309,12 @@ TEST(MountPointTest, VolumesAreMountPointsTheirFoldersAreNot) {
   EXPECT_EQ(0, KESTFSDirIsMntPoint("/volume1/plain/file"));
   EXPECT_EQ(0, KESTFSDirIsMntPoint("/volume1/link-to-volume2"));
   EXPECT_GT(0, KESTFSDirIsMntPoint("/volume1/none"));
+  // A bind mount of a folder of the same file system is a mount point too.
+  mkdir("/volume1/bound", 0755);
+  ASSERT_EQ(0, mount("/volume1/plain", "/volume1/bound", nullptr, MS_BIND, nullptr));
+  EXPECT_GT(KESTFSDirIsMntPoint("/volume1/bound"), 0);
+  umount("/volume1/bound");
+  EXPECT_EQ(0, KESTFSDirIsMntPoint("/volume1/bound"));
 }
 
 TEST(FileCopyTest, CopyMoveAndOverwrite) {

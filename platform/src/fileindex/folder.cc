@@ -47,6 +47,9 @@ struct Caller {
   uid_t uid = 0;
   std::string name;
   bool admin = false;
+  // Share name -> the caller's privilege is not "no access"; asked once per
+  // share within one call (the user and group databases are slow to ask).
+  mutable std::map<std::string, bool> share_access;
 };
 
 Caller CurrentCaller() {
@@ -86,11 +89,16 @@ bool ShareOf(const std::string& path, ShareInfo* share) {
 // The caller's privilege on the share is not "no access".
 bool ShareAccessible(const Caller& caller, const std::string& share_name) {
   if (caller.admin) return true;
+  auto cached = caller.share_access.find(share_name);
+  if (cached != caller.share_access.end()) return cached->second;
   PKESTSHARE share = nullptr;
-  if (KESTShareGet(share_name.c_str(), &share) < 0 || !share) return false;
-  const int priv = KESTShareUserPrivCalc(caller.name.c_str(), share);
+  bool accessible = false;
+  if (KESTShareGet(share_name.c_str(), &share) == 0 && share) {
+    accessible = KESTShareUserPrivCalc(caller.name.c_str(), share) != KEST_SHARE_PRIV_NA;
+  }
   KESTShareFree(share);
-  return priv != KEST_SHARE_PRIV_NA;
+  caller.share_access[share_name] = accessible;
+  return accessible;
 }
 
 // Whether the caller may read the folder: asked of the kernel as the caller.

@@ -17,6 +17,7 @@ struct StmtFinalize {
 };
 using Stmt = std::unique_ptr<sqlite3_stmt, StmtFinalize>;
 
+constexpr int kSchemaVersion = 1;
 constexpr char kSchema[] =
     "CREATE TABLE IF NOT EXISTS folders ("
     " path TEXT PRIMARY KEY NOT NULL,"
@@ -87,11 +88,18 @@ Store::Store() : db_(nullptr) {
                         SQLITE_OPEN_READWRITE | SQLITE_OPEN_CREATE | SQLITE_OPEN_NOFOLLOW, nullptr);
     if (rc != SQLITE_OK) Fail("cannot open the folder store");
     sqlite3_busy_timeout(db_, 10000);
-    // Created with the caller's effective gid: hand it to root alone.
-    if (chown(kStorePath, 0, 0) != 0 || chmod(kStorePath, 0600) != 0) {
-      Fail("cannot secure the folder store");
+    // A new file got the caller's effective gid: hand it to root alone.
+    struct stat st;
+    if (stat(kStorePath, &st) != 0 || st.st_uid != 0 || st.st_gid != 0 ||
+        (st.st_mode & 07777) != 0600) {
+      if (chown(kStorePath, 0, 0) != 0 || chmod(kStorePath, 0600) != 0) {
+        Fail("cannot secure the folder store");
+      }
     }
-    Exec(kSchema);
+    if (SchemaVersion() != kSchemaVersion) {
+      Exec(kSchema);
+      Exec(("PRAGMA user_version = " + std::to_string(kSchemaVersion)).c_str());
+    }
   } catch (...) {
     sqlite3_close_v2(db_);
     throw;
@@ -105,6 +113,16 @@ void Store::Fail(const std::string& what) {
   if (db_) reason += ": " + std::string(sqlite3_errmsg(db_));
   errno = 0;
   throw Error(kErrPlatform, reason);
+}
+
+int Store::SchemaVersion() {
+  sqlite3_stmt* raw = nullptr;
+  if (sqlite3_prepare_v2(db_, "PRAGMA user_version", -1, &raw, nullptr) != SQLITE_OK) {
+    Fail("schema version");
+  }
+  Stmt stmt(raw);
+  if (sqlite3_step(raw) != SQLITE_ROW) Fail("schema version");
+  return sqlite3_column_int(raw, 0);
 }
 
 void Store::Exec(const char* sql) {

@@ -66,6 +66,7 @@ class Store {
 
  private:
   void Exec(const char* sql);
+  int SchemaVersion();
   [[noreturn]] void Fail(const std::string& what);
 
   sqlite3* db_;

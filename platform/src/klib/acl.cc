@@ -127,14 +127,15 @@ extern "C" int KESTACLPermCalc(const char* szUserName, PKLIBCSZLIST pGroupList, 
   }
   uid_t uid;
   std::vector<gid_t> groups;
-  if (!kest::klib::UserIds(szUserName, &uid, &groups)) {
+  const bool known = pGroupList ? kest::klib::UserId(szUserName, &uid)
+                                : kest::klib::UserIds(szUserName, &uid, &groups);
+  if (!known) {
     KLIBCErrSet(KLIB_ERR_USER_NOT_FOUND);
     return -1;
   }
   if (pGroupList) {
     // The caller's list is the truth about the user's groups; names that no
     // longer resolve designate nothing.
-    groups.clear();
     for (int i = 0; i < pGroupList->nItem; ++i) {
       gid_t gid;
       if (kest::klib::GroupIdByName(pGroupList->ppszItem[i], &gid)) groups.push_back(gid);

@@ -399,6 +399,20 @@ std::shared_ptr<const Config> LoadConfig() { return Load(false); }
 
 std::shared_ptr<const Config> LoadGlobalConfig() { return Load(true); }
 
+bool UserId(const std::string& name, uid_t* uid) {
+  if (name.empty()) return false;
+  std::vector<char> buffer(4096);
+  passwd pw{};
+  passwd* result = nullptr;
+  int rc;
+  while ((rc = getpwnam_r(name.c_str(), &pw, buffer.data(), buffer.size(), &result)) == ERANGE) {
+    buffer.resize(buffer.size() * 2);
+  }
+  if (rc != 0 || !result) return false;
+  *uid = pw.pw_uid;
+  return true;
+}
+
 bool UserIds(const std::string& name, uid_t* uid, std::vector<gid_t>* groups) {
   if (name.empty()) return false;
   std::vector<char> buffer(4096);

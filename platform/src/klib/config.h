@@ -66,6 +66,8 @@ void SetError(int code, const std::string& text);
 
 // The user's id and group ids (primary first); false for an unknown user.
 bool UserIds(const std::string& name, uid_t* uid, std::vector<gid_t>* groups);
+// The user's id alone (cheaper: no walk over the group database).
+bool UserId(const std::string& name, uid_t* uid);
 // The id of a group given by name, or by number when it is all digits.
 bool GroupIdByName(const std::string& name, gid_t* gid);
 

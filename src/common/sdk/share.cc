@@ -88,7 +88,8 @@ bool SDKShare::CanBeIndexed() {
                 Error(kErrPlatform, "KLIBShareis_encryptedGet failed, share=" + share_name_));
   }
   if (0 > KLIBShareIsReadOnlyGet(share_info_, &is_readonly)) {
-    ThrowFailed({kSource, 75, "CanBeIndexed"}, "0 > KLIBShareIsReadOnlyGet(share_info_, &is_readonly)",
+    ThrowFailed({kSource, 75, "CanBeIndexed"},
+                "0 > KLIBShareIsReadOnlyGet(share_info_, &is_readonly)",
                 Error(kErrPlatform, "KLIBShareis_readonlyGet failed, share=" + share_name_));
   }
   return is_encrypted == 0 && is_readonly == 0;
