@@ -130,6 +130,17 @@ TEST_F(IndicateTest, EmptyFileTypeListSendsNoQueries) {
   EXPECT_FALSE(daemon.Requests()[0]["data"].isMember("queries"));
 }
 
+TEST_F(IndicateTest, DuplicateFileTypesAskTwiceButCountOnce) {
+  FakeDaemon daemon;
+  daemon.On("indicate", DaemonReply().Text(R"({"success": true, "data": {"audio": 2}})"));
+  const auto response = RunAPI<IndicateAPI>(kCarol, Params(R"(["audio", "audio"])"));
+  ASSERT_TRUE(response.IsSuccess());
+  const auto queries = daemon.Requests().at(0)["data"]["queries"];
+  ASSERT_EQ(2u, queries.size());
+  EXPECT_EQ(queries[0], queries[1]);
+  EXPECT_EQ(Parse(R"({"audio": 2})"), response.GetData());
+}
+
 TEST_F(IndicateTest, DaemonReplies) {
   struct Case {
     const char* what;
