@@ -1,5 +1,6 @@
 #include "webapi/indicate.h"
 
+#include <cxxabi.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -40,6 +41,8 @@ void IndicateAPI::ParseParams() {
         continue;
       }
       indices_.append(fileindex::elastic::GetFileIndexID(share_name));
+    } catch (abi::__forced_unwind&) {
+      throw;
     } catch (...) {
       continue;
     }

@@ -1,5 +1,6 @@
 #include "webapi/search.h"
 
+#include <cxxabi.h>
 #include <fcntl.h>
 #include <signal.h>
 #include <sys/stat.h>
@@ -165,6 +166,8 @@ void SearchAPI::ParseParams() {
       if (!request_->IsAdmin() && share_name != "homes" && 4 == share.GetPrivilege(user_name)) {
         continue;
       }
+    } catch (abi::__forced_unwind&) {
+      throw;
     } catch (...) {
       // A share that cannot be opened or checked is simply not searched.
       continue;
