@@ -6,7 +6,10 @@
 #include "kest/webapi_module.h"
 #include "webapi/checkers.h"
 #include "webapi/folder.h"
+#include "webapi/highlight.h"
+#include "webapi/indicate.h"
 #include "webapi/ondri_api.h"
+#include "webapi/search.h"
 #include "webapi/status.h"
 
 #define KEST_API_PREFIX "KEST.Ondri.FileIndexing."
@@ -27,6 +30,9 @@ const KEST::APIHandlerRow kAPITable[] = {
     {KEST_API_PREFIX "Status", 1, "get", OndriAPIRun<StatusGetAPI>},
     {KEST_API_PREFIX "Status", 1, "resume", OndriAPIRun<StatusResumeAPI>},
     {KEST_API_PREFIX "Status", 1, "pause", OndriAPIRun<StatusPauseAPI>},
+    {KEST_API_PREFIX "Search", 1, "search", OndriAPIRun<SearchAPI>},
+    {KEST_API_PREFIX "Highlight", 1, "highlight", OndriAPIRun<HighlightAPI>},
+    {KEST_API_PREFIX "Indicate", 1, "indicate", OndriAPIRun<IndicateAPI>},
     {nullptr, 0, nullptr, nullptr},
 };
 

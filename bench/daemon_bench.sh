@@ -2,7 +2,7 @@
 # Builds the benchmark index (once) and measures kestelasticd against
 # in-process Xapian on it. Figures go to bench/RESULTS.md by hand.
 #
-#   bench/run.sh CORPUS_DIR WORK_DIR QUERIES_TSV
+#   bench/daemon_bench.sh CORPUS_DIR WORK_DIR QUERIES_TSV
 #
 # CORPUS_DIR: the unpacked linux-source-6.1 tree (kept out of the repository).
 # WORK_DIR: where the index and the daemon's socket go.
@@ -32,10 +32,10 @@ trap 'kill $pid 2>/dev/null || true' EXIT
 for _ in $(seq 100); do [[ -S $sock ]] && break; sleep 0.05; done
 
 echo "== as an administrator (no permission filter)"
-"$build/bench/kest_search_bench" --db "$work/linux-index" --index-id fileindex_linux \
+"$build/bench/kest_daemon_bench" --db "$work/linux-index" --index-id fileindex_linux \
   --queries "$queries" --socket "$sock" --rounds "$rounds"
 echo "== for an ordinary user (permission filter, uid 65534)"
-"$build/bench/kest_search_bench" --db "$work/linux-index" --index-id fileindex_linux \
+"$build/bench/kest_daemon_bench" --db "$work/linux-index" --index-id fileindex_linux \
   --queries "$queries" --socket "$sock" --rounds "$rounds" --filter-uid 65534
 echo "== daemon memory"
 grep -E 'VmHWM|VmRSS' "/proc/$pid/status"
