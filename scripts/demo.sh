@@ -1,0 +1,268 @@
+#!/usr/bin/env bash
+# Runs the whole product for a demo: installs what is needed, builds, creates
+# demo users, shares and sample files, starts kestelasticd, kest-indexer and
+# the web API server, indexes the shares, and prints how to log in and search
+# with curl. Ctrl-C stops everything.
+#
+# By default everything happens in a private mount namespace: the demo's
+# users, /etc/kest, /volume1 and /var/packages exist only there, so the
+# machine's own users and folders are untouched (empty mount points are
+# created for folders that do not exist yet). The web API server listens on
+# the machine's loopback, so curl from any shell reaches it.
+#
+#   bash scripts/demo.sh            # the demo, in private namespaces
+#   KEST_DEMO_PORT=5080 bash scripts/demo.sh
+#
+# Logs: build/demo-logs/ (each service's standard error, the access log).
+set -euo pipefail
+
+ROOT="$(cd "$(dirname "$0")/.." && pwd)"
+BUILD="$ROOT/build"
+PORT="${KEST_DEMO_PORT:-5000}"
+LOGS="$BUILD/demo-logs"
+
+if [[ $EUID -ne 0 ]]; then
+  echo "demo.sh: run as root (it creates users and mounts in its own namespace)" >&2
+  exit 1
+fi
+
+if [[ "${1:-}" != "--inside" ]]; then
+  bash "$ROOT/scripts/install-deps.sh"
+  cmake -S "$ROOT" -B "$BUILD" -DCMAKE_BUILD_TYPE=RelWithDebInfo >/dev/null
+  cmake --build "$BUILD" -j"$(nproc)" --target kestelasticd kest-indexer kest-extract-worker \
+    kest-webapi-server kestondri_webapi kest-demo-files
+  if curl -s -o /dev/null "http://127.0.0.1:$PORT/" 2>/dev/null; then
+    echo "demo.sh: port $PORT is taken; set KEST_DEMO_PORT" >&2
+    exit 1
+  fi
+  created=()
+  for d in /volume1 /var/packages /etc/kest; do
+    if [[ ! -d $d ]]; then
+      mkdir -p "$d"
+      created+=("$d")
+    fi
+  done
+  mkdir -p "$LOGS"
+  rc=0
+  unshare --mount --propagation private -- bash "$0" --inside || rc=$?
+  for d in "${created[@]}"; do rmdir "$d" 2>/dev/null || true; done
+  exit "$rc"
+fi
+
+# ---------------------------------------------------------------------------
+# Inside the private mount namespace.
+for d in /volume1 /var/packages /etc/kest /tmp; do
+  mount -t tmpfs -o mode=0755 kestdemo "$d"
+done
+chmod 1777 /tmp
+STATE=/tmp/kestondri-demo
+mkdir -p "$STATE"
+
+# Private copies of the account files and of PAM's configuration.
+for f in passwd group shadow; do
+  cp -p "/etc/$f" "$STATE/$f"
+  mount --bind "$STATE/$f" "/etc/$f"
+done
+cp -a /etc/pam.d "$STATE/pam.d"
+cp "$ROOT/host/dist/kestondri.pam" "$STATE/pam.d/kestondri"
+mount --bind "$STATE/pam.d" /etc/pam.d
+
+free_id() {  # free_id FROM: the first id at or above FROM used by no user and no group
+  local id=$1
+  while cut -d: -f3 /etc/passwd /etc/group | grep -qx "$id"; do id=$((id + 1)); done
+  echo "$id"
+}
+add_group() {  # add_group NAME MEMBER,...: creates the group or adds the members
+  if grep -q "^$1:" /etc/group; then
+    awk -F: -v OFS=: -v g="$1" -v m="$2" \
+      '$1 == g { $4 = ($4 == "" ? m : $4 "," m) } { print }' /etc/group >"$STATE/group.new"
+    cat "$STATE/group.new" >/etc/group
+  else
+    echo "$1:x:$(free_id 3100):$2" >>/etc/group
+  fi
+}
+declare -A PASSWORDS
+add_user() {  # add_user NAME FULL-NAME
+  local name=$1 uid password hash
+  if grep -q "^$name:" /etc/passwd; then
+    echo "demo.sh: a user $name exists already on this machine" >&2
+    exit 1
+  fi
+  uid=$(free_id 3101)
+  password=$(tr -dc 'A-Za-z0-9' </dev/urandom | head -c 12 || true)
+  hash=$(perl -e 'my @c = ("a".."z", "A".."Z", 0..9, ".", "/");
+                  my $s = join "", map { $c[rand @c] } 1..16;
+                  print crypt($ARGV[0], "\$6\$$s\$")' "$password")
+  echo "$name:x:$uid:$uid:$2:/volume1/homes/$name:/bin/bash" >>/etc/passwd
+  echo "$name:x:$uid:" >>/etc/group
+  echo "$name:$hash:19000:0:99999:7:::" >>/etc/shadow
+  PASSWORDS[$name]=$password
+}
+add_user alice "Alice (administrator)"
+add_user bruno "Bruno"
+add_user chen "Chen"
+add_group administrators alice
+add_group staff alice,bruno
+
+cat >/etc/kest/shares.conf <<'EOF'
+; Shares of the demo.
+[global]
+admin group = administrators
+user home = no
+
+[public]
+path = /volume1/public
+
+[projects]
+path = /volume1/projects
+write list = @staff
+invalid users = chen
+EOF
+
+# Sample files: every format the indexer reads, different owners and modes.
+P=/volume1/public
+mkdir -p "$P/library" "$P/bruno-private" "$P/chen" /volume1/projects/observatory
+"$BUILD/tests/indexer/kest-demo-files" "$P/library"
+cat >"$P/library/README" <<'EOF'
+The shared library of the demo: reports, minutes, budgets and letters.
+EOF
+cat >"$P/library/notes.txt" <<'EOF'
+Shopping list for the observatory: mirrors, eyepieces, a red torch.
+EOF
+cat >"$P/library/guide.md" <<'EOF'
+# Guide
+Search works on file names and on the text inside documents.
+EOF
+cat >"$P/library/welcome.html" <<'EOF'
+<html><head><title>Welcome</title></head>
+<body><h1>Welcome</h1><p>The nebula exhibition opens on Friday.</p></body></html>
+EOF
+cat >"$P/library/orbit.c" <<'EOF'
+/* Computes the orbital period of a satellite. */
+double orbital_period(double semi_major_axis);
+EOF
+printf 'planet,moons\nJupiter,95\nSaturn,146\n' >"$P/library/moons.csv"
+printf 'caf\xe9 cr\xe8me br\xfbl\xe9e\n' >"$P/library/latin1-recipe.txt"
+printf '\xff\xd8\xff\xe0\x00\x10JFIF\x00' >"$P/library/andromeda.jpg"
+printf 'ID3\x03\x00' >"$P/library/pulsar-sounds.mp3"
+printf '\x00\x00\x00\x18ftypmp42' >"$P/library/launch.mp4"
+chown -R alice:alice "$P/library"
+chmod -R a+rX "$P/library"
+
+echo "Dear diary: the telescope arrived today." >"$P/bruno-private/diary.txt"
+chown -R bruno:bruno "$P/bruno-private"
+chmod 0700 "$P/bruno-private"
+chmod 0600 "$P/bruno-private/diary.txt"
+
+echo "Chen's telescope calibration notes." >"$P/chen/calibration.txt"
+chown -R chen:chen "$P/chen"
+chmod 0750 "$P/chen"
+# Bruno may read Chen's folder through an ACL, nobody else.
+setfacl -m u:bruno:rx "$P/chen"
+
+cat >/volume1/projects/observatory/plan.md <<'EOF'
+# Observatory plan
+Staff only: the telescope dome is repainted in March.
+EOF
+chown -R alice:staff /volume1/projects
+chmod -R 2770 /volume1/projects
+chmod 0755 /volume1/projects
+
+# The services.
+cat >"$STATE/webapi-server.conf" <<EOF
+[server]
+address = 127.0.0.1
+port = $PORT
+access_log = $LOGS/webapi-access.log
+login_failure_delay_ms = 300
+
+[modules]
+kestondri = $BUILD/src/libkestondri_webapi.so
+EOF
+
+PIDS=()
+stop() {
+  trap - INT TERM HUP EXIT
+  echo
+  echo "Stopping..."
+  for ((i = ${#PIDS[@]} - 1; i >= 0; i--)); do kill -TERM "${PIDS[i]}" 2>/dev/null || true; done
+  wait 2>/dev/null || true
+  echo "Stopped. Logs are in $LOGS."
+  exit 0
+}
+trap stop INT TERM HUP EXIT
+
+# Each service in its own session: Ctrl-C reaches this script, which stops
+# them in order, and not the services themselves mid-way.
+setsid "$BUILD/daemon/kestelasticd" >"$LOGS/kestelasticd.log" 2>&1 &
+PIDS+=($!)
+setsid "$BUILD/indexer/kest-indexer" --stderr >"$LOGS/kest-indexer.log" 2>&1 &
+PIDS+=($!)
+setsid "$BUILD/host/kest-webapi-server" --config "$STATE/webapi-server.conf" \
+  >"$LOGS/kest-webapi-server.log" 2>&1 &
+PIDS+=($!)
+
+URL="http://127.0.0.1:$PORT/webapi/entry.cgi"
+call() {  # call JSON: POSTs a JSON request, prints the answer
+  curl -s -H 'Content-Type: application/json' -d "$1" "$URL"
+}
+for _ in $(seq 100); do
+  curl -s -o /dev/null "$URL" && break
+  sleep 0.1
+done
+
+login() {  # login USER: prints the session id
+  call "{\"api\":\"KEST.API.Auth\",\"method\":\"login\",\"version\":1,\
+\"account\":\"$1\",\"passwd\":\"${PASSWORDS[$1]}\"}" | grep -o '"sid":"[0-9a-f]*"' | cut -d'"' -f4
+}
+SID=$(login alice)
+if [[ -z $SID ]]; then
+  echo "demo.sh: the administrator could not log in; see $LOGS" >&2
+  stop
+fi
+answer=$(call "{\"api\":\"KEST.Ondri.FileIndexing.Folder\",\"method\":\"add\",\"version\":1,\
+\"_sid\":\"$SID\",\"folder\":[{\"path\":\"/volume1/public\",\"name\":\"Public\"},\
+{\"path\":\"/volume1/projects/observatory\",\"name\":\"Observatory\"}]}")
+echo "Folders added: $answer"
+for _ in $(seq 600); do
+  status=$(call "{\"api\":\"KEST.Ondri.FileIndexing.Status\",\"method\":\"get\",\"version\":1,\
+\"_sid\":\"$SID\"}")
+  [[ $status == *'"index":"finished"'* ]] && break
+  sleep 0.2
+done
+echo "Indexing: $status"
+
+cat <<EOF
+
+KestOndri is running (web API on 127.0.0.1:$PORT). Users of this demo:
+
+  alice  ${PASSWORDS[alice]}   administrator, member of staff
+  bruno  ${PASSWORDS[bruno]}   member of staff; owns public/bruno-private (private)
+  chen   ${PASSWORDS[chen]}   may not use the share "projects"
+
+Log in as bruno and keep the session id:
+
+  SID=\$(curl -s -H 'Content-Type: application/json' -d '{"api":"KEST.API.Auth","method":"login","version":1,"account":"bruno","passwd":"${PASSWORDS[bruno]}"}' $URL | sed -n 's/.*"sid":"\([0-9a-f]*\)".*/\1/p')
+
+Search for "telescope" (bruno sees his diary, Chen's notes and the staff plan;
+chen sees neither the diary nor the plan):
+
+  curl -s -H 'Content-Type: application/json' -d '{"api":"KEST.Ondri.FileIndexing.Search","method":"search","version":1,"_sid":"'\$SID'","indice":["public","projects"],"keyword":"telescope","from":0,"size":50,"query_serial":1,"fields":["KESTMDPath","KESTMDFSName"],"file_type":"","search_weight_list":[]}' $URL
+
+Other words to try: nebula, observatory, mirrors, Jupiter, crème, andromeda.
+Folder list, status, pause and resume: api KEST.Ondri.FileIndexing.Folder
+("list") and KEST.Ondri.FileIndexing.Status ("get", "pause", "resume").
+
+Logs: $LOGS. Press Ctrl-C to stop.
+EOF
+
+while :; do
+  for pid in "${PIDS[@]}"; do
+    if ! kill -0 "$pid" 2>/dev/null; then
+      echo "A service stopped unexpectedly; see $LOGS." >&2
+      stop
+    fi
+  done
+  sleep 1 &
+  wait $! || true
+done
