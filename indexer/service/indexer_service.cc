@@ -1,5 +1,6 @@
 #include "service/indexer_service.h"
 
+#include <sqlite3.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <syslog.h>
@@ -34,6 +35,25 @@ std::set<std::string> ConfiguredSharePaths() {
   }
   KLIBCSzListFree(names);
   return out;
+}
+
+constexpr char kFolderStore[] = "/var/packages/KestOndri/var/fileindex/folders.db";
+
+// The library writes a folder's queue entry inside its store transaction,
+// before the commit. Taking the store's write lock for a moment waits until
+// such a transaction has ended, so that the store read next knows every
+// folder whose entry is already queued.
+void AwaitStoreWriters() {
+  struct stat st;
+  if (stat(kFolderStore, &st) != 0) return;
+  sqlite3* db = nullptr;
+  if (sqlite3_open_v2(kFolderStore, &db, SQLITE_OPEN_READWRITE, nullptr) == SQLITE_OK) {
+    sqlite3_busy_timeout(db, 10000);
+    if (sqlite3_exec(db, "BEGIN IMMEDIATE", nullptr, nullptr, nullptr) == SQLITE_OK) {
+      sqlite3_exec(db, "ROLLBACK", nullptr, nullptr, nullptr);
+    }
+  }
+  sqlite3_close(db);
 }
 
 std::string QueuePathOf(const std::string& share_path) {
@@ -282,6 +302,17 @@ int IndexerService::Run() {
     }
     bool busy = false;
     if (!SuggestRunning() && !Paused()) {
+      bool work = false;
+      for (const auto& share_path : share_paths_) work = work || QueueOf(share_path).HasWork();
+      if (work) {
+        AwaitStoreWriters();
+        std::shared_ptr<const FolderTable> old = folders_;
+        Refresh();
+        if (!(*old == *folders_)) {
+          watcher.SetFolders(folders_);
+          QueueChangedFolders(*old);
+        }
+      }
       for (const auto& share_path : share_paths_) {
         if (stop_) break;
         if (ProcessShare(share_path) > 0) busy = true;
