@@ -137,7 +137,9 @@ void IndexerService::Refresh() {
 void IndexerService::QueueAllFolders() {
   std::map<std::string, std::vector<QueueItem>> items;
   for (const auto& f : folders_->folders()) {
-    items[f.share_path].push_back({kQueueOpReindex, f.path});
+    // A paused folder is walked when it resumes (the library queues it then);
+    // queued now, it would keep the indexer "processing" for nothing.
+    if (!f.paused) items[f.share_path].push_back({kQueueOpReindex, f.path});
   }
   for (const auto& share : items) {
     try {
