@@ -61,6 +61,12 @@ int main(int argc, char** argv) {
     fprintf(stderr, "usage: indexer_bench VOLUME_DIR\n");
     return 2;
   }
+  // The sandbox keeps the working folder as it is (everything else of the
+  // host is an overlay): the volume stays on disk, and survives the run.
+  if (chdir(argv[1]) != 0) {
+    perror(argv[1]);
+    return 1;
+  }
   kesttest::EnterSandbox();
   if (mount(argv[1], "/volume1", nullptr, MS_BIND, nullptr) != 0) {
     perror("bind mount");

@@ -16,3 +16,5 @@ cmake --build "$ROOT/build" -j"$(nproc)" --target indexer_bench kest-indexer kes
 sync
 echo 3 >/proc/sys/vm/drop_caches || true
 "$ROOT/build/bench/indexer_bench" "$WORK"
+cmake --build "$ROOT/build" -j"$(nproc)" --target http_search_bench
+"$ROOT/build/bench/http_search_bench" "$WORK" "${QUERIES:-/work/shared/bench/queries.tsv}"
