@@ -120,6 +120,17 @@ ShareIndex* IndexerService::IndexOf(const std::string& share_path) {
     return nullptr;
   }
   failing_.erase(share_path);
+  if (index->rebuilding()) {
+    std::vector<QueueItem> items;
+    for (const auto& f : folders_->folders()) {
+      if (f.share_path == share_path) items.push_back({kQueueOpReindex, f.path});
+    }
+    try {
+      QueueOf(share_path).Append(items);
+    } catch (const std::exception& e) {
+      syslog(LOG_ERR, "index: cannot queue the folders of %s: %s", share_path.c_str(), e.what());
+    }
+  }
   return index.get();
 }
 
@@ -231,14 +242,13 @@ size_t IndexerService::ProcessShare(const std::string& share_path) {
         done.push_back(item);
       }
       index->Commit();
+    } catch (const Xapian::DatabaseCorruptError& e) {
+      // A damaged index is built again at once.
+      IndexFailed(index, e.get_description(), true);
+      return 0;
     } catch (const Xapian::Error& e) {
-      syslog(LOG_ERR, "index: %s: %s", index->db_path().c_str(), e.get_description().c_str());
-      try {
-        index->Close();
-      } catch (const Xapian::Error&) {
-      }
-      indices_.erase(share_path);
-      failing_[share_path] = std::chrono::steady_clock::now() + std::chrono::seconds(30);
+      // Other failures (a full volume, say) are tried again a little later.
+      IndexFailed(index, e.get_description(), false);
       return 0;
     }
   }
@@ -247,7 +257,24 @@ size_t IndexerService::ProcessShare(const std::string& share_path) {
   } catch (const std::exception& e) {
     syslog(LOG_ERR, "index: cannot update the queue of %s: %s", share_path.c_str(), e.what());
   }
+  auto index = indices_.find(share_path);
+  if (index != indices_.end() && index->second->rebuilding() && !queue.HasWork()) {
+    index->second->EndRebuild();
+  }
   return done.size();
+}
+
+void IndexerService::IndexFailed(ShareIndex* index, const std::string& what, bool damaged) {
+  syslog(LOG_ERR, "index: %s: %s", index->db_path().c_str(), what.c_str());
+  try {
+    index->Close();
+  } catch (const Xapian::Error&) {
+  }
+  if (damaged) {
+    index->MarkDamaged();
+  } else {
+    failing_[index->share_path()] = std::chrono::steady_clock::now() + std::chrono::seconds(30);
+  }
 }
 
 bool IndexerService::SuggestRunning() {

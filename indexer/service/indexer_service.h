@@ -63,6 +63,7 @@ class IndexerService {
   void OnChanges(const std::map<std::string, std::vector<std::string>>& changes);
   void MaybeSuggest();
   bool SuggestRunning();
+  void IndexFailed(ShareIndex* index, const std::string& what, bool damaged);
   void Wait(std::chrono::milliseconds timeout);
 
   const ServiceOptions options_;

@@ -8,6 +8,7 @@
 
 #include <cerrno>
 #include <cstring>
+#include <filesystem>
 #include <map>
 #include <vector>
 
@@ -76,14 +77,60 @@ bool ShareIndex::Open(std::string* error) {
     *error = "cannot create " + index_dir + ": " + strerror(errno);
     return false;
   }
+  if (damaged_) {
+    damaged_ = false;
+    return Rebuild(error);
+  }
+  try {
+    db_.reset(new Xapian::WritableDatabase(db_path_, Xapian::DB_CREATE_OR_OPEN));
+  } catch (const Xapian::DatabaseLockError& e) {
+    *error = e.get_description();  // another writer: try again later
+    return false;
+  } catch (const Xapian::Error& e) {
+    syslog(LOG_ERR, "index %s is damaged (%s); it is built again", db_path_.c_str(),
+           e.get_description().c_str());
+    if (!Rebuild(error)) return false;
+  }
+  pending_ = 0;
+  return true;
+}
+
+// Readers are kept away by the ".checking" file while the index is empty
+// and filling; the damaged database is removed, not kept: it may be as large
+// as the volume allows and holds nothing the files do not.
+bool ShareIndex::Rebuild(std::string* error) {
+  const std::string checking = db_path_ + ".checking";
+  const int fd = open(checking.c_str(), O_WRONLY | O_CREAT | O_CLOEXEC | O_NOFOLLOW, 0600);
+  if (fd < 0) {
+    *error = "cannot create " + checking + ": " + strerror(errno);
+    return false;
+  }
+  close(fd);
+  const std::string aside = db_path_ + ".damaged";
+  std::error_code ec;
+  std::filesystem::remove_all(aside, ec);
+  if (rename(db_path_.c_str(), aside.c_str()) != 0 && errno != ENOENT) {
+    *error = "cannot set aside " + db_path_ + ": " + strerror(errno);
+    return false;
+  }
+  std::filesystem::remove_all(aside, ec);
   try {
     db_.reset(new Xapian::WritableDatabase(db_path_, Xapian::DB_CREATE_OR_OPEN));
   } catch (const Xapian::Error& e) {
     *error = e.get_description();
     return false;
   }
+  rebuilding_ = true;
   pending_ = 0;
   return true;
+}
+
+void ShareIndex::EndRebuild() {
+  if (!rebuilding_) return;
+  Commit();
+  unlink((db_path_ + ".checking").c_str());
+  rebuilding_ = false;
+  syslog(LOG_INFO, "index %s is built again", db_path_.c_str());
 }
 
 void ShareIndex::Close() {

@@ -46,9 +46,17 @@ class ShareIndex {
 
   // Opens (creating when needed) the database. False, with `error` set, when
   // the share's folder is missing (an unmounted volume: nothing is created
-  // on the mount point) or the database cannot be opened.
+  // on the mount point) or the database cannot be opened. A database that
+  // is damaged (not merely locked) is set aside and replaced by an empty
+  // one: `rebuilding()` then tells that every folder of the share must be
+  // walked again, and the "<database>.checking" file beside it keeps readers
+  // away until EndRebuild().
   bool Open(std::string* error);
   bool is_open() const { return db_ != nullptr; }
+  bool rebuilding() const { return rebuilding_; }
+  void EndRebuild();
+  // The next Open() builds the index again instead of opening it.
+  void MarkDamaged() { damaged_ = true; }
   // Commits what is pending and lets the database go (another writer, the
   // term-suggestion updater, may then open it).
   void Close();
@@ -68,12 +76,15 @@ class ShareIndex {
 
  private:
   void Changed();
+  bool Rebuild(std::string* error);
 
   const std::string share_path_;
   std::string db_path_;
   const CommitPolicy policy_;
   std::unique_ptr<Xapian::WritableDatabase> db_;
   size_t pending_ = 0;
+  bool rebuilding_ = false;
+  bool damaged_ = false;
   std::chrono::steady_clock::time_point first_pending_;
 };
 

@@ -301,6 +301,21 @@ TEST_F(IndexerServiceTest, AReindexRestoresWhatTheIndexLost) {
   EXPECT_TRUE(WaitFor([] { return !Exists(kQueue); }));
 }
 
+TEST_F(IndexerServiceTest, ADamagedIndexIsBuiltAgain) {
+  AddFolder();
+  StartAndWaitForCrawl();
+  EXPECT_EQ(0, indexer_.Stop());
+  ASSERT_EQ(0, system("for f in /volume1/@kestondri/index/docs/*.glass; do "
+                      "head -c 8192 /dev/urandom > \"$f\"; done"));
+  indexer_.Start();
+  EXPECT_TRUE(WaitFor([] {
+    return !Exists(std::string(kDb) + ".checking") && !Exists(kQueue) &&
+           IsIndexed("/volume1/docs/team/sub/deep.md") && IsIndexed("/volume1/docs/team/notes.txt");
+  }));
+  EXPECT_EQ(std::vector<std::string>{"report.pdf"}, Search("root", "narwhal"));
+  EXPECT_FALSE(Exists(std::string(kDb) + ".damaged"));
+}
+
 TEST_F(IndexerServiceTest, TermSuggestionsFollowABurst) {
   AddFolder();
   StartAndWaitForCrawl();
