@@ -5,7 +5,12 @@
 // only the framework's getters check.
 #include "kest/webapi_module.h"
 #include "webapi/checkers.h"
+#include "webapi/folder.h"
+#include "webapi/highlight.h"
+#include "webapi/indicate.h"
 #include "webapi/ondri_api.h"
+#include "webapi/search.h"
+#include "webapi/status.h"
 
 #define KEST_API_PREFIX "KEST.Ondri.FileIndexing."
 
@@ -14,6 +19,20 @@ namespace webapi {
 namespace {
 
 const KEST::APIHandlerRow kAPITable[] = {
+    {KEST_API_PREFIX "Folder", 1, "add", OndriAPIRun<FolderAddAPI>},
+    {KEST_API_PREFIX "Folder", 1, "set", OndriAPIRun<FolderSetAPI>},
+    {KEST_API_PREFIX "Folder", 1, "get", OndriAPIRun<FolderGetAPI>},
+    {KEST_API_PREFIX "Folder", 1, "delete", OndriAPIRun<FolderDelAPI>},
+    {KEST_API_PREFIX "Folder", 1, "list", OndriAPIRun<FolderListAPI>},
+    {KEST_API_PREFIX "Folder", 1, "list_group", OndriAPIRun<FolderListGroupAPI>},
+    {KEST_API_PREFIX "Folder", 1, "summary", OndriAPIRun<FolderSummaryAPI>},
+    {KEST_API_PREFIX "Folder", 1, "reindex", OndriAPIRun<FolderReIndexAPI>},
+    {KEST_API_PREFIX "Status", 1, "get", OndriAPIRun<StatusGetAPI>},
+    {KEST_API_PREFIX "Status", 1, "resume", OndriAPIRun<StatusResumeAPI>},
+    {KEST_API_PREFIX "Status", 1, "pause", OndriAPIRun<StatusPauseAPI>},
+    {KEST_API_PREFIX "Search", 1, "search", OndriAPIRun<SearchAPI>},
+    {KEST_API_PREFIX "Highlight", 1, "highlight", OndriAPIRun<HighlightAPI>},
+    {KEST_API_PREFIX "Indicate", 1, "indicate", OndriAPIRun<IndicateAPI>},
     {nullptr, 0, nullptr, nullptr},
 };
 

@@ -159,3 +159,76 @@ bool ResetCredentialsByName(const std::string& user_name, bool with_groups) {
       "_Z22ResetCredentialsByNameRKNSt7__cxx1112basic_stringIcSt11char_traitsIcESaIcEEEb");
   return real(user_name, with_groups);
 }
+
+// Shares, paths and permissions.
+extern "C" int KESTShareGet(const char* name, PKESTSHARE* share) {
+  if (Enter("KESTShareGet")) {
+    if (share) *share = nullptr;
+    return -1;
+  }
+  static auto real = Real<int (*)(const char*, PKESTSHARE*)>("KESTShareGet");
+  return real(name, share);
+}
+
+extern "C" PKLIBCSZLIST KLIBCSzListAlloc(int capacity) {
+  if (Enter("KLIBCSzListAlloc")) return nullptr;
+  static auto real = Real<PKLIBCSZLIST (*)(int)>("KLIBCSzListAlloc");
+  return real(capacity);
+}
+
+extern "C" int KLIBShareEnum(PKLIBCSZLIST* list, const KLIBSHAREENUM* desc) {
+  if (Enter("KLIBShareEnum")) return -1;
+  static auto real = Real<int (*)(PKLIBCSZLIST*, const KLIBSHAREENUM*)>("KLIBShareEnum");
+  return real(list, desc);
+}
+
+#define KEST_DOUBLE_SHARE_FLAG(fn)                                 \
+  extern "C" int fn(const KESTSHARE* share, int* value) {          \
+    if (Enter(#fn)) return -1;                                     \
+    static auto real = Real<int (*)(const KESTSHARE*, int*)>(#fn); \
+    return real(share, value);                                     \
+  }
+KEST_DOUBLE_SHARE_FLAG(KLIBShareHideUnreadableGet)
+KEST_DOUBLE_SHARE_FLAG(KLIBShareIsEncryptedGet)
+KEST_DOUBLE_SHARE_FLAG(KLIBShareIsReadOnlyGet)
+KEST_DOUBLE_SHARE_FLAG(KLIBShareIsEncryptionGet)
+KEST_DOUBLE_SHARE_FLAG(KLIBShareRecycleStatusGet)
+#undef KEST_DOUBLE_SHARE_FLAG
+
+extern "C" int KESTShareUserPrivCalc(const char* user, const KESTSHARE* share) {
+  Enter("KESTShareUserPrivCalc");
+  static auto real = Real<int (*)(const char*, const KESTSHARE*)>("KESTShareUserPrivCalc");
+  return real(user, share);
+}
+
+extern "C" int KESTQuotaIsEnough(uid_t uid, const char* path, uint64_t needed) {
+  if (Enter("KESTQuotaIsEnough")) return 0;
+  static auto real = Real<int (*)(uid_t, const char*, uint64_t)>("KESTQuotaIsEnough");
+  return real(uid, path, needed);
+}
+
+#define KEST_DOUBLE_COMPOSE(fn)                                        \
+  extern "C" int fn(const char* in, char* out, size_t size) {          \
+    if (Enter(#fn)) return -1;                                         \
+    static auto real = Real<int (*)(const char*, char*, size_t)>(#fn); \
+    return real(in, out, size);                                        \
+  }
+KEST_DOUBLE_COMPOSE(FILEIDXQueuePathCompose)
+KEST_DOUBLE_COMPOSE(FILEIDXDBPathCompose)
+KEST_DOUBLE_COMPOSE(FILEIDXGetIndexID)
+KEST_DOUBLE_COMPOSE(KESTServiceHomePathGet)
+#undef KEST_DOUBLE_COMPOSE
+
+extern "C" int KESTACLPermCalc(const char* user, PKLIBCSZLIST groups, const char* path, int* perm) {
+  if (Enter("KESTACLPermCalc")) return -1;
+  static auto real = Real<int (*)(const char*, PKLIBCSZLIST, const char*, int*)>("KESTACLPermCalc");
+  return real(user, groups, path, perm);
+}
+
+extern "C" int KESTShareNamePathGet(const char* path, char* name, size_t name_size,
+                                    char* share_path, size_t path_size) {
+  if (Enter("KESTShareNamePathGet")) return -1;
+  static auto real =
+      Real<int (*)(const char*, char*, size_t, char*, size_t)>("KESTShareNamePathGet");
+  return real(path, name, name_size, share_path, path_size);
+}

@@ -50,8 +50,13 @@ enum {
 };
 
 int KLIBCErrGet(void);
-// Sets the calling thread's error code; the platform's functions use it.
+// Sets the calling thread's error code (and clears its text); the platform's
+// functions use it.
 void KLIBCErrSet(int err);
+// A text telling more about the last error, or "". For KLIB_ERR_CONFIG it
+// names the file and the line, e.g.
+// "/etc/kest/shares.conf:12: unknown key "invalid user" in [photo]".
+const char* KLIBCErrTextGet(void);
 
 // ---------------------------------------------------------------------------
 // String lists.
@@ -92,7 +97,9 @@ void KESTUserFree(PKESTUSER pUser);
 // Groups.
 
 // Name of the administrators group: the [global] "admin group" of
-// /etc/kest/shares.conf, "administrators" when not configured.
+// /etc/kest/shares.conf, "administrators" when not configured (or when the
+// file does not exist); "" while the file is malformed, so that nobody is an
+// administrator until it is fixed (KLIBGroupIsAdminGroupMem then fails).
 const char* KLIBGroupAdminGroupName(void);
 // 1 when the user is a member (primary or supplementary) of the
 // administrators group, 0 when not, negative on failure. `flags` is reserved
@@ -121,20 +128,27 @@ typedef struct _tag_KESTCOPYARGS_ {
   int32_t blRemoveSrc;  // move: remove the source once copied
   int32_t reserved[6];
 } KESTCOPYARGS;
-// 0 on success.
+// Copies a regular file (mode, times and, for root, owner kept) through a
+// temporary beside the destination, or moves it when blRemoveSrc is set (a
+// rename, or a copy and an unlink across file systems). Without blOverwrite
+// an existing destination is an error. 0 on success, errno set on failure.
 int KESTFileCopy(const char* szSrc, const char* szDst, const KESTCOPYARGS* pArgs);
-// Greater than 0 when the directory is a mount point, 0 when not, negative on
-// failure.
+// Greater than 0 when the directory is a mount point, 0 when not (also for a
+// symbolic link or a file), negative on failure.
 int KESTFSDirIsMntPoint(const char* szPath);
 
 // ---------------------------------------------------------------------------
 // Permissions: bits 4 (read), 2 (write), 1 (execute or traverse).
 
-// The permission word of `szUserName` with the groups of `pGroupList` on
-// `szPath`, from its POSIX ACL or its mode bits. -1 on failure.
+// The permission word of `szUserName` with the groups of `pGroupList` (group
+// names as KLIBGroupInfoListGet gives them; NULL: the user's own groups) on
+// `szPath` (symbolic links followed), from its POSIX ACL or its mode bits,
+// with the kernel's algorithm; root gets what the kernel gives root. Only
+// the path itself is judged, not the folders above it. -1 on failure (an
+// unknown user, a missing path).
 int KESTACLPermCalc(const char* szUserName, PKLIBCSZLIST pGroupList, const char* szPath,
                     int* pPerm);
-// The same for the current effective identity.
+// The same for the current effective identity, asked of the kernel.
 int KESTACLPermGet(const char* szPath, int* pPerm);
 
 // ---------------------------------------------------------------------------
@@ -165,6 +179,9 @@ typedef struct _tag_KESTSHARE_ {
   PKLIBCSZLIST pInvalidUsers;
 } KESTSHARE, *PKESTSHARE;
 
+// Share records come from /etc/kest/shares.conf (docs/shares-conf.md). A
+// missing or malformed file fails with KLIB_ERR_CONFIG; an unknown name with
+// KLIB_ERR_SHARE_NOT_FOUND.
 int KESTShareGet(const char* szShareName, PKESTSHARE* ppShare);
 void KESTShareFree(PKESTSHARE pShare);
 
@@ -173,7 +190,8 @@ typedef struct _tag_KLIBSHAREENUM_ {
   int (*pfnFilter)(const KESTSHARE* pShare);
   int flags;  // reserved, 0
 } KLIBSHAREENUM;
-// Fills *plist with the share names; negative on failure.
+// Appends the share names, in the file's order, to *plist; the number of
+// names appended, negative on failure.
 int KLIBShareEnum(PKLIBCSZLIST* plist, const KLIBSHAREENUM* pEnum);
 
 int KLIBShareHideUnreadableGet(const KESTSHARE* pShare, int* pValue);
@@ -181,24 +199,43 @@ int KLIBShareIsEncryptedGet(const KESTSHARE* pShare, int* pValue);
 int KLIBShareIsReadOnlyGet(const KESTSHARE* pShare, int* pValue);
 int KLIBShareIsEncryptionGet(const KESTSHARE* pShare, int* pValue);
 int KLIBShareRecycleStatusGet(const KESTSHARE* pShare, int* pValue);
-// One of KEST_SHARE_PRIV_*.
+// One of KEST_SHARE_PRIV_*; the first rule that applies decides:
+//   1. an unknown user, or one in "invalid users" (by name or @group): NA;
+//   2. in "write list": RW, also on a read-only share;
+//   3. in "read list": RO;
+//   4. when both lists are empty, everybody: RO on a read-only share, else RW;
+//   5. otherwise: NA.
 int KESTShareUserPrivCalc(const char* szUserName, const KESTSHARE* pShare);
-// 0 with the share's name and folder when `szPath` lies in a share.
+// 0 with the share's name and folder when `szPath` lies in a share (the
+// share's folder itself included); negative with KLIB_ERR_NOT_IN_SHARE
+// otherwise, also for a path with a ".." component. The path is compared as
+// written: symbolic links are not resolved.
 int KESTShareNamePathGet(const char* szPath, char* szShareName, size_t cbShareName,
                          char* szSharePath, size_t cbSharePath);
 // Non-zero when the volume holding `szPath` has at least `cbNeeded` bytes
-// free; 0 otherwise, with KLIB_ERR_NO_SPACE. `uid` is reserved (0).
+// free for unprivileged writers; 0 otherwise, with KLIB_ERR_NO_SPACE, or
+// with KLIB_ERR_SYSTEM when the volume cannot be asked. `uid` is reserved
+// (0).
 int KESTQuotaIsEnough(uid_t uid, const char* szPath, uint64_t cbNeeded);
 
 // ---------------------------------------------------------------------------
 // The user home service.
-// Non-zero when the home service applies to a user with these record flags.
+// The service is on when [global] "user home" is yes and a share "homes"
+// exists; a user's home is the folder named after the user in "homes".
+// Non-zero when the home service applies to a user with these record flags
+// (never to system accounts).
 int KESTServiceUserHomeIsEnabled(unsigned int fUserFlags);
-// The user's home folder, e.g. /volume1/homes/ann.
+// The user's home folder, e.g. /volume1/homes/ann; KLIB_ERR_SERVICE_DISABLED
+// when the service is off. The folder need not exist.
 int KESTServiceHomePathGet(const char* szUserName, char* szPath, size_t cbPath);
 
 // ---------------------------------------------------------------------------
 // File-index paths of a share, from the share's folder (szPath) or name.
+// For a share whose folder is <volume>/<folder> (e.g. /volume1/photo):
+//   queue:     <volume>/@kestondri/queue/<folder>.queue
+//   database:  <volume>/@kestondri/index/<folder>  (a Xapian database folder)
+//   index id:  "fileindex_" + share name
+// Negative with KLIB_ERR_BAD_PARAM for a malformed path or a short buffer.
 int FILEIDXQueuePathCompose(const char* szSharePath, char* szOut, size_t cbOut);
 int FILEIDXDBPathCompose(const char* szSharePath, char* szOut, size_t cbOut);
 int FILEIDXGetIndexID(const char* szShareName, char* szOut, size_t cbOut);

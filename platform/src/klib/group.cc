@@ -1,6 +1,5 @@
 // Groups from the system's group database (NSS).
 #include <grp.h>
-#include <ini.h>
 #include <pwd.h>
 #include <string.h>
 
@@ -8,20 +7,11 @@
 #include <string>
 #include <vector>
 
+#include "config.h"
 #include "errno_keeper.h"
 #include "kest/klib.h"
 
 namespace {
-
-constexpr char kSharesConf[] = "/etc/kest/shares.conf";
-constexpr char kDefaultAdminGroup[] = "administrators";
-
-int AdminGroupHandler(void* user, const char* section, const char* name, const char* value) {
-  if (strcasecmp(section, "global") == 0 && strcasecmp(name, "admin group") == 0 && *value) {
-    *static_cast<std::string*>(user) = value;
-  }
-  return 1;
-}
 
 bool LookupUser(const char* name, uid_t* uid, gid_t* gid) {
   std::vector<char> buffer(4096);
@@ -88,20 +78,21 @@ bool GroupId(const char* name, gid_t* gid) {
 
 extern "C" const char* KLIBGroupAdminGroupName(void) {
   ErrnoKeeper errno_keeper;
-  // Read at every call: the configuration may change while a server runs.
   thread_local std::string name;
-  name = kDefaultAdminGroup;
-  std::string configured;
-  if (ini_parse(kSharesConf, AdminGroupHandler, &configured) >= 0 && !configured.empty()) {
-    name = configured;
-  }
+  auto config = kest::klib::LoadGlobalConfig();
+  // A malformed configuration names no group: nobody is an administrator
+  // until it is fixed, rather than the members of a default group.
+  name = config ? config->admin_group : "";
   return name.c_str();
 }
 
 extern "C" int KLIBGroupIsAdminGroupMem(const char* szUserName, int /*flags*/) {
   ErrnoKeeper errno_keeper;
+  auto config = kest::klib::LoadGlobalConfig();
+  if (!config) return -1;
   gid_t admin_gid;
-  if (!GroupId(KLIBGroupAdminGroupName(), &admin_gid)) return 0;  // no such group: nobody is in it
+  if (!GroupId(config->admin_group.c_str(), &admin_gid))
+    return 0;  // no such group: nobody is in it
   std::vector<gid_t> groups;
   if (!UserGroups(szUserName, &groups)) return -1;
   return std::find(groups.begin(), groups.end(), admin_gid) != groups.end() ? 1 : 0;

@@ -1,0 +1,547 @@
+#include "command_handler.h"
+
+#include <kest/json.h>
+#include <syslog.h>
+
+#include <algorithm>
+#include <map>
+#include <memory>
+#include <optional>
+#include <set>
+
+#include "daemon_errors.h"
+#include "highlighter.h"
+#include "index_schema.h"
+#include "query_builder.h"
+#include "user_access.h"
+
+namespace kestondri {
+namespace daemon {
+namespace {
+
+[[noreturn]] void Malformed(const std::string& what) {
+  throw DaemonError(kErrMalformedRequest, what);
+}
+
+Json::Value ErrorReply(int code, const std::string& msg) {
+  Json::Value reply(Json::objectValue);
+  reply["success"] = false;
+  reply["error"]["code"] = code;
+  reply["error"]["msg"] = msg;
+  return reply;
+}
+
+Json::Value Success() {
+  Json::Value reply(Json::objectValue);
+  reply["success"] = true;
+  return reply;
+}
+
+std::string OptionalString(const Json::Value& obj, const char* key, const std::string& fallback) {
+  if (!obj.isObject() || !obj.isMember(key) || obj[key].isNull()) return fallback;
+  if (!obj[key].isString()) Malformed(std::string("\"") + key + "\" is not a string");
+  return obj[key].asString();
+}
+
+int64_t OptionalInt(const Json::Value& obj, const char* key, int64_t fallback) {
+  if (!obj.isObject() || !obj.isMember(key) || obj[key].isNull()) return fallback;
+  if (!obj[key].isInt64()) Malformed(std::string("\"") + key + "\" is not an integer");
+  return obj[key].asInt64();
+}
+
+// The uid whose view a request gets, if any. A peer that is not root is
+// always filtered by its own uid: the socket is open to every local user,
+// so what the request says about filtering cannot be trusted.
+std::optional<uid_t> FilterUid(const Json::Value& filters, const Peer& peer) {
+  if (peer.uid != 0) return peer.uid;
+  if (!filters.isArray()) return std::nullopt;
+  for (const auto& f : filters) {
+    if (!f.isObject() || f["name"] != "permission") continue;
+    const Json::Value& uid = f["data"];
+    if (!uid.isUInt()) Malformed("the permission filter needs a uid");
+    return static_cast<uid_t>(uid.asUInt());
+  }
+  return std::nullopt;
+}
+
+std::unique_ptr<UserAccess> MakeAccess(const std::optional<uid_t>& uid, const Peer& peer) {
+  if (!uid) return nullptr;
+  if (*uid == peer.uid && peer.uid != 0) return std::make_unique<UserAccess>(*uid, peer.gid);
+  return std::make_unique<UserAccess>(*uid);
+}
+
+// The "file_type" filters of a query, joined to the pre-query's type.
+std::vector<std::string> FilterTypes(const Json::Value& filters) {
+  std::vector<std::string> types;
+  if (!filters.isArray()) return types;
+  for (const auto& f : filters) {
+    if (!f.isObject() || f["name"] != "file_type") continue;
+    if (!f["data"].isString()) Malformed("the file_type filter needs a string");
+    types.push_back(f["data"].asString());
+  }
+  return types;
+}
+
+struct Shards {
+  std::vector<std::string> ids;  // in the order of the combined database
+  Xapian::Database combined;
+};
+
+Shards OpenShards(const Json::Value& indice, IndexCache& cache) {
+  if (!indice.isArray()) Malformed("\"indice\" is not an array");
+  Shards shards;
+  std::set<std::string> seen;
+  for (const auto& id : indice) {
+    if (!id.isString()) Malformed("\"indice\" holds a non-string");
+    std::string name = id.asString();
+    if (!seen.insert(name).second) continue;
+    IndexState state;
+    // Unavailable indices are left out here and named by list_db_status.
+    Xapian::Database* db = cache.Acquire(name, &state);
+    if (!db) continue;
+    shards.ids.push_back(name);
+    shards.combined.add_database(*db);
+  }
+  return shards;
+}
+
+struct Match {
+  Xapian::docid docid;
+  double weight;
+  Xapian::Document doc;
+};
+
+struct MatchPage {
+  Xapian::doccount total = 0;
+  std::vector<Match> hits;
+};
+
+// The paths of `ids`, read from the path slot's value stream in docid order
+// (far cheaper than a document each); one document each where the backend
+// has no value streams (remote indices).
+std::vector<std::string> PathsOf(const Xapian::Database& db,
+                                 const std::vector<Xapian::docid>& ids) {
+  std::vector<std::string> paths(ids.size());
+  std::vector<size_t> order(ids.size());
+  for (size_t i = 0; i < order.size(); ++i) order[i] = i;
+  std::sort(order.begin(), order.end(), [&](size_t a, size_t b) { return ids[a] < ids[b]; });
+  try {
+    Xapian::ValueIterator it = db.valuestream_begin(index::kSlotPath);
+    Xapian::ValueIterator end = db.valuestream_end(index::kSlotPath);
+    for (size_t i : order) {
+      if (it == end) break;
+      it.skip_to(ids[i]);
+      if (it != end && it.get_docid() == ids[i]) paths[i] = *it;
+    }
+    return paths;
+  } catch (const Xapian::UnimplementedError&) {
+  } catch (const Xapian::NetworkError&) {
+  }
+  for (size_t i = 0; i < ids.size(); ++i)
+    paths[i] = db.get_document(ids[i]).get_value(index::kSlotPath);
+  return paths;
+}
+
+// Totals of unfiltered searches that may be estimates are exact up to here.
+constexpr Xapian::doccount kExactUpTo = 1000;
+
+// Runs `query` and keeps the page [from, from + size) of what `access` lets
+// through (everything when it is null). The total counts only what passes;
+// it is exact when filtered or when `exact_total`, else Xapian's estimate.
+MatchPage RunQuery(const Xapian::Database& db, const Xapian::Query& query, int64_t from,
+                   int64_t size, UserAccess* access, bool exact_total = true) {
+  MatchPage page;
+  Xapian::Enquire enquire(db);
+  enquire.set_query(query);
+  enquire.set_docid_order(Xapian::Enquire::ASCENDING);
+  Xapian::doccount all = db.get_doccount();
+  if (!access) {
+    // An estimate is exact up to kExactUpTo matches and close beyond.
+    Xapian::doccount check =
+        exact_total
+            ? all
+            : std::max<Xapian::doccount>(kExactUpTo, static_cast<Xapian::doccount>(from + size));
+    Xapian::MSet mset = enquire.get_mset(static_cast<Xapian::doccount>(from),
+                                         static_cast<Xapian::doccount>(size), check);
+    page.total = mset.get_matches_estimated();
+    // Prefetching lets a remote index send all the page's documents in one
+    // go; Xapian 1.4 crashes prefetching a page that does not start at 0.
+    if (from == 0) mset.fetch();
+    for (auto it = mset.begin(); it != mset.end(); ++it) {
+      page.hits.push_back({*it, it.get_weight(), it.get_document()});
+    }
+    return page;
+  }
+  // Every match is checked so that the total, too, counts only what the
+  // user may see: a count of hidden files is itself a leak.
+  Xapian::MSet mset = enquire.get_mset(0, all, all);
+  std::vector<Xapian::docid> ids;
+  std::vector<double> weights;
+  ids.reserve(mset.size());
+  weights.reserve(mset.size());
+  for (auto it = mset.begin(); it != mset.end(); ++it) {
+    ids.push_back(*it);
+    weights.push_back(it.get_weight());
+  }
+  std::vector<std::string> paths = PathsOf(db, ids);
+  std::vector<bool> visible = access->CheckAll(paths);
+  for (size_t i = 0; i < ids.size(); ++i) {
+    if (!visible[i]) continue;
+    int64_t rank = page.total++;
+    if (rank >= from && rank < from + size) {
+      page.hits.push_back({ids[i], weights[i], db.get_document(ids[i])});
+    }
+  }
+  return page;
+}
+
+struct HighlightSetting {
+  std::string field = index::kFieldContent;
+  FragmentOptions options;
+};
+
+HighlightSetting ReadHighlightSetting(const Json::Value& obj, size_t scan_limit) {
+  HighlightSetting parts;
+  parts.options.scan_limit = scan_limit;
+  if (obj.isNull()) return parts;
+  if (!obj.isObject()) Malformed("a highlight setting is not an object");
+  parts.field = OptionalString(obj, "field", parts.field);
+  int64_t len = OptionalInt(obj, "frag_length", 100);
+  int64_t num = OptionalInt(obj, "num_fragments", 3);
+  parts.options.frag_length = static_cast<size_t>(std::clamp<int64_t>(
+      len, static_cast<int64_t>(kMinFragLength), static_cast<int64_t>(kMaxFragLength)));
+  parts.options.num_fragments =
+      static_cast<size_t>(std::clamp<int64_t>(num, 0, static_cast<int64_t>(kMaxNumFragments)));
+  return parts;
+}
+
+// The text of `field` of a document, as far as the index holds it.
+std::string FieldText(const Xapian::Document& doc, const std::string& field) {
+  if (field == index::kFieldContent) return doc.get_data();
+  if (field == index::kFieldName) return doc.get_value(index::kSlotName);
+  if (field == index::kFieldPath) return doc.get_value(index::kSlotPath);
+  return "";
+}
+
+bool IsKnownField(const std::string& field) {
+  return field == index::kFieldContent || field == index::kFieldName || field == index::kFieldPath;
+}
+
+void LoadField(const Xapian::Document& doc, const std::string& field, Json::Value& hit) {
+  using namespace index;
+  if (field == kFieldPath) {
+    hit[field] = doc.get_value(kSlotPath);
+  } else if (field == kFieldName) {
+    hit[field] = doc.get_value(kSlotName);
+  } else if (field == kFieldExtension) {
+    hit[field] = doc.get_value(kSlotExtension);
+  } else if (field == kFieldIsDir) {
+    hit[field] = doc.get_value(kSlotIsDir) == "1";
+  } else if (field == kFieldSize) {
+    hit[field] = static_cast<Json::UInt64>(SlotNumber(doc, kSlotSize));
+  } else if (field == kFieldMTime) {
+    hit[field] = static_cast<Json::Int64>(SlotNumber(doc, kSlotMTime));
+  } else if (field == kFieldOwner) {
+    hit[field] = doc.get_value(kSlotOwner);
+  }
+  // The text content is never sent with hits: that is what highlight is for.
+}
+
+std::vector<std::string> LoadFieldList(const Json::Value& data) {
+  std::vector<std::string> fields;
+  const Json::Value& list = data["load_field"];
+  if (list.isNull()) {
+    return {index::kFieldPath, index::kFieldName, index::kFieldExtension, index::kFieldIsDir,
+            index::kFieldSize};
+  }
+  if (!list.isArray()) Malformed("\"load_field\" is not an array");
+  for (const auto& f : list) {
+    if (!f.isString()) Malformed("\"load_field\" holds a non-string");
+    fields.push_back(f.asString());
+  }
+  return fields;
+}
+
+QueryParts ReadQueryParts(const std::string& keyword, const Json::Value& criteria,
+                          const Json::Value& weights, const std::string& op) {
+  QueryParts parts;
+  parts.keyword = keyword;
+  parts.default_or = op == "OR";
+  parts.criteria_list = criteria;
+  parts.weights = weights;
+  return parts;
+}
+
+// Joins the types of the filters to `query`: all must hold.
+Xapian::Query WithTypes(Xapian::Query query, const std::vector<std::string>& types,
+                        const Xapian::Database& db) {
+  for (const auto& type : types) {
+    QueryParts only_type;
+    only_type.file_type = type;
+    query = Xapian::Query(Xapian::Query::OP_FILTER, query, BuildQuery(only_type, db));
+  }
+  return query;
+}
+
+}  // namespace
+
+void CommandHandler::Handle(const std::string& text, const Peer& peer, IndexCache& cache,
+                            ReplySink& out) const {
+  Json::Value request;
+  try {
+    if (!Json::fromString(request, text) || !request.isObject()) {
+      Malformed("the request is not a JSON object");
+    }
+    const Json::Value& command = request["command"];
+    if (!command.isString()) Malformed("the request has no \"command\" string");
+    Json::Value data = request["data"];
+    if (data.isNull()) data = Json::Value(Json::objectValue);
+    if (!data.isObject()) Malformed("\"data\" is not an object");
+    std::string name = command.asString();
+    if (name == "search") {
+      Search(data, peer, cache, out);
+    } else if (name == "list_db_status") {
+      ListDbStatus(cache, out);
+    } else if (name == "highlight") {
+      Highlight(data, peer, cache, out);
+    } else if (name == "indicate") {
+      Indicate(data, peer, cache, out);
+    } else {
+      throw DaemonError(kErrUnknownCommand, "unknown command: " + name);
+    }
+  } catch (const DaemonError& e) {
+    out.Send(ErrorReply(e.code(), e.what()));
+  } catch (const Xapian::Error& e) {
+    syslog(LOG_ERR, "request failed: %s", e.get_description().c_str());
+    out.Send(ErrorReply(kErrInternal, "index error: " + e.get_description()));
+  } catch (const std::exception& e) {
+    syslog(LOG_ERR, "request failed: %s", e.what());
+    out.Send(ErrorReply(kErrInternal, e.what()));
+  }
+}
+
+void CommandHandler::Search(const Json::Value& data, const Peer& peer, IndexCache& cache,
+                            ReplySink& out) const {
+  const Json::Value& pre = data["pre_query"];
+  if (!pre.isNull() && !pre.isObject()) Malformed("\"pre_query\" is not an object");
+  QueryParts parts =
+      ReadQueryParts(OptionalString(pre, "keyword", ""), pre["criteria_list"],
+                     pre["search_weight_list"], OptionalString(data, "default_search_op", "AND"));
+  parts.file_type = OptionalString(pre, "file_type", "");
+  int64_t from = OptionalInt(data, "from", 0);
+  int64_t size = OptionalInt(data, "size", 50);
+  if (from < 0 || size < 0) Malformed("\"from\" and \"size\" must not be negative");
+  size = std::min<int64_t>(size, kMaxPageSize);
+  std::vector<std::string> fields = LoadFieldList(data);
+  std::vector<HighlightSetting> highlights;
+  const Json::Value& hl = data["highlight"];
+  if (hl.isArray()) {
+    for (const auto& h : hl) {
+      if (highlights.size() == kMaxHitHighlights) break;
+      highlights.push_back(ReadHighlightSetting(h, kHitScanLimit));
+    }
+  } else if (hl.isObject()) {
+    highlights.push_back(ReadHighlightSetting(hl, kHitScanLimit));
+  } else if (!hl.isNull()) {
+    Malformed("\"highlight\" is neither an array nor an object");
+  }
+  // Keeps a whole page of hits well inside what a client will read.
+  for (auto& h : highlights) {
+    h.options.num_fragments = std::min(h.options.num_fragments, kMaxHitFragments);
+  }
+  std::optional<uid_t> filter_uid = FilterUid(data["filters"], peer);
+  std::vector<std::string> types = FilterTypes(data["filters"]);
+  const Json::Value& accurate = data["accurate_sum"];
+  if (!accurate.isNull() && !accurate.isBool()) Malformed("\"accurate_sum\" is not a boolean");
+  bool exact_total = accurate.isNull() || accurate.asBool();
+  Shards shards = OpenShards(data["indice"], cache);
+
+  if (shards.ids.empty()) {
+    Json::Value count(Json::objectValue);
+    count["total"] = 0;
+    if (out.Send(count)) out.Send(Success());
+    return;
+  }
+  std::unique_ptr<UserAccess> access = MakeAccess(filter_uid, peer);
+  MarkTerms marks = KeywordMarkTerms(parts.keyword);
+  MatchPage page;
+  try {
+    Xapian::Query query = WithTypes(BuildQuery(parts, shards.combined), types, shards.combined);
+    page = RunQuery(shards.combined, query, from, size, access.get(), exact_total);
+  } catch (const Xapian::WildcardError& e) {
+    throw DaemonError(kErrMalformedQuery, "wildcard matches too many terms: " + e.get_msg());
+  } catch (const Xapian::Error&) {
+    // Damaged, replaced or (remote) gone under us: forget it so the next
+    // request reopens or reports it.
+    for (const auto& id : shards.ids) cache.Drop(id);
+    throw;
+  }
+
+  Json::Value count(Json::objectValue);
+  count["total"] = static_cast<Json::UInt64>(page.total);
+  if (!out.Send(count)) return;
+  const size_t n = shards.ids.size();
+  for (const auto& match : page.hits) {
+    Json::Value hit(Json::objectValue);
+    size_t shard = (match.docid - 1) % n;
+    Xapian::docid local = (match.docid - 1) / static_cast<Xapian::docid>(n) + 1;
+    for (const auto& f : fields) LoadField(match.doc, f, hit);
+    LoadField(match.doc, index::kFieldPath, hit);
+    LoadField(match.doc, index::kFieldOwner, hit);
+    hit["doc_id"] = static_cast<Json::UInt>(local);
+    hit["_index"] = shards.ids[shard];
+    hit["_id"] = shards.ids[shard] + "/" + std::to_string(local);
+    hit["_score"] = match.weight;
+    if (!highlights.empty()) {
+      Json::Value& hl_out = hit["highlight"];
+      hl_out = Json::Value(Json::objectValue);
+      for (const auto& h : highlights) {
+        Json::Value frags(Json::arrayValue);
+        for (auto& f : HighlightFragments(FieldText(match.doc, h.field), marks, h.options)) {
+          frags.append(f);
+        }
+        hl_out[h.field] = frags;
+      }
+    }
+    if (!out.Send(hit)) return;
+  }
+  out.Send(Success());
+}
+
+void CommandHandler::ListDbStatus(IndexCache& cache, ReplySink& out) const {
+  std::set<std::string> ids;
+  for (const auto& id : resolver_.KnownIds()) ids.insert(id);
+  std::vector<std::string> asked_missing = missing_.Ids();
+  std::set<std::string> missing(asked_missing.begin(), asked_missing.end());
+  for (const auto& id : asked_missing) ids.insert(id);
+  Json::Value reply(Json::objectValue);
+  reply["success"] = true;
+  Json::Value& lists = reply["data"];
+  lists["unknown"] = Json::Value(Json::arrayValue);
+  lists["checking"] = Json::Value(Json::arrayValue);
+  lists["crashed"] = Json::Value(Json::arrayValue);
+  for (const auto& id : ids) {
+    switch (cache.Probe(id)) {
+      case IndexState::kReady:
+        break;
+      case IndexState::kUnknown:
+        // A share that was never indexed is not news; one that a search
+        // asked for and did not find is.
+        if (missing.count(id)) lists["unknown"].append(id);
+        break;
+      case IndexState::kChecking:
+        lists["checking"].append(id);
+        break;
+      case IndexState::kCrashed:
+        lists["crashed"].append(id);
+        break;
+    }
+  }
+  out.Send(reply);
+}
+
+void CommandHandler::Highlight(const Json::Value& data, const Peer& peer, IndexCache& cache,
+                               ReplySink& out) const {
+  std::string id = OptionalString(data, "id", "");
+  int64_t doc_id = OptionalInt(data, "doc_id", 0);
+  std::string keyword = OptionalString(data, "keyword", "");
+  HighlightSetting parts = ReadHighlightSetting(data["highlight"], index::kMaxStoredText);
+  if (!IsKnownField(parts.field)) Malformed("cannot highlight field " + parts.field);
+  if (doc_id <= 0 || doc_id > static_cast<int64_t>(UINT32_MAX)) {
+    throw DaemonError(kErrNoDocument, "no such document");
+  }
+  IndexState state;
+  Xapian::Database* db = cache.Acquire(id, &state);
+  if (!db) {
+    if (state == IndexState::kUnknown) throw DaemonError(kErrNoDocument, "no such index: " + id);
+    throw DaemonError(kErrIndexUnavailable, "index unavailable: " + id);
+  }
+  Xapian::Document doc;
+  try {
+    doc = db->get_document(static_cast<Xapian::docid>(doc_id));
+  } catch (const Xapian::DocNotFoundError&) {
+    throw DaemonError(kErrNoDocument, "no such document");
+  }
+  if (peer.uid != 0) {
+    UserAccess access(peer.uid, peer.gid);
+    // The same answer as for a missing document: whether a hidden file
+    // exists is not the peer's to learn.
+    if (!access.CanRead(doc.get_value(index::kSlotPath))) {
+      throw DaemonError(kErrNoDocument, "no such document");
+    }
+  }
+  Json::Value frags(Json::arrayValue);
+  for (auto& f :
+       HighlightFragments(FieldText(doc, parts.field), KeywordMarkTerms(keyword), parts.options)) {
+    frags.append(f);
+  }
+  Json::Value reply = Success();
+  reply["data"][parts.field] = frags;
+  out.Send(reply);
+}
+
+void CommandHandler::Indicate(const Json::Value& data, const Peer& peer, IndexCache& cache,
+                              ReplySink& out) const {
+  // Whatever happens, the reply's "data" holds a count for every query, so
+  // that the client always has something to show.
+  Json::Value counts(Json::objectValue);
+  const Json::Value& queries = data["queries"];
+  if (queries.isArray()) {
+    for (const auto& q : queries) {
+      if (q.isObject() && q["name"].isString()) counts[q["name"].asString()] = 0;
+    }
+  }
+  try {
+    if (!queries.isNull() && !queries.isArray()) Malformed("\"queries\" is not an array");
+    std::string keyword = OptionalString(data, "keyword", "");
+    Shards shards = OpenShards(data["indice"], cache);
+    std::unique_ptr<UserAccess> peer_access;
+    std::map<uid_t, std::unique_ptr<UserAccess>> accesses;
+    for (const auto& q : queries) {
+      if (!q.isObject() || !q["name"].isString() ||
+          (!q["query"].isNull() && !q["query"].isObject())) {
+        Malformed("a query needs a \"name\" string and a \"query\" object");
+      }
+      if (shards.ids.empty()) continue;
+      const Json::Value& query = q["query"];
+      QueryParts parts = ReadQueryParts(keyword, data["criteria_list"], data["search_weight_list"],
+                                        OptionalString(query, "default_search_op", "AND"));
+      std::vector<std::string> types = FilterTypes(query["filters"]);
+      bool unknown_type = false;
+      for (const auto& t : types) unknown_type |= !t.empty() && !index::IsKnownType(t);
+      // A type this index does not know matches nothing.
+      if (unknown_type) continue;
+      std::optional<uid_t> uid = FilterUid(query["filters"], peer);
+      UserAccess* access = nullptr;
+      if (uid) {
+        auto& slot = accesses[*uid];
+        if (!slot) slot = MakeAccess(uid, peer);
+        access = slot.get();
+      }
+      Xapian::Query xq = WithTypes(BuildQuery(parts, shards.combined), types, shards.combined);
+      MatchPage page = RunQuery(shards.combined, xq, 0, 0, access);
+      counts[q["name"].asString()] = static_cast<Json::UInt64>(page.total);
+    }
+  } catch (const Xapian::WildcardError&) {
+    Json::Value reply = ErrorReply(kErrMalformedQuery, "wildcard matches too many terms");
+    reply["data"] = counts;
+    out.Send(reply);
+    return;
+  } catch (const DaemonError& e) {
+    Json::Value reply = ErrorReply(e.code(), e.what());
+    reply["data"] = counts;
+    out.Send(reply);
+    return;
+  } catch (const Xapian::Error& e) {
+    Json::Value reply = ErrorReply(kErrInternal, "index error: " + e.get_description());
+    reply["data"] = counts;
+    out.Send(reply);
+    return;
+  }
+  Json::Value reply = Success();
+  reply["data"] = counts;
+  out.Send(reply);
+}
+
+}  // namespace daemon
+}  // namespace kestondri

@@ -1,0 +1,55 @@
+// Whether one user may read a file, decided by the kernel on the live file
+// system: the calling thread takes the user's file-system uid, gid and
+// supplementary groups for the length of one check, so modes, POSIX ACLs and
+// every folder on the way are evaluated exactly as for the user's own
+// processes, and a chmod or setfacl is seen by the very next check.
+//
+// Linux keeps these ids per thread and the calls below touch only the
+// calling thread, so checks on different threads do not disturb each other.
+// The process must run as root (it does: it serves every user's indices);
+// when it cannot take the user's ids every check answers false.
+//
+// Not thread-safe: one UserAccess belongs to one thread for one request.
+#ifndef KESTONDRI_DAEMON_USER_ACCESS_H_
+#define KESTONDRI_DAEMON_USER_ACCESS_H_
+
+#include <sys/types.h>
+
+#include <string>
+#include <unordered_map>
+#include <vector>
+
+namespace kestondri {
+namespace daemon {
+
+class UserAccess {
+ public:
+  // The user's groups come from the user database; `fallback_gid` is used as
+  // the primary group when the uid has no entry there (a peer may run with a
+  // uid unknown to NSS). With no entry and no fallback every check fails.
+  explicit UserAccess(uid_t uid, gid_t fallback_gid = static_cast<gid_t>(-1));
+  UserAccess(const UserAccess&) = delete;
+  UserAccess& operator=(const UserAccess&) = delete;
+
+  // True when the user may read `path` (and search every folder leading to
+  // it). Answers are remembered for the life of this object.
+  bool CanRead(const std::string& path);
+
+  // The answer for each of `paths`, in order, under one switch of identity:
+  // much cheaper than one CanRead each for a long list. Not remembered.
+  std::vector<bool> CheckAll(const std::vector<std::string>& paths);
+
+  uid_t uid() const { return uid_; }
+
+ private:
+  uid_t uid_;
+  gid_t gid_ = static_cast<gid_t>(-1);
+  std::vector<gid_t> groups_;
+  bool known_ = false;
+  std::unordered_map<std::string, bool> answers_;
+};
+
+}  // namespace daemon
+}  // namespace kestondri
+
+#endif  // KESTONDRI_DAEMON_USER_ACCESS_H_

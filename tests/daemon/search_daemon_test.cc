@@ -1,0 +1,670 @@
+// The real kestelasticd on real indices of real files in the sandbox: what
+// each command answers, who may see what, damaged and missing indices,
+// malformed requests and many clients at once.
+#include <arpa/inet.h>
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <kest/json.h>
+#include <kestdaemon/sock_connection.h>
+#include <netinet/in.h>
+#include <signal.h>
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <sys/time.h>
+#include <sys/un.h>
+#include <sys/wait.h>
+#include <unistd.h>
+#include <xapian.h>
+
+#include <algorithm>
+#include <atomic>
+#include <cstdlib>
+#include <cstring>
+#include <set>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "daemon/daemon_harness.h"
+#include "index_schema.h"
+#include "support/sandbox.h"
+
+namespace kesttest {
+namespace {
+
+using Names = std::vector<std::string>;
+
+const char kDocs[] = "fileindex_docs";
+const char kPub[] = "fileindex_pub";
+const char kBroken[] = "fileindex_broken";
+
+std::string Loader() { return std::string(KEST_BINARY_DIR) + "/daemon/kest_index_loader"; }
+
+void Shell(const std::string& command) { ASSERT_EQ(0, std::system(command.c_str())) << command; }
+
+void Own(const std::string& path, const char* user, mode_t mode) {
+  const TestUser& u = UserByName(user);
+  ASSERT_EQ(0, chown(path.c_str(), u.uid, u.gid)) << path;
+  ASSERT_EQ(0, chmod(path.c_str(), mode)) << path;
+}
+
+void MakeDir(const std::string& path, const char* user, mode_t mode) {
+  mkdir(path.c_str(), mode);
+  Own(path, user, mode);
+}
+
+// A long text: the word "needle" near the start and at the very end, markup
+// everywhere in between.
+std::string BigText() {
+  std::string text = "start of the needle file <tag> & more\n";
+  std::string line = "filler <b>words</b> & \"quotes\" 'single' text padding lines\n";
+  while (text.size() < (3u << 20)) text += line;
+  return text + "last needle\n";
+}
+
+class SearchDaemonTest : public ::testing::Test {
+ protected:
+  static void SetUpTestSuite() {
+    WriteFile("/etc/kest/shares.conf",
+              "[global]\nadmin group = administrators\n\n"
+              "[docs]\npath = /volume1/docs\n\n"
+              "[pub]\npath = /volume1/pub\n\n"
+              "[broken]\npath = /volume1/broken\n\n"
+              "[far]\npath = /volume2/far\n");
+    MakeDir("/volume1/docs", "ann", 0777);
+    WriteFile("/volume1/docs/report.txt",
+              "Quarterly report about the mutex and the interrupt handler.\n");
+    Own("/volume1/docs/report.txt", "ann", 0644);
+    WriteFile("/volume1/docs/notes.md", "page fault handling notes; use after free\n");
+    Own("/volume1/docs/notes.md", "bob", 0644);
+    WriteFile("/volume1/docs/photo.JPG", std::string("\xff\xd8\0\0jpeg", 8));
+    WriteFile("/volume1/docs/song.mp3", std::string("ID3\0\0", 5));
+    WriteFile("/volume1/docs/movie.mkv", std::string("\x1a\x45\0\0", 4));
+    WriteFile("/volume1/docs/data.bin", std::string("\0\1\2", 3));
+    MakeDir("/volume1/docs/projects", "ann", 0755);
+    WriteFile("/volume1/docs/projects/mutex-design.c", "spinlock only here\n");
+    WriteFile("/volume1/docs/projects/locks.txt", "mutex mutex mutex held\n");
+    WriteFile("/volume1/docs/old.log", "ancient entry\n");
+    struct timeval times[2] = {{1000000000, 0}, {1000000000, 0}};
+    utimes("/volume1/docs/old.log", times);
+    WriteFile("/volume1/docs/markup.html",
+              "<script>alert('x')</script> the needle & \"friends\" <em>here</em>\n");
+    WriteFile("/volume1/docs/big.txt", BigText());
+    // Ann's private corner: a file only she may read, and a folder only she
+    // may enter holding a file anyone could read.
+    WriteFile("/volume1/docs/ann-private.txt", "zebra private mutex\n");
+    Own("/volume1/docs/ann-private.txt", "ann", 0600);
+    MakeDir("/volume1/docs/annonly", "ann", 0700);
+    WriteFile("/volume1/docs/annonly/secret.txt", "zebra secret mutex\n");
+    Own("/volume1/docs/annonly/secret.txt", "ann", 0644);
+
+    WriteFile("/volume1/pub/pub.txt", "mutex in the pub share\n");
+
+    Shell(Loader() + " /volume1/docs /volume1/@kestondri/index/docs > /dev/null");
+    Shell(Loader() + " /volume1/pub /volume1/@kestondri/index/pub > /dev/null");
+    // Damaged: a database folder whose files are garbage.
+    WriteFile("/volume1/@kestondri/index/broken/iamglass", "not a database at all");
+    WriteFile("/volume1/@kestondri/index/broken/postlist.glass", "garbage");
+
+    daemon_ = new DaemonProcess;
+    ASSERT_TRUE(daemon_->Start());
+  }
+
+  static void TearDownTestSuite() {
+    if (daemon_) {
+      EXPECT_EQ(0, daemon_->Stop());
+    }
+    delete daemon_;
+    daemon_ = nullptr;
+  }
+
+  static Json::Value Criterion(const std::string& field, const std::string& value) {
+    Json::Value c(Json::objectValue);
+    c["field"] = field;
+    c["value"] = value;
+    return c;
+  }
+
+  static Json::Value DocId(const std::string& name) {
+    for (const auto& h : Hits(Exchange(SearchRequest({kDocs}, "")))) {
+      if (h["KESTMDFSName"] == name) return h["doc_id"];
+    }
+    return Json::Value();
+  }
+
+  static DaemonProcess* daemon_;
+};
+
+DaemonProcess* SearchDaemonTest::daemon_ = nullptr;
+
+TEST_F(SearchDaemonTest, FindsByContentNameExtensionTypePhraseAndWildcard) {
+  struct Case {
+    const char* keyword;
+    const char* file_type;
+    const char* op;
+    Names expected;
+  } cases[] = {
+      {"quarterly", "", "AND", {"report.txt"}},
+      {"QUARTERLY Report", "", "AND", {"report.txt"}},
+      {"file:notes", "", "AND", {"notes.md"}},
+      {"name:design", "", "AND", {"mutex-design.c"}},
+      {"ext:md", "", "AND", {"notes.md"}},
+      {"content:spinlock", "", "AND", {"mutex-design.c"}},
+      {"content:design", "", "AND", {}},
+      {"\"page fault\"", "", "AND", {"notes.md"}},
+      {"\"fault page\"", "", "AND", {}},
+      {"quarter*", "", "AND", {"report.txt"}},
+      {"quarterly spinlock", "", "AND", {}},
+      {"quarterly spinlock", "", "OR", {"mutex-design.c", "report.txt"}},
+      {"mutex NOT held",
+       "document",
+       "AND",
+       {"ann-private.txt", "mutex-design.c", "report.txt", "secret.txt"}},
+      {"", "photo", "AND", {"photo.JPG"}},
+      {"", "audio", "AND", {"song.mp3"}},
+      {"", "video", "AND", {"movie.mkv"}},
+      {"", "folder", "AND", {"annonly", "projects"}},
+      {"zzzznothing", "", "AND", {}},
+  };
+  for (const auto& c : cases) {
+    Json::Value req = SearchRequest({kDocs}, c.keyword);
+    req["data"]["pre_query"]["file_type"] = c.file_type;
+    req["data"]["default_search_op"] = c.op;
+    EXPECT_EQ(c.expected, HitNames(Exchange(req))) << c.keyword << " / " << c.file_type;
+  }
+}
+
+TEST_F(SearchDaemonTest, CriteriaFilterByExactFieldsAndRanges) {
+  struct Case {
+    const char* keyword;
+    std::vector<std::pair<const char*, const char*>> criteria;
+    Names expected;
+  } cases[] = {
+      {"mutex",
+       {{"KESTMDExtension", "txt"}},
+       {"ann-private.txt", "locks.txt", "report.txt", "secret.txt"}},
+      {"mutex",
+       {{"KESTMDExtension", "c"}, {"KESTMDExtension", ".TXT"}},
+       {"ann-private.txt", "locks.txt", "mutex-design.c", "report.txt", "secret.txt"}},
+      {"", {{"KESTMDFSName", "notes.md"}}, {"notes.md"}},
+      {"", {{"KESTMDFSName", "notes"}}, {}},
+      {"", {{"KESTMDPath", "/volume1/docs/projects/locks.txt"}}, {"locks.txt"}},
+      {"", {{"KESTMDFSSize", ">=1000000"}}, {"big.txt"}},
+      {"", {{"KESTMDFSSize", "1..5"}}, {"data.bin", "movie.mkv", "song.mp3"}},
+      {"needle", {{"KESTMDFSSize", "<=1000"}}, {"markup.html"}},
+      {"", {{"KESTMDMTime", "..1000000001"}}, {"old.log"}},
+      {"", {{"KESTMDIsDir", "true"}}, {"annonly", "projects"}},
+      {"", {{"KESTMDOwnerUserID", "2002"}}, {"notes.md"}},
+  };
+  for (const auto& c : cases) {
+    Json::Value req = SearchRequest({kDocs}, c.keyword);
+    for (const auto& kv : c.criteria) {
+      req["data"]["pre_query"]["criteria_list"].append(Criterion(kv.first, kv.second));
+    }
+    EXPECT_EQ(c.expected, HitNames(Exchange(req))) << Json::toString(req["data"]["pre_query"]);
+  }
+}
+
+TEST_F(SearchDaemonTest, MalformedQueryPartsAreRefusedWithTheirCode) {
+  struct Case {
+    const char* keyword;
+    Json::Value criterion;
+    const char* file_type;
+    int code;
+  } cases[] = {
+      {"mutex AND", Json::Value(), "", 1001},
+      {"NOT", Json::Value(), "", 1001},
+      {"mutex", Criterion("KESTMDFSSize", "big"), "", 1002},
+      {"mutex", Criterion("KESTMDFSSize", "3..x"), "", 1002},
+      {"mutex", Criterion("NoSuchField", "1"), "", 1002},
+      {"mutex", Json::Value(), "spreadsheets", 1002},
+  };
+  for (const auto& c : cases) {
+    Json::Value req = SearchRequest({kDocs}, c.keyword);
+    if (!c.criterion.isNull()) req["data"]["pre_query"]["criteria_list"].append(c.criterion);
+    req["data"]["pre_query"]["file_type"] = c.file_type;
+    auto reply = Exchange(req);
+    ASSERT_EQ(1u, reply.size()) << c.keyword;
+    EXPECT_FALSE(reply[0]["success"].asBool());
+    EXPECT_EQ(c.code, reply[0]["error"]["code"].asInt()) << c.keyword;
+    EXPECT_TRUE(reply[0]["error"]["msg"].isString());
+  }
+}
+
+TEST_F(SearchDaemonTest, WeightsDecideWhichFieldRanksFirst) {
+  auto first = [](double name_weight, double content_weight) {
+    Json::Value req = SearchRequest({kDocs}, "mutex", 0, 1);
+    req["data"]["pre_query"]["criteria_list"].append(
+        Criterion("KESTMDPath", "/volume1/docs/projects/locks.txt"));
+    req["data"]["pre_query"]["criteria_list"].append(
+        Criterion("KESTMDPath", "/volume1/docs/projects/mutex-design.c"));
+    Json::Value w1, w2;
+    w1["field"] = "KESTMDFSName";
+    w1["weight"] = name_weight;
+    w2["field"] = "KESTMDTextContent";
+    w2["weight"] = content_weight;
+    req["data"]["pre_query"]["search_weight_list"].append(w1);
+    req["data"]["pre_query"]["search_weight_list"].append(w2);
+    auto hits = Hits(Exchange(req));
+    return hits.empty() ? std::string() : hits[0]["KESTMDFSName"].asString();
+  };
+  EXPECT_EQ("mutex-design.c", first(10, 0.1));
+  EXPECT_EQ("locks.txt", first(0, 10));
+}
+
+TEST_F(SearchDaemonTest, StreamHasCountThenHitsThenEnd) {
+  auto reply = Exchange(SearchRequest({kDocs, kPub}, "mutex", 0, 3));
+  ASSERT_GE(reply.size(), 5u);
+  EXPECT_EQ(Json::Value::Members{"total"}, reply.front().getMemberNames());
+  EXPECT_EQ(6, reply.front()["total"].asInt());
+  EXPECT_EQ(Json::Value::Members{"success"}, reply.back().getMemberNames());
+  EXPECT_TRUE(reply.back()["success"].asBool());
+  auto hits = Hits(reply);
+  ASSERT_EQ(3u, hits.size());
+  for (const auto& h : hits) {
+    EXPECT_FALSE(h.isMember("total"));
+    EXPECT_FALSE(h.isMember("success"));
+    EXPECT_TRUE(h["KESTMDPath"].isString());
+    EXPECT_TRUE(h["KESTMDOwnerUserID"].isString());
+    EXPECT_EQ(std::to_string(std::stoul(h["KESTMDOwnerUserID"].asString())),
+              h["KESTMDOwnerUserID"].asString());
+    EXPECT_TRUE(h["KESTMDIsDir"].isBool());
+    EXPECT_TRUE(h["KESTMDFSSize"].isIntegral());
+    EXPECT_TRUE(h["doc_id"].isIntegral());
+    EXPECT_TRUE(h["_score"].isDouble());
+    EXPECT_TRUE(h["_index"] == kDocs || h["_index"] == kPub);
+    EXPECT_FALSE(h.isMember("KESTMDTextContent"));
+  }
+  // No match: an empty, successful stream.
+  auto none = Exchange(SearchRequest({kDocs}, "zzzznothing"));
+  ASSERT_EQ(2u, none.size());
+  EXPECT_EQ(0, none[0]["total"].asInt());
+  EXPECT_TRUE(none[1]["success"].asBool());
+}
+
+TEST_F(SearchDaemonTest, PagesTileTheWholeResult) {
+  auto all = Hits(Exchange(SearchRequest({kDocs, kPub}, "")));
+  ASSERT_GT(all.size(), 10u);
+  std::vector<std::string> paged;
+  for (int from = 0; from < static_cast<int>(all.size()) + 3; from += 3) {
+    auto reply = Exchange(SearchRequest({kDocs, kPub}, "", from, 3));
+    EXPECT_EQ(static_cast<int>(all.size()), reply.front()["total"].asInt());
+    for (const auto& h : Hits(reply)) paged.push_back(h["_id"].asString());
+  }
+  std::vector<std::string> whole;
+  for (const auto& h : all) whole.push_back(h["_id"].asString());
+  EXPECT_EQ(whole, paged);
+  EXPECT_EQ(whole.size(), std::set<std::string>(whole.begin(), whole.end()).size());
+  auto negative = Exchange(SearchRequest({kDocs}, "", -1, 3));
+  ASSERT_EQ(1u, negative.size());
+  EXPECT_EQ(1002, negative[0]["error"]["code"].asInt());
+}
+
+TEST_F(SearchDaemonTest, HighlightMarksMatchesAndEscapesTheRest) {
+  Json::Value data;
+  data["id"] = kDocs;
+  data["doc_id"] = DocId("markup.html");
+  data["keyword"] = "needle friends";
+  data["highlight"]["field"] = "KESTMDTextContent";
+  data["highlight"]["frag_length"] = 200;
+  data["highlight"]["num_fragments"] = 3;
+  data["search_weight_list"] = Json::Value(Json::arrayValue);
+  auto reply = Exchange(Request("highlight", data));
+  ASSERT_EQ(1u, reply.size());
+  ASSERT_TRUE(reply[0]["success"].asBool()) << Json::toString(reply[0]);
+  const Json::Value& frags = reply[0]["data"]["KESTMDTextContent"];
+  ASSERT_EQ(1u, frags.size());
+  EXPECT_EQ(
+      "&lt;script&gt;alert(&#39;x&#39;)&lt;/script&gt; the <em>needle</em> &amp; "
+      "&quot;<em>friends</em>&quot; &lt;em&gt;here&lt;/em&gt;\n",
+      frags[0].asString());
+}
+
+TEST_F(SearchDaemonTest, HighlightOfAHugeDocumentIsBounded) {
+  Json::Value data;
+  data["id"] = kDocs;
+  data["doc_id"] = DocId("big.txt");
+  data["keyword"] = "filler";
+  data["highlight"]["frag_length"] = 60;
+  data["highlight"]["num_fragments"] = 4;
+  auto reply = Exchange(Request("highlight", data));
+  ASSERT_EQ(1u, reply.size());
+  const Json::Value& frags = reply[0]["data"]["KESTMDTextContent"];
+  ASSERT_EQ(4u, frags.size());
+  for (const auto& f : frags) {
+    std::string s = f.asString();
+    EXPECT_NE(std::string::npos, s.find("<em>filler</em>"));
+    EXPECT_EQ(std::string::npos, s.find("<b>"));
+    EXPECT_LT(s.size(), 200u);
+  }
+  // The word at the far end of a 3 MiB text is indexed, so the file is
+  // found, even though its fragments come from the stored head only.
+  auto found = Exchange(SearchRequest({kDocs}, "last"));
+  EXPECT_EQ(Names{"big.txt"}, HitNames(found));
+}
+
+TEST_F(SearchDaemonTest, SearchHitsCarryTheirFragments) {
+  Json::Value req = SearchRequest({kDocs}, "interrupt");
+  Json::Value hl;
+  hl["field"] = "KESTMDTextContent";
+  hl["frag_length"] = 50;
+  hl["num_fragments"] = 2;
+  req["data"]["highlight"].append(hl);
+  auto hits = Hits(Exchange(req));
+  ASSERT_EQ(1u, hits.size());
+  const Json::Value& frags = hits[0]["highlight"]["KESTMDTextContent"];
+  ASSERT_EQ(1u, frags.size());
+  EXPECT_NE(std::string::npos, frags[0].asString().find("the <em>interrupt</em> handler"));
+}
+
+TEST_F(SearchDaemonTest, IndicateCountsEqualTheHitsOfEachType) {
+  Json::Value data;
+  data["keyword"] = "";
+  data["indice"].append(kDocs);
+  data["indice"].append(kPub);
+  data["criteria_list"] = Json::Value(Json::arrayValue);
+  data["search_weight_list"] = Json::Value(Json::arrayValue);
+  const char* types[] = {"document", "photo", "video", "audio", "folder", "other", "all"};
+  for (const char* t : types) {
+    Json::Value q;
+    q["name"] = t;
+    q["query"]["default_search_op"] = "AND";
+    Json::Value f;
+    f["name"] = "file_type";
+    f["data"] = t;
+    q["query"]["filters"].append(f);
+    data["queries"].append(q);
+  }
+  auto reply = Exchange(Request("indicate", data));
+  ASSERT_EQ(1u, reply.size());
+  ASSERT_TRUE(reply[0]["success"].asBool());
+  for (const char* t : types) {
+    Json::Value req = SearchRequest({kDocs, kPub}, "", 0, 1000);
+    req["data"]["pre_query"]["file_type"] = t;
+    auto hits = Hits(Exchange(req));
+    EXPECT_EQ(hits.size(), reply[0]["data"][t].asUInt()) << t;
+    EXPECT_GT(hits.size(), 0u) << t;
+  }
+}
+
+TEST_F(SearchDaemonTest, PrivateFilesStayInvisibleToOtherUsers) {
+  Json::Value zebra = SearchRequest({kDocs}, "zebra");
+  // The request carries no permission filter: the peer's uid decides.
+  auto bob = ExchangeAs("bob", zebra);
+  ASSERT_EQ(2u, bob.size());
+  EXPECT_EQ(0, bob[0]["total"].asInt());
+  auto ann = ExchangeAs("ann", zebra);
+  EXPECT_EQ((Names{"ann-private.txt", "secret.txt"}), HitNames(ann));
+  EXPECT_EQ(2, ann[0]["total"].asInt());
+  // A forged filter for root does not help a user who is not root.
+  Json::Value forged = zebra;
+  forged["data"]["filters"][0]["name"] = "permission";
+  forged["data"]["filters"][0]["data"] = 0;
+  EXPECT_EQ(Names{}, HitNames(ExchangeAs("dave", forged)));
+  // Root asking on bob's behalf gets bob's view.
+  Json::Value for_bob = zebra;
+  for_bob["data"]["filters"][0]["name"] = "permission";
+  for_bob["data"]["filters"][0]["data"] = kBobUid;
+  EXPECT_EQ(Names{}, HitNames(Exchange(for_bob)));
+  EXPECT_EQ((Names{"ann-private.txt", "secret.txt"}), HitNames(Exchange(zebra)));
+
+  // No snippet either, and the same answer as for a document that is not there.
+  Json::Value hl;
+  hl["id"] = kDocs;
+  hl["doc_id"] = DocId("ann-private.txt");
+  hl["keyword"] = "zebra";
+  hl["highlight"] = Json::Value(Json::objectValue);
+  auto denied = ExchangeAs("bob", Request("highlight", hl));
+  ASSERT_EQ(1u, denied.size());
+  EXPECT_EQ(1003, denied[0]["error"]["code"].asInt());
+  EXPECT_EQ(std::string::npos, Json::toString(denied[0]).find("zebra"));
+  hl["doc_id"] = 99999;
+  EXPECT_EQ(Json::toString(denied[0]),
+            Json::toString(ExchangeAs("bob", Request("highlight", hl))[0]));
+
+  // Nor a count.
+  Json::Value ind;
+  ind["keyword"] = "zebra";
+  ind["indice"].append(kDocs);
+  Json::Value q;
+  q["name"] = "document";
+  q["query"]["filters"][0]["name"] = "file_type";
+  q["query"]["filters"][0]["data"] = "document";
+  ind["queries"].append(q);
+  EXPECT_EQ(0, ExchangeAs("bob", Request("indicate", ind))[0]["data"]["document"].asInt());
+  EXPECT_EQ(2, ExchangeAs("ann", Request("indicate", ind))[0]["data"]["document"].asInt());
+}
+
+TEST_F(SearchDaemonTest, ModeAndAclChangesAreSeenAtOnce) {
+  Json::Value zebra = SearchRequest({kDocs}, "zebra");
+  ASSERT_EQ(Names{}, HitNames(ExchangeAs("bob", zebra)));
+  ASSERT_EQ(0, chmod("/volume1/docs/ann-private.txt", 0644));
+  EXPECT_EQ(Names{"ann-private.txt"}, HitNames(ExchangeAs("bob", zebra)));
+  ASSERT_EQ(0, chmod("/volume1/docs/ann-private.txt", 0600));
+  EXPECT_EQ(Names{}, HitNames(ExchangeAs("bob", zebra)));
+
+  // An ACL entry for the staff group opens the folder to bob, not to dave.
+  Shell("setfacl -m g:staff:rx /volume1/docs/annonly");
+  EXPECT_EQ(Names{"secret.txt"}, HitNames(ExchangeAs("bob", zebra)));
+  EXPECT_EQ(Names{}, HitNames(ExchangeAs("dave", zebra)));
+  Shell("setfacl -b /volume1/docs/annonly");
+  EXPECT_EQ(Names{}, HitNames(ExchangeAs("bob", zebra)));
+}
+
+TEST_F(SearchDaemonTest, DamagedAndMissingIndicesAreReportedAndSkipped) {
+  auto reply = Exchange(SearchRequest({kBroken, "fileindex_nosuch", kDocs}, "quarterly"));
+  EXPECT_EQ(Names{"report.txt"}, HitNames(reply));
+  EXPECT_TRUE(reply.back()["success"].asBool());
+
+  WriteFile("/volume1/@kestondri/index/pub.checking", "");
+  auto status = Exchange(Request("list_db_status", Json::Value(Json::objectValue)));
+  unlink("/volume1/@kestondri/index/pub.checking");
+  ASSERT_EQ(1u, status.size());
+  EXPECT_TRUE(status[0]["success"].asBool());
+  EXPECT_EQ(Json::toString(Json::Value(kBroken)), Json::toString(status[0]["data"]["crashed"][0]));
+  EXPECT_EQ(1u, status[0]["data"]["crashed"].size()) << Json::toString(status[0]);
+  EXPECT_EQ(kPub, status[0]["data"]["checking"][0].asString());
+  // A share that was never indexed ("far" here, until the scale-out test)
+  // is not reported; an index a search asked for and did not find is.
+  Names unknown;
+  for (const auto& u : status[0]["data"]["unknown"]) unknown.push_back(u.asString());
+  EXPECT_NE(unknown.end(), std::find(unknown.begin(), unknown.end(), "fileindex_nosuch"));
+  EXPECT_EQ(unknown.end(), std::find(unknown.begin(), unknown.end(), kDocs));
+
+  // Searching a damaged index alone is an empty answer, not a failure.
+  auto only_broken = Exchange(SearchRequest({kBroken}, "quarterly"));
+  ASSERT_EQ(2u, only_broken.size());
+  EXPECT_EQ(0, only_broken[0]["total"].asInt());
+}
+
+TEST_F(SearchDaemonTest, MalformedRequestsGetErrorsAndServiceGoesOn) {
+  struct Case {
+    std::string body;
+    int code;
+  } cases[] = {
+      {"not json", 1002},
+      {"[1,2]", 1002},
+      {"{}", 1002},
+      {"{\"command\": 7}", 1002},
+      {"{\"command\": \"search\", \"data\": []}", 1002},
+      {"{\"command\": \"search\", \"data\": {\"indice\": \"fileindex_docs\"}}", 1002},
+      {"{\"command\": \"search\", \"data\": {\"indice\": [], \"from\": \"x\"}}", 1002},
+      {"{\"command\": \"highlight\", \"data\": {\"id\": \"fileindex_docs\", \"doc_id\": 1, "
+       "\"highlight\": 5}}",
+       1002},
+      {"{\"command\": \"drop_everything\", \"data\": {}}", 1000},
+      {"", 1002},
+  };
+  for (const auto& c : cases) {
+    auto reply = ExchangeRaw(Frame(c.body));
+    ASSERT_EQ(1u, reply.size()) << c.body;
+    EXPECT_FALSE(reply[0]["success"].asBool()) << c.body;
+    EXPECT_EQ(c.code, reply[0]["error"]["code"].asInt()) << c.body;
+  }
+  // A lying length prefix and a frame cut short only cost their own
+  // connection.
+  EXPECT_TRUE(ExchangeRaw(std::string("\x7f\xff\xff\xff", 4)).empty());
+  EXPECT_TRUE(ExchangeRaw(Frame("{\"command\":\"search\"}").substr(0, 10)).empty());
+  // Two requests on one connection are answered in turn.
+  kestdaemon::DomainSockConnection conn(kDaemonSocket);
+  ASSERT_TRUE(conn.Connect(10));
+  std::string text;
+  ASSERT_TRUE(conn.Send("nonsense"));
+  ASSERT_TRUE(conn.Recv(text));
+  ASSERT_TRUE(conn.Send(Json::toString(Request("list_db_status", Json::Value()))));
+  ASSERT_TRUE(conn.Recv(text));
+  EXPECT_NE(std::string::npos, text.find("\"crashed\""));
+  EXPECT_EQ(Names{"report.txt"}, HitNames(Exchange(SearchRequest({kDocs}, "quarterly"))));
+}
+
+TEST_F(SearchDaemonTest, ServesFiftyClientsAtOnce) {
+  const Names expected = HitNames(Exchange(SearchRequest({kDocs, kPub}, "mutex")));
+  ASSERT_EQ(6u, expected.size());
+  std::atomic<int> good{0};
+  std::vector<std::thread> clients;
+  // Some clients connect and stay silent for a while: the others must not
+  // wait for them.
+  std::vector<std::unique_ptr<kestdaemon::DomainSockConnection>> idle;
+  for (int i = 0; i < 20; ++i) {
+    idle.push_back(std::make_unique<kestdaemon::DomainSockConnection>(kDaemonSocket));
+    ASSERT_TRUE(idle.back()->Connect(10));
+  }
+  for (int i = 0; i < 50; ++i) {
+    clients.emplace_back([&, i] {
+      auto reply = Exchange(SearchRequest({kDocs, kPub}, i % 2 ? "mutex" : "MUTEX"));
+      if (HitNames(reply) == expected && reply.back()["success"].asBool()) ++good;
+    });
+  }
+  for (auto& t : clients) t.join();
+  EXPECT_EQ(50, good.load());
+}
+
+TEST_F(SearchDaemonTest, ReadersSeeWhatTheIndexerCommits) {
+  Json::Value req = SearchRequest({kPub}, "freshword");
+  EXPECT_EQ(Names{}, HitNames(Exchange(req)));
+  WriteFile("/volume1/pub/fresh.txt", "a freshword appears\n");
+  {
+    kestondri::index::FileRecord r;
+    r.path = "/volume1/pub/fresh.txt";
+    r.name = "fresh.txt";
+    r.extension = "txt";
+    r.text = "a freshword appears\n";
+    Xapian::WritableDatabase db("/volume1/@kestondri/index/pub");
+    db.replace_document(kestondri::index::UniqueTerm(r.path), kestondri::index::MakeDocument(r));
+    db.commit();
+  }
+  // Every worker must notice, whichever serves the request.
+  for (int i = 0; i < 20; ++i) EXPECT_EQ(Names{"fresh.txt"}, HitNames(Exchange(req)));
+}
+
+TEST_F(SearchDaemonTest, SearchesARemoteIndexTogetherWithLocalOnes) {
+  WriteFile("/volume2/far/remote.txt", "faraway mutex lives here\n");
+  Own("/volume2/far/remote.txt", "ann", 0600);
+  Shell(Loader() + " /volume2/far /volume2/remote-db > /dev/null");
+  pid_t server = fork();
+  if (server == 0) {
+    // Its own process group: xapian-tcpsrv signals its whole group when
+    // told to stop.
+    setpgid(0, 0);
+    execlp("xapian-tcpsrv", "xapian-tcpsrv", "--quiet", "--interface", "127.0.0.1", "--port",
+           "39411", "/volume2/remote-db", static_cast<char*>(nullptr));
+    _exit(127);
+  }
+  ASSERT_GT(server, 0);
+  // Wait until the server listens, so the daemon's first attempt succeeds.
+  bool listening = false;
+  for (int i = 0; i < 500 && !listening; ++i) {
+    int fd = socket(AF_INET, SOCK_STREAM, 0);
+    sockaddr_in addr{};
+    addr.sin_family = AF_INET;
+    addr.sin_port = htons(39411);
+    addr.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    listening = connect(fd, reinterpret_cast<sockaddr*>(&addr), sizeof addr) == 0;
+    close(fd);
+    if (!listening) usleep(10000);
+  }
+  ASSERT_TRUE(listening);
+  // The share's index path holds a stub naming the remote server.
+  WriteFile("/volume2/@kestondri/index/far", "remote 127.0.0.1:39411\n");
+  Names got;
+  for (int i = 0; i < 200 && got.empty(); ++i) {
+    got = HitNames(Exchange(SearchRequest({kDocs, "fileindex_far"}, "faraway OR quarterly")));
+    if (got.size() < 2) {
+      got.clear();
+      usleep(20000);
+    }
+  }
+  EXPECT_EQ((Names{"remote.txt", "report.txt"}), got);
+  auto hits = Hits(Exchange(SearchRequest({kDocs, "fileindex_far"}, "faraway")));
+  ASSERT_EQ(1u, hits.size());
+  EXPECT_EQ("fileindex_far", hits[0]["_index"].asString());
+  // Permission filtering holds for remote hits too: the file is ann's alone.
+  EXPECT_EQ(Names{}, HitNames(ExchangeAs("bob", SearchRequest({"fileindex_far"}, "faraway"))));
+  EXPECT_EQ(Names{"remote.txt"},
+            HitNames(ExchangeAs("ann", SearchRequest({"fileindex_far"}, "faraway"))));
+  kill(server, SIGTERM);
+  int status;
+  waitpid(server, &status, 0);
+
+  // With its server gone the remote index is unknown; the local ones answer.
+  EXPECT_EQ(Names{"report.txt"},
+            HitNames(Exchange(SearchRequest({"fileindex_far", kDocs}, "faraway OR quarterly"))));
+  auto status_reply = Exchange(Request("list_db_status", Json::Value(Json::objectValue)));
+  ASSERT_EQ(1u, status_reply.size());
+  Names unknown;
+  for (const auto& u : status_reply[0]["data"]["unknown"]) unknown.push_back(u.asString());
+  EXPECT_NE(unknown.end(), std::find(unknown.begin(), unknown.end(), "fileindex_far"));
+  unlink("/volume2/@kestondri/index/far");
+}
+
+TEST(SearchDaemonLifecycleTest, ReplacesAStaleSocketAndRemovesItsOwnOnExit) {
+  const std::string sock = "/run/lifecycle.sock";
+  // A socket file left by a daemon that died.
+  {
+    int fd = socket(AF_UNIX, SOCK_STREAM, 0);
+    sockaddr_un addr{};
+    addr.sun_family = AF_UNIX;
+    strcpy(addr.sun_path, sock.c_str());
+    ASSERT_EQ(0, bind(fd, reinterpret_cast<sockaddr*>(&addr), sizeof addr));
+    close(fd);
+  }
+  pid_t pid = fork();
+  if (pid == 0) {
+    std::string program = std::string(KEST_BINARY_DIR) + "/daemon/kestelasticd";
+    execl(program.c_str(), program.c_str(), "--socket", sock.c_str(), "--index",
+          "fileindex_x=/nonexistent", static_cast<char*>(nullptr));
+    _exit(127);
+  }
+  bool up = false;
+  for (int i = 0; i < 500 && !up; ++i) {
+    kestdaemon::DomainSockConnection conn(sock);
+    up = conn.Connect(5);
+    if (!up) usleep(10000);
+  }
+  EXPECT_TRUE(up);
+  struct stat st;
+  ASSERT_EQ(0, stat(sock.c_str(), &st));
+  EXPECT_EQ(0666u, st.st_mode & 0777);
+  kill(pid, SIGTERM);
+  int status = 0;
+  waitpid(pid, &status, 0);
+  EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0);
+  EXPECT_NE(0, access(sock.c_str(), F_OK));
+
+  // Something that is not a socket is never removed to make room.
+  WriteFile(sock, "precious");
+  pid = fork();
+  if (pid == 0) {
+    std::string program = std::string(KEST_BINARY_DIR) + "/daemon/kestelasticd";
+    int devnull = open("/dev/null", O_WRONLY);
+    dup2(devnull, 2);
+    execl(program.c_str(), program.c_str(), "--socket", sock.c_str(), static_cast<char*>(nullptr));
+    _exit(127);
+  }
+  waitpid(pid, &status, 0);
+  EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 1);
+  EXPECT_EQ("precious", ReadFile(sock));
+}
+
+}  // namespace
+}  // namespace kesttest

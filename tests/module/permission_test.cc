@@ -1,0 +1,275 @@
+// CheckList and CheckRead against a small model over random shares, modes,
+// ACLs and home folders. The model takes the permission word of each path
+// and the share privileges from the platform, and composes them as the
+// checks must:
+//   list: no FTP "disable list", parent readable and searchable, the path
+//         readable when the share hides unreadable entries, and in "homes"
+//         the home test;
+//   read: outside "homes" no FTP "disable download" and some share
+//         privilege; the path readable; in "homes" the home test.
+//   home test: inside the user's own (existing) home folder, or some share
+//         privilege; without the home service every path passes it.
+#include <gtest/gtest.h>
+#include <sys/acl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <functional>
+#include <random>
+#include <string>
+#include <vector>
+
+#include "common/error.h"
+#include "common/permission.h"
+#include "double/platform_double.h"
+#include "kest/klib.h"
+#include "support/sandbox.h"
+#include "support/syslog_capture.h"
+
+namespace kestondri {
+namespace {
+
+using kesttest::PlatformDouble;
+
+void WriteConf(const std::string& text) {
+  kesttest::WriteFile("/etc/kest/shares.conf.new", text);
+  ASSERT_EQ(0, rename("/etc/kest/shares.conf.new", "/etc/kest/shares.conf"));
+}
+
+std::string Rwx(int bits) {
+  std::string s = "---";
+  if (bits & 4) s[0] = 'r';
+  if (bits & 2) s[1] = 'w';
+  if (bits & 1) s[2] = 'x';
+  return s;
+}
+
+class PermissionModelTest : public ::testing::Test {
+ protected:
+  void TearDown() override {
+    kesttest::BecomeRoot();
+    PlatformDouble::Reset();
+  }
+
+  // The word of the path alone (acl_test holds it against the kernel on
+  // items whose folders above are searchable).
+  int Kernel(const std::string& user, const std::string& path) {
+    int perm = 0;
+    EXPECT_EQ(0, KESTACLPermCalc(user.c_str(), nullptr, path.c_str(), &perm)) << path;
+    return perm;
+  }
+
+  int Privilege(const std::string& user, const std::string& share) {
+    PKESTSHARE record = nullptr;
+    EXPECT_EQ(0, KESTShareGet(share.c_str(), &record));
+    const int priv = KESTShareUserPrivCalc(user.c_str(), record);
+    KESTShareFree(record);
+    return priv;
+  }
+
+  std::mt19937 rng_{7};
+
+  std::string RandomNames() {
+    static const std::vector<std::string> names = {"ann",  "bob",    "carol",
+                                                   "dave", "@staff", "@administrators"};
+    std::string out;
+    for (const auto& n : names) {
+      if (rng_() % 5 == 0) out += n + " ";
+    }
+    return out;
+  }
+
+  // A random mode, owner, group and (often) ACL.
+  void Scramble(const std::string& path) {
+    static const std::vector<uid_t> owners = {0, kesttest::kAnnUid, kesttest::kBobUid,
+                                              kesttest::kDaveUid};
+    static const std::vector<gid_t> groups = {0, kesttest::kStaffGid, kesttest::kAnnUid};
+    ASSERT_EQ(0,
+              chown(path.c_str(), owners[rng_() % owners.size()], groups[rng_() % groups.size()]));
+    // Mostly generous modes, so that the later rules get exercised too.
+    const mode_t mode = static_cast<mode_t>((rng_() % 3 ? 0555 : 0) | (rng_() & 0777));
+    ASSERT_EQ(0, chmod(path.c_str(), mode));
+    if (rng_() % 3 == 0) {
+      static const std::vector<std::string> entries = {
+          "u:ann:", "u:bob:", "u:dave:", "g:staff:", "g:administrators:"};
+      std::string text = "u::" + Rwx(rng_() & 7) + ",g::" + Rwx(rng_() & 7) +
+                         ",o::" + Rwx(rng_() & 7) + "," + entries[rng_() % entries.size()] +
+                         Rwx(rng_() & 7) + ",m::" + Rwx(rng_() & 7);
+      acl_t acl = acl_from_text(text.c_str());
+      ASSERT_NE(nullptr, acl);
+      ASSERT_EQ(0, acl_set_file(path.c_str(), ACL_TYPE_ACCESS, acl));
+      acl_free(acl);
+    }
+  }
+};
+
+TEST_F(PermissionModelTest, ChecksMatchTheModel) {
+  const std::vector<std::string> users = {"ann", "bob", "carol", "dave"};
+  int compared = 0;
+  int outcomes[2][2] = {{0, 0}, {0, 0}};  // [list, read][false, true]
+  for (int round = 0; round < 40; ++round) {
+    const bool user_home = rng_() % 4 != 0;
+    const unsigned ftp = rng_() % 8;
+    const bool hide = rng_() % 2;
+    std::string conf = std::string("[global]\nuser home = ") + (user_home ? "yes" : "no") + "\n";
+    conf += "[photo]\npath = /volume1/photo\n";
+    conf += std::string("hide unreadable = ") + (hide ? "yes" : "no") + "\n";
+    if (ftp & 1) conf += "ftp disable list = yes\n";
+    if (ftp & 2) conf += "ftp disable modify = yes\n";
+    if (ftp & 4) conf += "ftp disable download = yes\n";
+    for (const char* key : {"read list", "write list", "invalid users"}) {
+      const std::string names = RandomNames();
+      if (!names.empty()) conf += std::string(key) + " = " + names + "\n";
+    }
+    conf += "[homes]\npath = /volume1/homes\n";
+    for (const char* key : {"read list", "invalid users"}) {
+      const std::string names = RandomNames();
+      if (!names.empty()) conf += std::string(key) + " = " + names + "\n";
+    }
+    WriteConf(conf);
+
+    const std::string base = "/volume1/photo/r" + std::to_string(round);
+    const std::vector<std::string> dirs = {base, "/volume1/homes/ann/r" + std::to_string(round),
+                                           "/volume1/homes/bob/r" + std::to_string(round),
+                                           "/volume1/homes/ann2/r" + std::to_string(round)};
+    std::vector<std::string> paths;
+    for (const auto& dir : dirs) {
+      kesttest::WriteFile(dir + "/f", "x");
+      Scramble(dir);
+      Scramble(dir + "/f");
+      paths.push_back(dir);
+      paths.push_back(dir + "/f");
+    }
+    paths.push_back("/volume1/homes/ann");  // the home folder itself
+    chmod("/volume1/homes", 0755);
+    chmod("/volume1/homes/ann", 0755);
+
+    for (const auto& user : users) {
+      const kesttest::TestUser& test_user = kesttest::UserByName(user);
+      FilePermission permission(test_user.uid);
+      std::string home_real;
+      if (user_home) {
+        char resolved[4096];
+        const std::string home = "/volume1/homes/" + user;
+        if (realpath(home.c_str(), resolved)) home_real = resolved;
+      }
+      for (const auto& path : paths) {
+        const bool homes = path.compare(0, 15, "/volume1/homes/") == 0;
+        const std::string share = homes ? "homes" : "photo";
+        const unsigned share_ftp = homes ? 0 : ftp;
+        const bool share_hide = homes ? false : hide;
+        const int priv = Privilege(user, share);
+        const bool home_test =
+            (path + "/").compare(0, home_real.size() + 1, home_real + "/") == 0 ||
+            priv != KEST_SHARE_PRIV_NA;
+        const std::string parent = path.substr(0, path.rfind('/'));
+        const int self_perm = Kernel(user, path);
+        const int parent_perm = Kernel(user, parent);
+
+        bool list = !(share_ftp & 1) && (parent_perm & 5) == 5 && !(share_hide && !(self_perm & 4));
+        if (list && homes) list = home_test;
+        bool read;
+        if (!homes) {
+          read = !(share_ftp & 4) && priv != KEST_SHARE_PRIV_NA && (self_perm & 4);
+        } else {
+          read = (self_perm & 4) && home_test;
+        }
+        const std::string context = user + " " + path + "\n" + conf;
+        EXPECT_EQ(list, permission.CheckList(path)) << "list " << context;
+        EXPECT_EQ(read, permission.CheckRead(path)) << "read " << context;
+        ++compared;
+        ++outcomes[0][list];
+        ++outcomes[1][read];
+      }
+    }
+  }
+  EXPECT_EQ(40 * 4 * 9, compared);
+  // The random set-ups must reach both answers of both checks often.
+  for (auto& check : outcomes) {
+    EXPECT_GT(check[0], 100);
+    EXPECT_GT(check[1], 100);
+  }
+}
+
+class FilePermissionTest : public PermissionModelTest {
+ protected:
+  void SetUp() override {
+    WriteConf(
+        "[global]\nuser home = yes\n[photo]\npath = /volume1/photo\nftp disable download = yes\n"
+        "[docs]\npath = /volume1/docs\n[homes]\npath = /volume1/homes\n");
+    kesttest::WriteFile("/volume1/photo/a.jpg", "x");
+    kesttest::WriteFile("/volume1/docs/a.txt", "x");
+    PlatformDouble::Reset();
+  }
+};
+
+TEST_F(FilePermissionTest, SharesAndPathWordsAreAskedOnce) {
+  FilePermission permission(kesttest::kAnnUid);
+  EXPECT_TRUE(permission.CheckRead("/volume1/docs/a.txt"));
+  EXPECT_TRUE(permission.CheckRead("/volume1/docs/a.txt"));
+  EXPECT_TRUE(permission.CheckList("/volume1/docs/a.txt"));
+  EXPECT_EQ(1, PlatformDouble::Calls("KESTShareGet"));
+  // The path's own word once, the parent's once.
+  EXPECT_EQ(2, PlatformDouble::Calls("KESTACLPermCalc"));
+  EXPECT_EQ(permission.GetShare("docs"), permission.GetShare("docs"));
+}
+
+TEST_F(FilePermissionTest, FtpDownloadFlagStopsReadingBeforeAnyAclQuery) {
+  FilePermission permission(kesttest::kAnnUid);
+  EXPECT_FALSE(permission.CheckRead("/volume1/photo/a.jpg"));
+  EXPECT_EQ(0, PlatformDouble::Calls("KESTACLPermCalc"));
+  EXPECT_TRUE(permission.CheckList("/volume1/photo/a.jpg"));
+}
+
+TEST_F(FilePermissionTest, MalformedPathsAndFailures) {
+  FilePermission permission(kesttest::kAnnUid);
+  try {
+    permission.CheckRead("/volume1");
+    FAIL() << "no exception";
+  } catch (const Error& e) {
+    EXPECT_EQ(kErrPlatform, e.code());
+    EXPECT_STREQ("Malformed path: /volume1", e.what());
+  }
+  EXPECT_TRUE(kesttest::SyslogCapture::Instance().WaitFor(
+      "permission.cc:16 (" + std::to_string(getpid()) +
+      ", 0) (ExtractShareName) Failed [string::npos == slash_pos1], reason: Malformed path: "
+      "/volume1"));
+  // /volume1/docs names share "docs" (its parent is the volume).
+  EXPECT_NO_THROW(permission.CheckRead("/volume1/docs"));
+  try {
+    permission.CheckRead("/volume1/nosuchshare/x");
+    FAIL() << "no exception";
+  } catch (const Error& e) {
+    EXPECT_EQ(kErrShare, e.code());
+  }
+  // A missing file: the ACL query fails and the check throws, never false.
+  try {
+    permission.CheckRead("/volume1/docs/none");
+    FAIL() << "no exception";
+  } catch (const Error& e) {
+    EXPECT_EQ(kErrPlatform, e.code());
+    EXPECT_STREQ("KESTACLPermCalc failed, user: ann, path: /volume1/docs/none", e.what());
+  }
+  EXPECT_TRUE(kesttest::SyslogCapture::Instance().WaitFor("permission.cc:117 ("));
+}
+
+TEST_F(FilePermissionTest, ConstructionFailures) {
+  try {
+    FilePermission permission(54321);
+    FAIL() << "no exception";
+  } catch (const Error& e) {
+    EXPECT_EQ(kErrUser, e.code());
+  }
+  PlatformDouble::FailNext("KLIBGroupInfoListGet");
+  try {
+    FilePermission permission(kesttest::kBobUid);
+    FAIL() << "no exception";
+  } catch (const Error& e) {
+    EXPECT_EQ(kErrPlatform, e.code());
+    EXPECT_STREQ("KLIBGroupInfoListGet failed, user: bob", e.what());
+  }
+  EXPECT_TRUE(kesttest::SyslogCapture::Instance().WaitFor("permission.cc:29 ("));
+}
+
+}  // namespace
+}  // namespace kestondri

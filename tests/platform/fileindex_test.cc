@@ -1,0 +1,434 @@
+// The indexing library on the real platform: validation, who may do what,
+// transactions, the queue files, the pause state across processes.
+#include <gtest/gtest.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <climits>
+#include <cstdio>
+#include <ctime>
+#include <functional>
+#include <string>
+
+#include "common/error.h"
+#include "kest/klib.h"
+#include "kestondri/fileindex.h"
+#include "support/sandbox.h"
+
+namespace kestondri {
+namespace fileindex {
+namespace {
+
+using kesttest::ReadFile;
+using kesttest::WriteFile;
+
+void WriteConf(const std::string& text) {
+  WriteFile("/etc/kest/shares.conf.new", text);
+  ASSERT_EQ(0, rename("/etc/kest/shares.conf.new", "/etc/kest/shares.conf"));
+}
+
+Json::Value Parse(const std::string& text) {
+  Json::Value value;
+  Json::Reader().parse(text, value);
+  return value;
+}
+
+void MakeDir(const std::string& path, uid_t owner, mode_t mode) {
+  std::string partial;
+  for (size_t pos = 1; pos != std::string::npos;) {
+    pos = path.find('/', pos + 1);
+    partial = path.substr(0, pos);
+    mkdir(partial.c_str(), 0755);
+  }
+  ASSERT_EQ(0, chown(path.c_str(), owner, owner));
+  ASSERT_EQ(0, chmod(path.c_str(), mode));
+}
+
+// Runs `body` acting as `user` (euid only, as the module does), then root.
+void As(const std::string& user, const std::function<void()>& body) {
+  if (user != "root") {
+    ASSERT_TRUE(ResetCredentialsByName(user, true));
+  }
+  const uid_t euid = geteuid();
+  try {
+    body();
+  } catch (...) {
+    EXPECT_EQ(euid, geteuid()) << "privilege not given back";
+    kesttest::BecomeRoot();
+    throw;
+  }
+  EXPECT_EQ(euid, geteuid()) << "privilege not given back";
+  kesttest::BecomeRoot();
+}
+
+// The code of the Error that `body`, run as `user`, throws; 0 for none.
+int CodeOf(const std::string& user, const std::function<void()>& body,
+           std::string* reason = nullptr) {
+  int code = 0;
+  As(user, [&] {
+    try {
+      body();
+    } catch (const Error& e) {
+      code = e.code();
+      if (reason) *reason = e.what();
+    }
+  });
+  return code;
+}
+
+std::vector<std::string> ListedPaths(const std::string& user) {
+  std::vector<std::string> paths;
+  As(user, [&] {
+    Json::Value page;
+    FolderList(page, 0, UINT64_MAX, "", "", "all", "", Json::Value());
+    for (const auto& f : page["folders"]) paths.push_back(f["path"].asString());
+  });
+  return paths;
+}
+
+class FileIndexTest : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    system("rm -rf /var/packages/KestOndri /volume1/* /volume1/@kestondri /volume2/*");
+    WriteConf(
+        "[global]\nuser home = yes\n"
+        "[photo]\npath = /volume1/photo\n"
+        "[docs]\npath = /volume1/docs\ninvalid users = dave\n"
+        "[vault]\npath = /volume2/vault\nencrypted = yes\n"
+        "[homes]\npath = /volume1/homes\n");
+    MakeDir("/volume1/photo/ann", kesttest::kAnnUid, 0700);
+    MakeDir("/volume1/photo/shared", kesttest::kBobUid, 0755);
+    MakeDir("/volume1/photo/bob", kesttest::kBobUid, 0700);
+    MakeDir("/volume1/docs/open", 0, 0755);
+    MakeDir("/volume2/vault/x", 0, 0755);
+    MakeDir("/volume1/outside", 0, 0755);
+    WriteFile("/volume1/photo/shared/file.txt", "x");
+    symlink("/volume1/outside", "/volume1/photo/escape");
+    symlink("/volume1/photo/shared", "/volume1/photo/alias");
+  }
+  void TearDown() override { kesttest::BecomeRoot(); }
+
+  void Add(const std::string& user, const std::string& folders) {
+    ASSERT_EQ(0, CodeOf(user, [&] { FolderAdd(Parse(folders), false); }));
+  }
+};
+
+TEST_F(FileIndexTest, AddMakesTheCallerOwnerAndQueuesTheFolder) {
+  Add("ann", R"([{"path": "/volume1/photo/ann/", "photo": false, "name": "My pictures"}])");
+  Json::Value entry;
+  As("ann", [&] { FolderGet(entry, "/volume1/photo/ann"); });
+  EXPECT_EQ("/volume1/photo/ann", entry["path"].asString());
+  EXPECT_EQ("My pictures", entry["name"].asString());
+  EXPECT_EQ("ann", entry["owner"].asString());
+  EXPECT_EQ("photo", entry["share"].asString());
+  EXPECT_FALSE(entry["paused"].asBool());
+  EXPECT_FALSE(entry["photo"].asBool());
+  EXPECT_TRUE(entry["video"].asBool());
+  EXPECT_EQ("processing", entry["additional"]["status"].asString());
+
+  EXPECT_EQ("# kestondri queue 1\nreindex\t/volume1/photo/ann\n",
+            ReadFile("/volume1/@kestondri/queue/photo.queue"));
+  struct stat st;
+  ASSERT_EQ(0, stat("/var/packages/KestOndri/var/fileindex", &st));
+  EXPECT_EQ(0700u, st.st_mode & 07777);
+  EXPECT_EQ(0u, st.st_uid);
+  ASSERT_EQ(0, stat("/var/packages/KestOndri/var/fileindex/folders.db", &st));
+  EXPECT_EQ(0600u, st.st_mode & 07777);
+  EXPECT_EQ(0u, st.st_uid);
+  EXPECT_EQ(0u, st.st_gid);
+  ASSERT_EQ(0, stat("/volume1/@kestondri/queue/photo.queue", &st));
+  EXPECT_EQ(0600u, st.st_mode & 07777);
+  ASSERT_EQ(0, stat("/volume1/@kestondri/queue", &st));
+  EXPECT_EQ(0755u, st.st_mode & 07777);
+  EXPECT_EQ(std::set<std::string>{"photo"}, FolderMgr().GetIndexedShares());
+}
+
+TEST_F(FileIndexTest, BadInputIsRefusedAndNothingChanges) {
+  Add("ann", R"([{"path": "/volume1/photo/ann"}])");
+  const std::string before = ReadFile("/volume1/@kestondri/queue/photo.queue");
+  struct Case {
+    const char* user;
+    std::string folders;
+    int code;
+    const char* reason;
+  } cases[] = {
+      {"ann", R"([{"path": "/volume1/photo/shared/../ann"}])", 120, "not canonical"},
+      {"ann", R"([{"path": "volume1/photo/shared"}])", 120, "must be absolute"},
+      {"ann", R"([{"path": "/volume1/photo//shared"}])", 120, "not canonical"},
+      {"ann", R"([{"path": "/volume1/photo/escape"}])", 120, "symbolic link"},
+      {"ann", R"([{"path": "/volume1/photo/alias"}])", 120, "symbolic link"},
+      {"ann", R"([{"path": "/volume1/photo/none"}])", 120, "no such folder"},
+      {"ann", R"([{"path": "/volume1/photo/shared/file.txt"}])", 120, "not a folder"},
+      {"ann", R"([{"path": "/volume1/outside"}])", 120, "not inside a shared folder"},
+      {"root", R"([{"path": "/volume1/@kestondri/queue"}])", 120, "package's own data"},
+      {"root", R"([{"path": "/var/packages/KestOndri/var"}])", 120, "package's own data"},
+      {"ann", R"([{"path": "/volume1/photo/bob"}])", 120, "not a readable folder"},
+      {"dave", R"([{"path": "/volume1/docs/open"}])", 120, "not a readable folder"},
+      {"root", R"([{"path": "/volume2/vault/x"}])", 120, "cannot be indexed"},
+      {"ann", R"([{"path": "/volume1/photo/ann"}])", 120, "already indexed"},
+      {"ann", R"([{"path": "/volume1/photo/shared"}, {"path": "/volume1/photo/shared/"}])", 120,
+       "given twice"},
+      {"ann", R"([{"path": "/volume1/photo/shared", "paused": "yes"}])", 120, "boolean"},
+      {"ann", R"([{"path": "/volume1/photo/shared", "colour": true}])", 120, "unknown member"},
+      {"ann", R"([{"path": 5}])", 120, "must be a string"},
+      {"ann", R"([{"name": "x"}])", 120, "needs a path"},
+      {"ann", R"([])", 120, "no folder given"},
+      {"ann", R"({"path": "/volume1/photo/shared"})", 120, "must be an array"},
+      {"ann", R"([{"path": "/volume1/photo/shared", "name": ")" + std::string(256, 'n') + R"("}])",
+       120, "name longer"},
+      {"ann", R"([{"path": "/volume1/photo/shared", "owner": "bob"}])", 507, "another owner"},
+      {"root", R"([{"path": "/volume1/photo/shared", "owner": "nosuchuser"}])", 120,
+       "unknown user"},
+      // One bad folder spoils the batch: the good one before it is not added.
+      {"ann", R"([{"path": "/volume1/photo/shared"}, {"path": "/volume1/photo/none"}])", 120,
+       "no such folder"},
+  };
+  for (const auto& c : cases) {
+    std::string reason;
+    EXPECT_EQ(c.code, CodeOf(
+                          c.user, [&] { FolderAdd(Parse(c.folders), false); }, &reason))
+        << c.folders;
+    EXPECT_NE(std::string::npos, reason.find(c.reason)) << c.folders << " gave: " << reason;
+  }
+  EXPECT_EQ(std::vector<std::string>{"/volume1/photo/ann"}, ListedPaths("root"));
+  EXPECT_EQ(before, ReadFile("/volume1/@kestondri/queue/photo.queue"));
+}
+
+TEST_F(FileIndexTest, AFailedQueueWriteRollsTheStoreBack) {
+  Add("root", R"([{"path": "/volume1/photo/shared"}])");
+  // The queue's twin cannot be written: the change must not stay half done.
+  mkdir("/volume1/@kestondri/queue/docs.queue.tmp", 0755);
+  std::string reason;
+  EXPECT_EQ(502,
+            CodeOf(
+                "root",
+                [] {
+                  FolderAdd(
+                      Parse(R"([{"path": "/volume1/photo/ann"}, {"path": "/volume1/docs/open"}])"),
+                      false);
+                },
+                &reason));
+  EXPECT_NE(std::string::npos, reason.find("docs.queue.tmp")) << reason;
+  EXPECT_EQ(std::vector<std::string>{"/volume1/photo/shared"}, ListedPaths("root"));
+  rmdir("/volume1/@kestondri/queue/docs.queue.tmp");
+  EXPECT_EQ(0, CodeOf("root", [] { FolderDelete(Parse(R"(["/volume1/photo/shared"])")); }));
+  EXPECT_TRUE(ListedPaths("root").empty());
+}
+
+TEST_F(FileIndexTest, UsersSeeOnlyWhatTheyCanRead) {
+  Add("ann", R"([{"path": "/volume1/photo/ann"}])");
+  Add("bob", R"([{"path": "/volume1/photo/bob"}, {"path": "/volume1/photo/shared"}])");
+  Add("root", R"([{"path": "/volume1/docs/open", "owner": "carol"}])");
+  EXPECT_EQ((std::vector<std::string>{"/volume1/docs/open", "/volume1/photo/ann",
+                                      "/volume1/photo/bob", "/volume1/photo/shared"}),
+            ListedPaths("root"));
+  EXPECT_EQ((std::vector<std::string>{"/volume1/docs/open", "/volume1/photo/ann",
+                                      "/volume1/photo/shared"}),
+            ListedPaths("ann"));
+  // dave may not use the docs share at all.
+  EXPECT_EQ((std::vector<std::string>{"/volume1/photo/shared"}), ListedPaths("dave"));
+  std::string reason;
+  EXPECT_EQ(120, CodeOf(
+                     "ann",
+                     [] {
+                       Json::Value out;
+                       FolderGet(out, "/volume1/photo/bob");
+                     },
+                     &reason));
+  EXPECT_EQ("not an indexed folder: /volume1/photo/bob", reason);
+
+  Json::Value groups;
+  As("ann", [&] { FolderListGroups(groups); });
+  EXPECT_EQ(Parse(R"({"groups": [{"id": "all", "name": "all", "count": 3},
+                           {"id": "mine", "name": "mine", "count": 1},
+                           {"id": "share:docs", "name": "docs", "count": 1},
+                           {"id": "share:photo", "name": "photo", "count": 2}]})"),
+            groups);
+  Json::Value summary;
+  As("bob", [&] { FolderSummary(summary); });
+  EXPECT_EQ(3u, summary["total"].asUInt());
+  EXPECT_EQ(2u, summary["mine"].asUInt());
+  EXPECT_EQ(2u, summary["shares"].asUInt());
+  EXPECT_EQ(3u, summary["types"]["video"].asUInt());
+  EXPECT_FALSE(summary["indexing_paused"].asBool());
+}
+
+TEST_F(FileIndexTest, OnlyOwnersAndAdministratorsChangeFolders) {
+  Add("bob", R"([{"path": "/volume1/photo/bob"}, {"path": "/volume1/photo/shared"}])");
+  Add("ann", R"([{"path": "/volume1/photo/ann"}])");
+  struct Case {
+    const char* user;
+    std::function<void()> call;
+    int code;
+  } cases[] = {
+      // ann can read bob's shared folder but does not own it.
+      {"ann", [] { FolderDelete(Parse(R"(["/volume1/photo/shared"])")); }, 507},
+      {"ann", [] { FolderReindex(Parse(R"(["/volume1/photo/shared"])")); }, 507},
+      {"ann",
+       [] { FolderSet(Parse(R"([{"path": "/volume1/photo/shared", "paused": true}])"), false); },
+       507},
+      // bob's private folder does not exist as far as ann can tell.
+      {"ann", [] { FolderDelete(Parse(R"(["/volume1/photo/bob"])")); }, 120},
+      {"ann", [] { FolderDelete(Parse(R"(["/volume1/photo/none"])")); }, 120},
+      {"ann", [] { FolderDelete(Parse(R"([])")); }, 120},
+      {"ann", [] { FolderDelete(Parse(R"([3])")); }, 120},
+      {"ann", [] { FolderDelete(std::string("bob")); }, 507},
+      {"root", [] { FolderDelete(std::string("nosuchuser")); }, 120},
+      {"ann", [] { FolderDelete(std::string("")); }, 120},
+      {"ann", [] { FolderReindex(Parse(R"(["/volume1/photo/ann/../bob"])")); }, 120},
+      {"ann", [] { StatusMgr().Pause(10); }, 507},
+      {"ann", [] { StatusMgr().Resume(); }, 507},
+  };
+  for (const auto& c : cases) EXPECT_EQ(c.code, CodeOf(c.user, c.call));
+  EXPECT_EQ(3u, ListedPaths("root").size());
+
+  EXPECT_EQ(0, CodeOf("bob", [] {
+              FolderSet(
+                  Parse(R"([{"path": "/volume1/photo/shared", "paused": true, "name": "S"}])"),
+                  false);
+            }));
+  Json::Value entry;
+  As("ann", [&] { FolderGet(entry, "/volume1/photo/shared"); });
+  EXPECT_TRUE(entry["paused"].asBool());
+  EXPECT_EQ("S", entry["name"].asString());
+  EXPECT_EQ("paused", entry["additional"]["status"].asString());
+  // replace: what is not given returns to its default.
+  EXPECT_EQ(0, CodeOf("bob", [] {
+              FolderSet(Parse(R"([{"path": "/volume1/photo/shared", "audio": false}])"), true);
+            }));
+  As("bob", [&] { FolderGet(entry, "/volume1/photo/shared"); });
+  EXPECT_FALSE(entry["paused"].asBool());
+  EXPECT_FALSE(entry["audio"].asBool());
+  EXPECT_EQ("shared", entry["name"].asString());
+
+  EXPECT_EQ(0, CodeOf("ann", [] { FolderDelete(std::string("ann")); }));
+  EXPECT_EQ(0, CodeOf("root", [] { FolderDelete(Parse(R"(["/volume1/photo/shared"])")); }));
+  EXPECT_EQ(std::vector<std::string>{"/volume1/photo/bob"}, ListedPaths("root"));
+  EXPECT_NE(
+      std::string::npos,
+      ReadFile("/volume1/@kestondri/queue/photo.queue").find("remove\t/volume1/photo/shared\n"));
+  EXPECT_EQ(0, CodeOf("root", [] { FolderDelete(std::string("bob")); }));
+  EXPECT_TRUE(ListedPaths("root").empty());
+}
+
+TEST_F(FileIndexTest, ListPagesSortsAndFilters) {
+  Add("root", R"([{"path": "/volume1/photo/shared", "name": "beta"},
+                  {"path": "/volume1/photo/ann", "name": "Alpha", "owner": "ann"},
+                  {"path": "/volume1/docs/open", "name": "gamma"}])");
+  auto list = [](const std::string& user, uint64_t offset, uint64_t limit, const std::string& sort,
+                 const std::string& dir, const std::string& group, const std::string& pattern) {
+    Json::Value page;
+    As(user, [&] { FolderList(page, offset, limit, sort, dir, group, pattern, Json::Value()); });
+    std::string names;
+    for (const auto& f : page["folders"]) names += f["name"].asString() + ",";
+    return std::to_string(page["total"].asUInt64()) + ":" + names;
+  };
+  EXPECT_EQ("3:gamma,Alpha,beta,", list("root", 0, UINT64_MAX, "", "", "", ""));
+  EXPECT_EQ("3:Alpha,beta,gamma,", list("root", 0, UINT64_MAX, "name", "asc", "all", ""));
+  EXPECT_EQ("3:gamma,beta,", list("root", 0, 2, "name", "DESC", "all", ""));
+  EXPECT_EQ("3:gamma,", list("root", 2, 5, "name", "asc", "all", ""));
+  EXPECT_EQ("3:", list("root", static_cast<uint64_t>(-1), UINT64_MAX, "", "", "all", ""));
+  EXPECT_EQ("1:Alpha,", list("ann", 0, UINT64_MAX, "", "", "mine", ""));
+  EXPECT_EQ("1:gamma,", list("root", 0, UINT64_MAX, "", "", "share:docs", ""));
+  EXPECT_EQ("2:Alpha,beta,", list("root", 0, UINT64_MAX, "name", "", "all", "PHOTO"));
+  EXPECT_EQ("1:Alpha,", list("root", 0, UINT64_MAX, "name", "", "all", "alp"));
+  for (auto bad : std::vector<std::function<void()>>{
+           [] {
+             Json::Value o;
+             FolderList(o, 0, 1, "size", "", "all", "", Json::Value());
+           },
+           [] {
+             Json::Value o;
+             FolderList(o, 0, 1, "", "up", "all", "", Json::Value());
+           },
+           [] {
+             Json::Value o;
+             FolderList(o, 0, 1, "", "", "others", "", Json::Value());
+           },
+           [] {
+             Json::Value o;
+             FolderList(o, 0, 1, "", "", "all", "", Parse(R"(["owner_uid"])"));
+           },
+       }) {
+    EXPECT_EQ(120, CodeOf("root", bad));
+  }
+  Json::Value page;
+  As("root", [&] { FolderList(page, 0, 1, "", "", "all", "", Parse(R"(["status"])")); });
+  EXPECT_EQ("processing", page["folders"][0]["additional"]["status"].asString());
+}
+
+TEST_F(FileIndexTest, QueueKeepsOrderSurvivesAnInterruptedRewriteAndDropsCutLines) {
+  Add("root", R"([{"path": "/volume1/photo/shared"}, {"path": "/volume1/photo/ann"}])");
+  // A rewrite interrupted before its rename left entries in the twin, the
+  // last one cut off.
+  WriteFile("/volume1/@kestondri/queue/photo.queue.tmp",
+            "# kestondri queue 1\nremove\t/volume1/photo/old\nreindex\t/volume1/photo/cu");
+  EXPECT_EQ(0, CodeOf("root", [] { FolderReindex(Parse(R"(["/volume1/photo/shared"])")); }));
+  EXPECT_EQ(
+      "# kestondri queue 1\nremove\t/volume1/photo/old\nreindex\t/volume1/photo/ann\n"
+      "reindex\t/volume1/photo/shared\n",
+      ReadFile("/volume1/@kestondri/queue/photo.queue"));
+  struct stat st;
+  EXPECT_NE(0, stat("/volume1/@kestondri/queue/photo.queue.tmp", &st));
+}
+
+TEST_F(FileIndexTest, AVanishedShareOrFolderIsReportedNotLost) {
+  Add("root", R"([{"path": "/volume1/docs/open"}, {"path": "/volume1/photo/shared"}])");
+  rmdir("/volume1/docs/open");
+  WriteConf("[photo]\npath = /volume1/photo\n");
+  Json::Value page;
+  As("root", [&] { FolderList(page, 0, UINT64_MAX, "", "", "all", "", Parse(R"(["status"])")); });
+  ASSERT_EQ(2u, page["total"].asUInt());
+  EXPECT_EQ("unavailable", page["folders"][0]["additional"]["status"].asString());
+  EXPECT_EQ((std::set<std::string>{"docs", "photo"}), FolderMgr().GetIndexedShares());
+  EXPECT_EQ(std::vector<std::string>{"/volume1/photo/shared"}, ListedPaths("ann"));
+  EXPECT_EQ(0, CodeOf("root", [] { FolderDelete(Parse(R"(["/volume1/docs/open"])")); }));
+  EXPECT_EQ(std::vector<std::string>{"/volume1/photo/shared"}, ListedPaths("root"));
+}
+
+TEST_F(FileIndexTest, PauseStateIsSharedAcrossProcesses) {
+  StatusMgr status;
+  EXPECT_EQ(1, status.GetPauseInfo());  // not paused: a time long past
+  const pid_t child = fork();
+  if (child == 0) {
+    try {
+      StatusMgr().Pause(0);
+    } catch (...) {
+      _exit(1);
+    }
+    _exit(0);
+  }
+  int wstatus = 0;
+  ASSERT_EQ(child, waitpid(child, &wstatus, 0));
+  ASSERT_EQ(0, WEXITSTATUS(wstatus));
+  EXPECT_EQ(0, status.GetPauseInfo());  // until resumed
+  const int64_t before = time(nullptr);
+  status.Pause(3600);
+  EXPECT_GE(status.GetPauseInfo(), before + 3600);
+  status.Pause(-5);
+  EXPECT_EQ(0, status.GetPauseInfo());
+  status.Resume();
+  EXPECT_EQ(1, status.GetPauseInfo());
+  // Anybody may read the state.
+  int64_t seen = -1;
+  As("dave", [&] { seen = StatusMgr().GetPauseInfo(); });
+  EXPECT_EQ(1, seen);
+}
+
+TEST(FileIndexNamesTest, ShareNamesAndIndexIds) {
+  WriteConf("[photo]\npath = /volume1/photo\n");
+  std::string name = "x", path = "y";
+  GetShareNamePathByFullPath("/volume1/photo/a/b.jpg", name, path);
+  EXPECT_EQ("photo", name);
+  EXPECT_EQ("/volume1/photo", path);
+  GetShareNamePathByFullPath("/volume1/other/a", name, path);
+  EXPECT_EQ("", name);
+  EXPECT_EQ("", path);
+  EXPECT_EQ("fileindex_photo", elastic::GetFileIndexID("photo"));
+  EXPECT_THROW(elastic::GetFileIndexID(""), Error);
+}
+
+}  // namespace
+}  // namespace fileindex
+}  // namespace kestondri
