@@ -4,6 +4,9 @@
 // p99 latency, and the peak RSS of the master and of any worker seen.
 //
 //   webapi_server_bench [seconds-per-run [connections,...]]
+//
+// KEST_BENCH_MAX_WORKERS=N sets the server's max_workers;
+// KEST_BENCH_NSS_FILES=1 limits the sandbox's name services to files.
 #include <signal.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -165,7 +168,9 @@ int main(int argc, char** argv) {
   kesttest::WriteFile("/etc/pam.d/kestondri", kesttest::ReadFile(std::string(KEST_SOURCE_DIR) +
                                                                  "/host/dist/kestondri.pam"));
   kesttest::ServerProcess server;
-  server.Start(kesttest::TestConfig());
+  const char* workers = getenv("KEST_BENCH_MAX_WORKERS");
+  server.Start(kesttest::TestConfig(
+      workers ? std::string("[server]\nmax_workers = ") + workers + "\n" : std::string()));
   if (server.pid() <= 0) {
     fprintf(stderr, "the server did not start\n");
     return 1;
