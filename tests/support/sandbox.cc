@@ -4,6 +4,7 @@
 #include <dirent.h>
 #include <fcntl.h>
 #include <grp.h>
+#include <gtest/gtest.h>
 #include <net/if.h>
 #include <sched.h>
 #include <sys/ioctl.h>
@@ -24,6 +25,7 @@
 #include <stdexcept>
 #include <thread>
 
+#include "kest/json.h"
 #include "support/syslog_capture.h"
 
 namespace kesttest {
@@ -269,6 +271,19 @@ void WriteFile(const std::string& path, const std::string& content, mode_t mode)
 }
 
 std::string ReadFile(const std::string& path) { return Slurp(path); }
+
+void WriteSharesConf(const std::string& text) {
+  WriteFile("/etc/kest/shares.conf.new", text);
+  if (rename("/etc/kest/shares.conf.new", "/etc/kest/shares.conf") != 0) {
+    ADD_FAILURE() << "cannot replace /etc/kest/shares.conf: " << strerror(errno);
+  }
+}
+
+Json::Value ParseJson(const std::string& text) {
+  Json::Value value;
+  EXPECT_TRUE(Json::fromString(value, text)) << text;
+  return value;
+}
 
 int OpenFdCount() {
   int count = 0;
