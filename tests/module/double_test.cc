@@ -88,25 +88,6 @@ TEST_F(DoubleTest, LookupFailureMessageSkipsTheErrorCodesWorthOfText) {
   EXPECT_EQ(0, PlatformDouble::Calls("KESTUserFree")) << "nothing to free after a failure";
 }
 
-TEST_F(DoubleTest, FailedSwitchAnswers503) {
-  PlatformDouble::FailNext("ResetCredentialsByName");
-  KEST::APIRequest request(Json::Value(Json::objectValue), kAnnUid, "ann", "s", false);
-  KEST::APIResponse response;
-  {
-    RequestGuard guard;
-    kestondri::webapi::OndriAPIRun<kestondri::webapi::OndriAPI>(&request, &response);
-    EXPECT_TRUE(guard.Finish().empty());
-  }
-  ASSERT_TRUE(response.IsError());
-  EXPECT_EQ(503, response.GetErrorCode());
-  EXPECT_TRUE(response.GetErrorData().isNull());
-  EXPECT_EQ(
-      (std::vector<std::string>{LogLine("credentials.cc", 53, "AsUser",
-                                        "Failed [!ResetCredentialsByName(target_username)]"),
-                                LogLine(kOndriApiHeader, 52, "OndriAPIRun", "Got exception: ")}),
-      CapturedLines());
-}
-
 TEST_F(DoubleTest, FailedSwitchBackThrowsUnlessUnwinding) {
   {
     RequestGuard guard;

@@ -29,12 +29,9 @@
 namespace kestondri {
 namespace {
 
-using kesttest::PlatformDouble;
+using kesttest::WriteSharesConf;
 
-void WriteConf(const std::string& text) {
-  kesttest::WriteFile("/etc/kest/shares.conf.new", text);
-  ASSERT_EQ(0, rename("/etc/kest/shares.conf.new", "/etc/kest/shares.conf"));
-}
+using kesttest::PlatformDouble;
 
 std::string Rwx(int bits) {
   std::string s = "---";
@@ -126,7 +123,7 @@ TEST_F(PermissionModelTest, ChecksMatchTheModel) {
       const std::string names = RandomNames();
       if (!names.empty()) conf += std::string(key) + " = " + names + "\n";
     }
-    WriteConf(conf);
+    WriteSharesConf(conf);
 
     const std::string base = "/volume1/photo/r" + std::to_string(round);
     const std::vector<std::string> dirs = {base, "/volume1/homes/ann/r" + std::to_string(round),
@@ -194,7 +191,7 @@ TEST_F(PermissionModelTest, ChecksMatchTheModel) {
 class FilePermissionTest : public PermissionModelTest {
  protected:
   void SetUp() override {
-    WriteConf(
+    WriteSharesConf(
         "[global]\nuser home = yes\n[photo]\npath = /volume1/photo\nftp disable download = yes\n"
         "[docs]\npath = /volume1/docs\n[homes]\npath = /volume1/homes\n");
     kesttest::WriteFile("/volume1/photo/a.jpg", "x");

@@ -18,21 +18,18 @@
 namespace kestondri {
 namespace {
 
+using kesttest::WriteSharesConf;
+
 using kesttest::PlatformDouble;
 using kesttest::SyslogCapture;
 using sdk::SDKShare;
 using sdk::SharePathMgr;
 using sdk::User;
 
-void WriteConf(const std::string& text) {
-  kesttest::WriteFile("/etc/kest/shares.conf.new", text);
-  ASSERT_EQ(0, rename("/etc/kest/shares.conf.new", "/etc/kest/shares.conf"));
-}
-
 class SDKShareTest : public ::testing::Test {
  protected:
   void SetUp() override {
-    WriteConf(
+    WriteSharesConf(
         "[global]\nuser home = yes\n"
         "[photo]\npath = /volume1/photo\nhide unreadable = yes\nrecycle bin = yes\n"
         "ftp disable list = yes\nftp disable download = yes\n"

@@ -41,17 +41,11 @@ constexpr char kSharesConf[] =
     "path = /volume1/private\n"
     "read list = bob\n";
 
-Json::Value Parse(const std::string& text) {
-  Json::Value value;
-  EXPECT_TRUE(Json::fromString(value, text)) << text;
-  return value;
-}
-
 std::string TrackingFile(const std::string& id) { return "/tmp/vyr_query_" + id + ".pid"; }
 
 // A search request with every parameter given.
 Json::Value FullParams() {
-  return Parse(R"({
+  return ParseJson(R"({
     "indice": ["docs", "private", "nosuch", "homes"],
     "from": 10, "size": 20, "query_serial": 3,
     "fields": ["KESTMDPath", "KESTMDFSName"],
@@ -67,7 +61,7 @@ Json::Value FullParams() {
 // The smallest request the method accepts, searching `shares`.
 Json::Value Params(const std::vector<std::string>& shares, const std::string& query_id = "",
                    int serial = 0) {
-  Json::Value params = Parse(R"({"from": 0, "size": 10, "fields": [], "file_type": ""})");
+  Json::Value params = ParseJson(R"({"from": 0, "size": 10, "fields": [], "file_type": ""})");
   params["indice"] = Json::Value(Json::arrayValue);
   for (const auto& s : shares) params["indice"].append(s);
   if (!query_id.empty()) params["query_id"] = query_id;
@@ -151,11 +145,11 @@ TEST_F(SearchTest, DaemonRequestIsBuiltMemberByMember) {
     ASSERT_EQ(1u, requests.size());
     Json::Value expected;
     expected["command"] = "search";
-    expected["data"] = Parse(c.data);
+    expected["data"] = ParseJson(c.data);
     EXPECT_EQ(expected, requests[0]) << c.login.name << "\n" << requests[0].toStyledString();
     const auto status = daemon.Requests("list_db_status");
     ASSERT_EQ(1u, status.size());
-    EXPECT_EQ(Parse(R"({"command": "list_db_status", "data": {}})"), status[0]);
+    EXPECT_EQ(ParseJson(R"({"command": "list_db_status", "data": {}})"), status[0]);
   }
 }
 
@@ -165,7 +159,7 @@ TEST_F(SearchTest, HomesIsSearchedForEveryUserWithoutAPrivilegeCheck) {
   daemon.On("list_db_status", StatusReply());
   // dave is refused by the homes share itself, and by docs.
   ASSERT_TRUE(Search(kDave, Params({"docs", "homes"})).IsSuccess());
-  EXPECT_EQ(Parse(R"(["fileindex_homes"])"), daemon.Requests("search").at(0)["data"]["indice"]);
+  EXPECT_EQ(ParseJson(R"(["fileindex_homes"])"), daemon.Requests("search").at(0)["data"]["indice"]);
 }
 
 TEST_F(SearchTest, NoShareNamedSearchesEveryIndexedShareInNameOrder) {
@@ -185,7 +179,7 @@ TEST_F(SearchTest, NoShareNamedSearchesEveryIndexedShareInNameOrder) {
       Json::Value params = Params({});
       if (absent) params.removeMember("indice");
       ASSERT_TRUE(Search(c.login, params).IsSuccess()) << c.login.name;
-      EXPECT_EQ(Parse(c.indice), daemon.Requests("search").at(0)["data"]["indice"])
+      EXPECT_EQ(ParseJson(c.indice), daemon.Requests("search").at(0)["data"]["indice"])
           << c.login.name << (absent ? " without indice" : " with an empty indice");
     }
   }
@@ -249,7 +243,7 @@ TEST_F(SearchTest, ReplyStreamRules) {
     for (Json::ArrayIndex i = 0; i < out["hits"].size(); ++i) {
       EXPECT_EQ(c.hit_names[i], out["hits"][i]["KESTMDFSName"].asString()) << c.what;
     }
-    EXPECT_EQ(Parse(R"(["fileindex_a", "fileindex_b", "fileindex_c", "fileindex_a"])"),
+    EXPECT_EQ(ParseJson(R"(["fileindex_a", "fileindex_b", "fileindex_c", "fileindex_a"])"),
               out["unavail"])
         << c.what;
   }
@@ -347,7 +341,8 @@ TEST_F(SearchTest, NoShareToSearchAnswersEmptyWithoutTheDaemon) {
   for (const auto& c : cases) {
     const auto response = Search(c.login, Params(c.shares, "q-empty", 4));
     ASSERT_TRUE(response.IsSuccess()) << c.what;
-    EXPECT_EQ(Parse(R"({"hits": [], "total": 0, "unavail": []})"), response.GetData()) << c.what;
+    EXPECT_EQ(ParseJson(R"({"hits": [], "total": 0, "unavail": []})"), response.GetData())
+        << c.what;
     EXPECT_EQ(-1, access(TrackingFile("q-empty").c_str(), F_OK)) << c.what;
   }
   EXPECT_EQ(0, daemon.Connections());
@@ -365,7 +360,7 @@ TEST_F(SearchTest, WithoutASocketTheSearchStepIsEmptyButTheStatusStepFails) {
   KEST::APIResponse response;
   {
     SearchProbe probe(&request, &response);
-    EXPECT_EQ(Parse(R"({"hits": [], "total": 0})"), probe.RunSearch());
+    EXPECT_EQ(ParseJson(R"({"hits": [], "total": 0})"), probe.RunSearch());
   }
   BecomeRoot();
   // The whole method still asks for the index status, which needs the daemon.
@@ -526,26 +521,19 @@ TEST_F(SearchTest, TrackingFileNotWrittenByTheModuleIsIgnored) {
   unlink(victim.c_str());
 }
 
-TEST_F(SearchTest, StaleRecordOfThisVeryProcessDoesNotKillIt) {
+TEST_F(SearchTest, FailedSearchLeavesItsClaimWhichDoesNotStopItsOwnProcess) {
   FakeDaemon daemon;
   daemon.On("search", DaemonReply::Failure(4242, "broken"));
-  ASSERT_EQ(4242, Search(kAnn, Params({"docs"}, "q4", 1)).GetErrorCode());
+  ASSERT_EQ(4242, Search(kAnn, Params({"docs"}, "q2", 9)).GetErrorCode());
+  const auto record = ParseJson(ReadFile(TrackingFile("q2")));
+  EXPECT_EQ(static_cast<int>(getpid()), record["pid"].asInt());
+  EXPECT_EQ(9, record["query_serial"].asInt());
   // The worker goes on serving: the next request of the query id must not
   // stop the process it runs in.
   daemon.On("search", Hits({R"({"success": true})"}));
   daemon.On("list_db_status", StatusReply());
-  EXPECT_TRUE(Search(kAnn, Params({"docs"}, "q4", 2)).IsSuccess());
-  EXPECT_EQ(-1, access(TrackingFile("q4").c_str(), F_OK));
-}
-
-TEST_F(SearchTest, FailedSearchLeavesItsClaimBehind) {
-  FakeDaemon daemon;
-  daemon.On("search", DaemonReply::Failure(4242, "broken"));
-  ASSERT_EQ(4242, Search(kAnn, Params({"docs"}, "q2", 9)).GetErrorCode());
-  const auto record = Parse(ReadFile(TrackingFile("q2")));
-  EXPECT_EQ(static_cast<int>(getpid()), record["pid"].asInt());
-  EXPECT_EQ(9, record["query_serial"].asInt());
-  unlink(TrackingFile("q2").c_str());
+  EXPECT_TRUE(Search(kAnn, Params({"docs"}, "q2", 10)).IsSuccess());
+  EXPECT_EQ(-1, access(TrackingFile("q2").c_str(), F_OK));
 }
 
 // Runs one search in a child process and reports its answer through a pipe.
@@ -588,12 +576,12 @@ TEST_F(SearchTest, NewerRequestOfTheSameQueryKillsTheOlderProcess) {
 
   const RemoteSearch older = StartSearch(Params({"docs"}, "typeahead", 5));
   ASSERT_TRUE(daemon.WaitForRequests(1));
-  const auto claim = Parse(ReadFile(TrackingFile("typeahead")));
+  const auto claim = ParseJson(ReadFile(TrackingFile("typeahead")));
   EXPECT_EQ(older.pid, claim["pid"].asInt());
   EXPECT_EQ(5, claim["query_serial"].asInt());
 
   const RemoteSearch newer = StartSearch(Params({"docs"}, "typeahead", 6));
-  const auto answer = Parse(ReadAll(newer.fd));
+  const auto answer = ParseJson(ReadAll(newer.fd));
   int status = 0;
   ASSERT_EQ(newer.pid, waitpid(newer.pid, &status, 0));
   EXPECT_TRUE(answer["success"].asBool()) << Json::toString(answer);
