@@ -255,26 +255,22 @@ TEST_F(KlibIdentityTest, UnknownUserLeavesTheIdentity) {
 // Callers log errno as the cause of their next failure: a call that did not
 // fail on a system call leaves it as it was.
 TEST(KlibErrnoTest, CallsWithoutSystemFailureLeaveErrnoAlone) {
+  auto user = [](const char* name) {
+    PKESTUSER record = nullptr;
+    KESTUserGet(name, &record);
+    KESTUserFree(record);
+  };
   const std::pair<const char*, std::function<void()>> calls[] = {
       {"admin group name", [] { KLIBGroupAdminGroupName(); }},
       {"admin member", [] { KLIBGroupIsAdminGroupMem("carol", 0); }},
       {"admin member, unknown user", [] { KLIBGroupIsAdminGroupMem("nosuchuser", 0); }},
       {"group list", [] { KLIBCSzListFree(KLIBGroupInfoListGet("ann", TRUE)); }},
-      {"user",
-       [] {
-         PKESTUSER user = nullptr;
-         KESTUserGet("bob", &user);
-         KESTUserFree(user);
-       }},
-      {"unknown user",
-       [] {
-         PKESTUSER user = nullptr;
-         KESTUserGet("nosuchuser", &user);
-       }},
+      {"user", [&] { user("bob"); }},
+      {"unknown user", [&] { user("nosuchuser"); }},
       {"unknown uid",
        [] {
-         PKESTUSER user = nullptr;
-         KESTUserGetByUID(54321, &user);
+         PKESTUSER record = nullptr;
+         KESTUserGetByUID(54321, &record);
        }},
       {"switch", [] { ResetCredentialsByName("ann", true); }},
       {"switch again", [] { ResetCredentialsByName("bob", true); }},

@@ -99,13 +99,7 @@ TEST_F(SockConnectionTest, ConnectFailuresLeaveNoDescriptor) {
   EXPECT_EQ(-1, missing.fd());
   EXPECT_FALSE(DomainSockConnection("/var/run/none/x.sock").Connect(1));
   EXPECT_FALSE(DomainSockConnection("/run/" + std::string(200, 'x')).Connect(1));
-  // A socket file nobody listens on.
-  const int fd = socket(AF_UNIX, SOCK_STREAM, 0);
-  sockaddr_un addr{};
-  addr.sun_family = AF_UNIX;
-  strncpy(addr.sun_path, kPath, sizeof(addr.sun_path) - 1);
-  ASSERT_EQ(0, bind(fd, reinterpret_cast<sockaddr*>(&addr), sizeof(addr)));
-  close(fd);
+  BindDeadSocket(kPath);
   EXPECT_FALSE(DomainSockConnection(kPath).Connect(1));
   unlink(kPath);
   // A failed reconnect drops the descriptor of the earlier connection.

@@ -12,6 +12,7 @@
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/syscall.h>
+#include <sys/un.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -277,6 +278,17 @@ void WriteSharesConf(const std::string& text) {
   if (rename("/etc/kest/shares.conf.new", "/etc/kest/shares.conf") != 0) {
     ADD_FAILURE() << "cannot replace /etc/kest/shares.conf: " << strerror(errno);
   }
+}
+
+void BindDeadSocket(const std::string& path) {
+  const int fd = socket(AF_UNIX, SOCK_STREAM, 0);
+  sockaddr_un addr{};
+  addr.sun_family = AF_UNIX;
+  strncpy(addr.sun_path, path.c_str(), sizeof(addr.sun_path) - 1);
+  unlink(path.c_str());
+  EXPECT_EQ(0, bind(fd, reinterpret_cast<sockaddr*>(&addr), sizeof(addr))) << path;
+  close(fd);
+  chmod(path.c_str(), 0666);
 }
 
 Json::Value ParseJson(const std::string& text) {

@@ -52,6 +52,9 @@ std::string ReadFile(const std::string& path);
 // Replaces /etc/kest/shares.conf through a rename, as an editor saving it
 // would, so that a reader never sees half a file.
 void WriteSharesConf(const std::string& text);
+// Leaves a socket file at `path` that nobody listens on, as a daemon that
+// died would.
+void BindDeadSocket(const std::string& path);
 // Parses JSON text; a test failure when it is not JSON.
 Json::Value ParseJson(const std::string& text);
 
