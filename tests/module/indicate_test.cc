@@ -169,12 +169,7 @@ TEST_F(IndicateTest, DaemonReplies) {
 }
 
 TEST_F(IndicateTest, SocketWithoutListenerIs605) {
-  const int fd = socket(AF_UNIX, SOCK_STREAM, 0);
-  sockaddr_un addr{};
-  addr.sun_family = AF_UNIX;
-  strcpy(addr.sun_path, "/var/run/kestelasticd.sock");
-  ASSERT_EQ(0, bind(fd, reinterpret_cast<sockaddr*>(&addr), sizeof(addr)));
-  close(fd);
+  BindDeadSocket(FakeDaemon::kSocketPath);
   EXPECT_EQ(605, RunAPI<IndicateAPI>(kAnn, Params(R"(["document"])")).GetErrorCode());
   EXPECT_TRUE(SyslogCapture::Instance().WaitFor("Cannot connect to kestelastic daemon"));
 }

@@ -101,23 +101,10 @@ TEST(JsonHelpersTest, ScalarTypes) {
   CheckType<double>('d', -4.25);
 }
 
-TEST(JsonHelpersTest, LongIsStricterThanInt) {
-  const Json::Value object = ParseJson(R"({"k":1.0})");
-  int i = 0;
-  EXPECT_EQ("", Read(i, object, true));
-  EXPECT_EQ(1, i);
+TEST(JsonHelpersTest, LongTakesItsWholeRange) {
   long l = 7;
-  EXPECT_EQ(R"(Not a string, data={"k":1.0})", Read(l, object, true));
-  EXPECT_EQ(7, l);
-  const Json::Value big = ParseJson(R"({"k":-9223372036854775808})");
-  EXPECT_EQ("", Read(l, big, true));
+  EXPECT_EQ("", Read(l, ParseJson(R"({"k":-9223372036854775808})"), true));
   EXPECT_EQ(LONG_MIN, l);
-}
-
-TEST(JsonHelpersTest, ReasonCarriesTheWholeObject) {
-  const Json::Value object = ParseJson(R"({"a":{"b":[1,2]},"k":"str"})");
-  int out = 0;
-  EXPECT_EQ(R"(Not a string, data={"a":{"b":[1,2]},"k":"str"})", Read(out, object, true));
 }
 
 TEST(JsonHelpersTest, ValueReadsAnyMember) {

@@ -83,10 +83,6 @@ TEST_F(SDKShareTest, AnswersFromTheConfiguration) {
   EXPECT_EQ(KEST_SHARE_PRIV_NA, docs.GetPrivilege("nosuchuser"));
 }
 
-TEST_F(SDKShareTest, EnumIsSortedAndUnique) {
-  EXPECT_EQ((std::set<std::string>{"docs", "homes", "photo", "vault"}), SDKShare::Enum());
-}
-
 TEST_F(SDKShareTest, CachedAnswersAskThePlatformOnce) {
   SDKShare photo("photo");
   photo.GetDBPath();

@@ -199,6 +199,7 @@ TEST_F(SearchTest, DefaultsOfOptionalParameters) {
   EXPECT_TRUE(data["pre_query"]["search_weight_list"].isNull());
   EXPECT_EQ("", data["pre_query"]["keyword"].asString());
   EXPECT_EQ("", data["orig_keyword"].asString());
+  EXPECT_EQ(-1, access(TrackingFile("").c_str(), F_OK)) << "untracked: no file";
 }
 
 TEST_F(SearchTest, ReplyStreamRules) {
@@ -314,14 +315,7 @@ TEST_F(SearchTest, MalformedQueryReportsTheRequestInsteadOfTheDaemonText) {
 }
 
 TEST_F(SearchTest, SocketThatNobodyListensOnIs605) {
-  // A socket file left by a daemon that died.
-  const int fd = socket(AF_UNIX, SOCK_STREAM, 0);
-  sockaddr_un addr{};
-  addr.sun_family = AF_UNIX;
-  strcpy(addr.sun_path, "/var/run/kestelasticd.sock");
-  ASSERT_EQ(0, bind(fd, reinterpret_cast<sockaddr*>(&addr), sizeof(addr)));
-  close(fd);
-  chmod("/var/run/kestelasticd.sock", 0666);
+  BindDeadSocket(FakeDaemon::kSocketPath);
   EXPECT_EQ(605, Search(kAnn, Params({"docs"})).GetErrorCode());
   EXPECT_TRUE(SyslogCapture::Instance().WaitFor(
       "(Search) Failed [!conn.Connect(kElasticdConnectTimeout)], reason: KestOndri error, "
@@ -419,14 +413,6 @@ TEST_F(SearchTest, QueryIdWithASlashIsRefusedBeforeAnyFile) {
   EXPECT_EQ(0, daemon.Connections());
   EXPECT_TRUE(SyslogCapture::Instance().WaitFor(R"(Failed [string::npos != query_id_.find("/")])"));
   rmdir("/tmp/vyr_query_x");
-}
-
-TEST_F(SearchTest, UntrackedSearchesTouchNoFile) {
-  FakeDaemon daemon;
-  daemon.On("search", Hits({R"({"success": true})"}));
-  daemon.On("list_db_status", StatusReply());
-  ASSERT_TRUE(Search(kAnn, Params({"docs"})).IsSuccess());
-  EXPECT_EQ(-1, access(TrackingFile("").c_str(), F_OK));
 }
 
 // A process that stands for an older request of the query id.
