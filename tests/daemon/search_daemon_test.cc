@@ -619,15 +619,7 @@ TEST_F(SearchDaemonTest, SearchesARemoteIndexTogetherWithLocalOnes) {
 
 TEST(SearchDaemonLifecycleTest, ReplacesAStaleSocketAndRemovesItsOwnOnExit) {
   const std::string sock = "/run/lifecycle.sock";
-  // A socket file left by a daemon that died.
-  {
-    int fd = socket(AF_UNIX, SOCK_STREAM, 0);
-    sockaddr_un addr{};
-    addr.sun_family = AF_UNIX;
-    strcpy(addr.sun_path, sock.c_str());
-    ASSERT_EQ(0, bind(fd, reinterpret_cast<sockaddr*>(&addr), sizeof addr));
-    close(fd);
-  }
+  BindDeadSocket(sock);
   pid_t pid = fork();
   if (pid == 0) {
     std::string program = std::string(KEST_BINARY_DIR) + "/daemon/kestelasticd";
