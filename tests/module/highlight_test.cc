@@ -8,6 +8,7 @@
 
 #include "kest/json.h"
 #include "module/api_runner.h"
+#include "module/indexed_shares.h"
 #include "support/fake_daemon.h"
 #include "support/sandbox.h"
 #include "support/syslog_capture.h"
@@ -30,15 +31,7 @@ class HighlightTest : public ::testing::Test {
  protected:
   void SetUp() override {
     BecomeRoot();
-    WriteFile("/etc/kest/shares.conf",
-              "[docs]\npath = /volume1/docs\nread list = @staff\n"
-              "[private]\npath = /volume1/private\nread list = bob\n");
-    mkdir("/volume1/docs", 0755);
-    mkdir("/volume1/private", 0755);
-    WriteFile("/volume1/docs/open.txt", "x", 0644);
-    WriteFile("/volume1/docs/closed.txt", "x", 0600);
-    chown("/volume1/docs/closed.txt", kBobUid, kBobUid);
-    WriteFile("/volume1/private/p.txt", "x", 0644);
+    MakeSearchShares();
     SyslogCapture::Instance().Clear();
   }
   void TearDown() override {

@@ -34,11 +34,7 @@ class IndicateTest : public ::testing::Test {
  protected:
   void SetUp() override {
     BecomeRoot();
-    WriteFile("/etc/kest/shares.conf",
-              "[global]\nuser home = yes\n"
-              "[docs]\npath = /volume1/docs\nread list = @staff\n"
-              "[homes]\npath = /volume1/homes\ninvalid users = dave\n"
-              "[private]\npath = /volume1/private\nread list = bob\n");
+    MakeSearchShares();
     IndexShares({"docs", "homes", "private"});
     SyslogCapture::Instance().Clear();
   }

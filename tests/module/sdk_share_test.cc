@@ -76,6 +76,8 @@ TEST_F(SDKShareTest, AnswersFromTheConfiguration) {
   SDKShare vault("vault");
   EXPECT_FALSE(vault.CanBeIndexed());
   EXPECT_TRUE(vault.IsEncryption());
+  EXPECT_FALSE(vault.IsHideUnReadable());
+  EXPECT_FALSE(vault.IsEnableRecycleBin());
 
   SDKShare docs("docs");
   EXPECT_EQ(KEST_SHARE_PRIV_RW, docs.GetPrivilege("ann"));

@@ -28,19 +28,6 @@ namespace {
 
 using kestondri::webapi::SearchAPI;
 
-constexpr char kSharesConf[] =
-    "[global]\n"
-    "user home = yes\n"
-    "[docs]\n"
-    "path = /volume1/docs\n"
-    "read list = @staff\n"
-    "[homes]\n"
-    "path = /volume1/homes\n"
-    "invalid users = dave\n"
-    "[private]\n"
-    "path = /volume1/private\n"
-    "read list = bob\n";
-
 std::string TrackingFile(const std::string& id) { return "/tmp/vyr_query_" + id + ".pid"; }
 
 // A search request with every parameter given.
@@ -85,14 +72,7 @@ class SearchTest : public ::testing::Test {
  protected:
   void SetUp() override {
     BecomeRoot();
-    WriteFile("/etc/kest/shares.conf", kSharesConf);
-    for (const char* dir : {"/volume1/docs", "/volume1/private", "/volume1/homes",
-                            "/volume1/homes/ann", "/volume1/homes/bob"}) {
-      mkdir(dir, 0755);
-    }
-    WriteFile("/volume1/docs/open.txt", "x", 0644);
-    WriteFile("/volume1/docs/closed.txt", "x", 0600);
-    chown("/volume1/docs/closed.txt", kBobUid, kBobUid);
+    MakeSearchShares();
     system("rm -f /tmp/vyr_query_*");
     SyslogCapture::Instance().Clear();
   }
