@@ -328,25 +328,23 @@ TEST_F(FileIndexTest, ListPagesSortsAndFilters) {
   EXPECT_EQ("1:gamma,", list("root", 0, UINT64_MAX, "", "", "share:docs", ""));
   EXPECT_EQ("2:Alpha,beta,", list("root", 0, UINT64_MAX, "name", "", "all", "PHOTO"));
   EXPECT_EQ("1:Alpha,", list("root", 0, UINT64_MAX, "name", "", "all", "alp"));
-  for (auto bad : std::vector<std::function<void()>>{
-           [] {
-             Json::Value o;
-             FolderList(o, 0, 1, "size", "", "all", "", Json::Value());
-           },
-           [] {
-             Json::Value o;
-             FolderList(o, 0, 1, "", "up", "all", "", Json::Value());
-           },
-           [] {
-             Json::Value o;
-             FolderList(o, 0, 1, "", "", "others", "", Json::Value());
-           },
-           [] {
-             Json::Value o;
-             FolderList(o, 0, 1, "", "", "all", "", ParseJson(R"(["owner_uid"])"));
-           },
-       }) {
-    EXPECT_EQ(120, CodeOf("root", bad));
+  const struct {
+    const char* sort;
+    const char* direction;
+    const char* group;
+    const char* additional;  // null: none
+  } bad[] = {{"size", "", "all", nullptr},
+             {"", "up", "all", nullptr},
+             {"", "", "others", nullptr},
+             {"", "", "all", R"(["owner_uid"])"}};
+  for (const auto& b : bad) {
+    const Json::Value additional = b.additional ? ParseJson(b.additional) : Json::Value();
+    EXPECT_EQ(120, CodeOf("root",
+                          [&] {
+                            Json::Value o;
+                            FolderList(o, 0, 1, b.sort, b.direction, b.group, "", additional);
+                          }))
+        << b.sort << b.direction << b.group;
   }
   Json::Value page;
   As("root", [&] { FolderList(page, 0, 1, "", "", "all", "", ParseJson(R"(["status"])")); });
