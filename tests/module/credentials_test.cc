@@ -121,31 +121,9 @@ TEST_F(CredentialsTest, DestructorReappliesOnlyWhenTheIdentityChanged) {
   }
 }
 
-TEST_F(CredentialsTest, NestedGuards) {
-  SDKCredentials outer("ann");
-  {
-    SDKCredentials inner;
-    inner.AsUser("bob");
-    EXPECT_EQ(kBobUid, geteuid());
-  }
-  EXPECT_EQ(kAnnUid, geteuid());
-  EXPECT_EQ(kAnnUid, CreateFileOwner("/tmp/cred_nested").first);
-}
-
-TEST_F(CredentialsTest, UnknownUserFailsWith503AndKeepsTheIdentity) {
-  try {
-    SDKCredentials credentials("nosuchuser");
-    ADD_FAILURE() << "no error";
-  } catch (const Error& e) {
-    EXPECT_EQ(503, e.code());
-    EXPECT_STREQ("", e.what());
-  }
-  EXPECT_EQ(0u, geteuid());
-  EXPECT_EQ(std::vector<std::string>{LogLine("credentials.cc", 53, "AsUser",
-                                             "Failed [!ResetCredentialsByName(target_username)]")},
-            CapturedLines());
-
-  SyslogCapture::Instance().Clear();
+// An unknown login user is answered 503 by the handler (ondri_api_test); a
+// failed switch keeps the identity and releases the platform lock.
+TEST_F(CredentialsTest, FailedSwitchKeepsTheIdentity) {
   SDKCredentials credentials;
   credentials.AsUser("ann");
   EXPECT_THROW(credentials.AsUser(""), Error);
