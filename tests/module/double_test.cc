@@ -15,6 +15,7 @@
 #include "log_lines.h"
 #include "support/request_guard.h"
 #include "support/sandbox.h"
+#include "support/thrown.h"
 #include "webapi/ondri_api.h"
 
 namespace kesttest {
@@ -72,13 +73,7 @@ TEST_F(DoubleTest, LookupFailureMessageSkipsTheErrorCodesWorthOfText) {
     PlatformDouble::FailNext("KESTUserGetByUID", c.code);
     {
       RequestGuard guard;
-      try {
-        SDKCredentials credentials;
-        ADD_FAILURE() << "no error for code " << c.code;
-      } catch (const Error& e) {
-        EXPECT_EQ(503, e.code());
-        EXPECT_EQ(c.message, e.what()) << c.code;
-      }
+      EXPECT_EQ("503 " + c.message, Thrown<Error>([] { SDKCredentials credentials; })) << c.code;
     }
     const std::string line = c.message.empty() ? expr : expr + ", reason: " + c.message;
     EXPECT_EQ(std::vector<std::string>{LogLine("credentials.cc", 22, "SDKCredentials", line)},
@@ -92,14 +87,11 @@ TEST_F(DoubleTest, FailedSwitchBackThrowsUnlessUnwinding) {
   {
     RequestGuard guard;
     guard.ExpectIdentityAfter("ann");
-    try {
-      SDKCredentials credentials;
-      credentials.AsUser("ann");
-      PlatformDouble::FailNext("ResetCredentialsByName");
-    } catch (const Error& e) {
-      EXPECT_EQ(503, e.code());
-      EXPECT_STREQ("", e.what());
-    }
+    EXPECT_EQ("503 ", Thrown<Error>([] {
+                SDKCredentials credentials;
+                credentials.AsUser("ann");
+                PlatformDouble::FailNext("ResetCredentialsByName");
+              }));
   }
   EXPECT_EQ(std::vector<std::string>{LogLine("credentials.cc", 39, "~SDKCredentials",
                                              "Failed [!ResetCredentialsByName(username_)]",

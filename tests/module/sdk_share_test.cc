@@ -14,6 +14,7 @@
 #include "kest/klib.h"
 #include "support/sandbox.h"
 #include "support/syslog_capture.h"
+#include "support/thrown.h"
 
 namespace kestondri {
 namespace {
@@ -22,6 +23,7 @@ using kesttest::WriteSharesConf;
 
 using kesttest::PlatformDouble;
 using kesttest::SyslogCapture;
+using kesttest::Thrown;
 using sdk::SDKShare;
 using sdk::SharePathMgr;
 using sdk::User;
@@ -43,13 +45,7 @@ class SDKShareTest : public ::testing::Test {
 };
 
 TEST_F(SDKShareTest, UnknownShareThrows800WithTheBareName) {
-  try {
-    SDKShare share("nosuch");
-    FAIL() << "no exception";
-  } catch (const Error& e) {
-    EXPECT_EQ(kErrShare, e.code());
-    EXPECT_STREQ("nosuch", e.what());
-  }
+  EXPECT_EQ("800 nosuch", Thrown<Error>([] { SDKShare share("nosuch"); }));
   ASSERT_TRUE(SyslogCapture::Instance().WaitFor("(SDKShare) Failed ["));
   const auto lines = SyslogCapture::Instance().Matching("share.cc:34 (");
   ASSERT_EQ(1u, lines.size());
@@ -146,13 +142,7 @@ TEST_F(SDKShareTest, PlatformFailuresThrowWithTheirTexts) {
     SDKShare photo("photo");
     SyslogCapture::Instance().Clear();
     PlatformDouble::FailNext(c.function);
-    try {
-      c.call(photo);
-      ADD_FAILURE() << c.function << ": no exception";
-    } catch (const Error& e) {
-      EXPECT_EQ(c.code, e.code()) << c.function;
-      EXPECT_STREQ(c.reason, e.what());
-    }
+    EXPECT_EQ(std::to_string(c.code) + " " + c.reason, Thrown<Error>([&] { c.call(photo); }));
     const std::string site = "share.cc:" + std::to_string(c.line) + " (";
     EXPECT_TRUE(SyslogCapture::Instance().WaitFor(site)) << c.function;
     EXPECT_TRUE(SyslogCapture::Instance().WaitFor(std::string("reason: ") + c.reason));
@@ -225,13 +215,8 @@ TEST_F(SharePathTest, HomePathIsAskedOnceAndFailuresThrow) {
   EXPECT_EQ(1, PlatformDouble::Calls("KESTServiceHomePathGet"));
 
   User unknown = MakeUser("nosuchuser", true);
-  try {
-    unknown.GetHomePath();
-    FAIL() << "no exception";
-  } catch (const Error& e) {
-    EXPECT_EQ(kErrPlatform, e.code());
-    EXPECT_STREQ("KESTServiceHomePathGet failed, user=nosuchuser", e.what());
-  }
+  EXPECT_EQ("502 KESTServiceHomePathGet failed, user=nosuchuser",
+            Thrown<Error>([&] { unknown.GetHomePath(); }));
   EXPECT_TRUE(SyslogCapture::Instance().WaitFor("../../..//src/include/common/sdk/user.h:47 ("));
   // Through GetSharePath the home lookup's failure is the only throw.
   EXPECT_THROW(SharePathMgr::GetSharePath("/volume1/homes/x/y", unknown), Error);
