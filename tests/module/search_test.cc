@@ -581,40 +581,28 @@ TEST_F(SearchHistoryTest, TheChildRecordsTheTypedKeyword) {
   struct Case {
     const char* what;
     Login login;
-    Json::Value orig_keyword;  // null: not given
     bool enabled;
     bool child;                        // a history child is forked
+    const char* orig_keyword;          // null: not given
+    const char* share;                 // the share searched
     std::vector<std::string> history;  // the user's whole history afterwards
-    std::vector<std::string> shares;
   } cases[] = {
-      {"trimmed keyword",
-       kAnn,
-       "  quarterly report \t",
-       true,
-       true,
-       {"quarterly report"},
-       {"docs"}},
-      {"history switched off", kBob, "hidden", false, false, {}, {"docs"}},
-      {"no keyword typed", kAnn, Json::Value(), true, false, {"quarterly report"}, {"docs"}},
-      {"empty keyword", kAnn, "", true, false, {"quarterly report"}, {"docs"}},
+      {"trimmed keyword", kAnn, true, true, "  quarterly report \t", "docs", {"quarterly report"}},
+      {"history switched off", kBob, false, false, "hidden", "docs", {}},
+      {"no keyword typed", kAnn, true, false, nullptr, "docs", {"quarterly report"}},
+      {"empty keyword", kAnn, true, false, "", "docs", {"quarterly report"}},
       // Blank alone passes the test before trimming: recorded as "".
-      {"blank keyword", kDave, "   ", true, true, {""}, {"docs"}},
-      {"even when nothing may be searched",
-       kDave,
-       "lonely",
-       true,
-       true,
-       {"lonely", ""},
-       {"private"}},
-      {"an administrator", kCarol, "audit", true, true, {"audit"}, {"docs"}},
+      {"blank keyword", kDave, true, true, "   ", "docs", {""}},
+      {"even when nothing may be searched", kDave, true, true, "lonely", "private", {"lonely", ""}},
+      {"an administrator", kCarol, true, true, "audit", "docs", {"audit"}},
   };
   for (const auto& c : cases) {
     kestondri::pref::Preference(c.login.uid).Set<bool>("enable_history", c.enabled);
     FakeDaemon daemon;
     daemon.On("search", Hits({R"({"success": true})"}));
     daemon.On("list_db_status", StatusReply());
-    Json::Value params = Params(c.shares);
-    if (!c.orig_keyword.isNull()) params["orig_keyword"] = c.orig_keyword;
+    Json::Value params = Params({c.share});
+    if (c.orig_keyword) params["orig_keyword"] = c.orig_keyword;
     std::vector<int> children;
     ASSERT_TRUE(RunAPI<SearchAPI>(c.login, params, &children).IsSuccess()) << c.what;
     // The after-answer child of every request, and the history child.
