@@ -182,25 +182,14 @@ TEST(WebAPIGetterTest, ValidatorsSeeOnlyValuesOfTheRightType) {
   EXPECT_TRUE(rejected.Get().isNull());
 }
 
-TEST(WebAPIGetterTest, FactoriesReadMembersOfAnyObject) {
-  const Json::Value element = ParseJson(R"({"w":1.5,"n":3,"s":"x","b":false,"o":{},"a":[]})");
-  using KEST::APIParameterFactory;
+// The getters above read through the factories; what only the factories
+// meet is a value that is no object at all, where every member is absent.
+TEST(WebAPIGetterTest, FactoriesReadMembersOfAnyValue) {
   using KEST::APIParameterFactoryBasicImpl;
   const auto O = KEST::PARAM_OPTIONAL;
-  EXPECT_EQ(1.5, APIParameterFactoryBasicImpl<double>::FromJson(element, "w", O).Get());
-  EXPECT_EQ(3.0, APIParameterFactoryBasicImpl<double>::FromJson(element, "n", O).Get());
-  EXPECT_TRUE(APIParameterFactoryBasicImpl<int>::FromJson(element, "w", O).IsInvalid());
-  EXPECT_EQ("x", APIParameterFactoryBasicImpl<std::string>::FromJson(element, "s", O).Get());
-  EXPECT_FALSE(APIParameterFactoryBasicImpl<bool>::FromJson(element, "b", O).IsInvalid());
-  EXPECT_TRUE(APIParameterFactoryBasicImpl<bool>::FromJson(element, "n", O).IsInvalid());
-  EXPECT_FALSE(APIParameterFactory::ObjectFromJson(element, "o", O).IsInvalid());
-  EXPECT_TRUE(APIParameterFactory::ObjectFromJson(element, "a", O).IsInvalid());
-  EXPECT_FALSE(APIParameterFactory::ArrayFromJson(element, "a", O).IsInvalid());
+  const Json::Value element = ParseJson(R"({"a":[],"o":{}})");
   EXPECT_FALSE(APIParameterFactoryBasicImpl<Json::Value>::FromJson(element, "a", O).IsInvalid());
-  EXPECT_FALSE(APIParameterFactoryBasicImpl<int>::FromJson(element, "none", O).IsInvalid());
-  EXPECT_TRUE(APIParameterFactoryBasicImpl<int>::FromJson(element, "none", KEST::PARAM_REQUIRED)
-                  .IsInvalid());
-  // Not an object at all: every member is absent.
+  EXPECT_FALSE(APIParameterFactoryBasicImpl<Json::Value>::FromJson(element, "o", O).IsInvalid());
   for (const char* text : {"null", "[1]", "7", R"("s")"}) {
     auto p = APIParameterFactoryBasicImpl<int>::FromJson(ParseJson(text), "n", O);
     EXPECT_FALSE(p.IsSet()) << text;
