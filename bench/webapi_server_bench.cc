@@ -4,6 +4,9 @@
 // p99 latency, and the peak RSS of the master and of any worker seen.
 //
 //   webapi_server_bench [seconds-per-run [connections,...]]
+//
+// KEST_BENCH_MAX_WORKERS=N sets the server's max_workers;
+// KEST_BENCH_NSS_FILES=1 limits the sandbox's name services to files.
 #include <signal.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -19,6 +22,7 @@
 #include <vector>
 
 #include "host/server_harness.h"
+#include "kest/json.h"
 #include "support/sandbox.h"
 
 namespace {
@@ -155,10 +159,18 @@ int main(int argc, char** argv) {
     connection_counts.push_back(atoi(count.c_str()));
   }
   kesttest::EnterSandbox();
+  // The sandbox keeps the host's name services; with "files" alone the cost
+  // of the module's identity switch drops (no systemd userdb probing).
+  if (getenv("KEST_BENCH_NSS_FILES")) {
+    kesttest::WriteFile("/etc/nsswitch.conf", "passwd: files\ngroup: files\nshadow: files\n");
+    printf("<!-- name services: files only -->\n");
+  }
   kesttest::WriteFile("/etc/pam.d/kestondri", kesttest::ReadFile(std::string(KEST_SOURCE_DIR) +
                                                                  "/host/dist/kestondri.pam"));
   kesttest::ServerProcess server;
-  server.Start(kesttest::TestConfig());
+  const char* workers = getenv("KEST_BENCH_MAX_WORKERS");
+  server.Start(kesttest::TestConfig(
+      workers ? std::string("[server]\nmax_workers = ") + workers + "\n" : std::string()));
   if (server.pid() <= 0) {
     fprintf(stderr, "the server did not start\n");
     return 1;
@@ -171,6 +183,22 @@ int main(int argc, char** argv) {
 
   const std::string folder = "KEST.Ondri.FileIndexing.Folder";
   const std::string status = "KEST.Ondri.FileIndexing.Status";
+  // Two shares with ten indexed folders, so that the lists are not empty.
+  kesttest::WriteFile("/etc/kest/shares.conf",
+                      "[photo]\npath = /volume1/photo\n[docs]\npath = /volume1/docs\n");
+  Json::Value folders(Json::arrayValue);
+  for (int i = 0; i < 10; ++i) {
+    const std::string path =
+        std::string(i % 2 ? "/volume1/docs/" : "/volume1/photo/") + "f" + std::to_string(i);
+    kesttest::WriteFile(path + "/keep", "");
+    Json::Value entry(Json::objectValue);
+    entry["path"] = path;
+    folders.append(entry);
+  }
+  const kesttest::HttpReply added = kesttest::CallApi(
+      {{"api", folder}, {"method", "add"}, {"version", "1"}, {"folder", Json::toString(folders)}},
+      carol.sid);
+  printf("<!-- Folder add of 10 folders: %s -->\n", added.body.c_str());
   std::vector<Target> candidates = {
       {"Status get", {{"api", status}, {"method", "get"}, {"version", "1"}}},
       {"Folder list", {{"api", folder}, {"method", "list"}, {"version", "1"}}},

@@ -1,5 +1,6 @@
 #include "server/pam_login.h"
 
+#include <dlfcn.h>
 #include <pwd.h>
 #include <security/pam_appl.h>
 
@@ -55,28 +56,62 @@ int Converse(int count, const struct pam_message** messages, struct pam_response
 
 void NoDelay(int, unsigned, void*) {}
 
+// The PAM library is loaded by the login worker that needs it, never by the
+// master: every library the master maps makes each of its forks dearer.
+struct PamLibrary {
+  decltype(&pam_start) start = nullptr;
+  decltype(&pam_set_item) set_item = nullptr;
+  decltype(&pam_get_item) get_item = nullptr;
+  decltype(&pam_authenticate) authenticate = nullptr;
+  decltype(&pam_acct_mgmt) acct_mgmt = nullptr;
+  decltype(&pam_strerror) strerror = nullptr;
+  decltype(&pam_end) end = nullptr;
+
+  bool Load() {
+    void* library = dlopen("libpam.so.0", RTLD_NOW | RTLD_LOCAL);
+    if (!library) return false;
+    return Find(library, "pam_start", &start) && Find(library, "pam_set_item", &set_item) &&
+           Find(library, "pam_get_item", &get_item) &&
+           Find(library, "pam_authenticate", &authenticate) &&
+           Find(library, "pam_acct_mgmt", &acct_mgmt) && Find(library, "pam_strerror", &strerror) &&
+           Find(library, "pam_end", &end);
+  }
+
+ private:
+  template <typename Function>
+  static bool Find(void* library, const char* name, Function* function) {
+    *function = reinterpret_cast<Function>(dlsym(library, name));
+    return *function != nullptr;
+  }
+};
+
 }  // namespace
 
 PamLoginResult PamLogin(const std::string& service, const std::string& account,
                         const std::string& password, uid_t min_uid) {
   PamLoginResult result;
+  PamLibrary pam;
+  if (!pam.Load()) {
+    result.reason = "cannot load the PAM library";
+    return result;
+  }
   Credentials credentials{&account, &password};
   const struct pam_conv conversation = {Converse, &credentials};
   pam_handle_t* handle = nullptr;
-  int status = pam_start(service.c_str(), account.c_str(), &conversation, &handle);
+  int status = pam.start(service.c_str(), account.c_str(), &conversation, &handle);
   if (status != PAM_SUCCESS) {
     result.reason = "pam_start failed";
     return result;
   }
-  pam_set_item(handle, PAM_FAIL_DELAY, reinterpret_cast<const void*>(&NoDelay));
-  status = pam_authenticate(handle, PAM_SILENT | PAM_DISALLOW_NULL_AUTHTOK);
-  if (status == PAM_SUCCESS) status = pam_acct_mgmt(handle, PAM_SILENT | PAM_DISALLOW_NULL_AUTHTOK);
+  pam.set_item(handle, PAM_FAIL_DELAY, reinterpret_cast<const void*>(&NoDelay));
+  status = pam.authenticate(handle, PAM_SILENT | PAM_DISALLOW_NULL_AUTHTOK);
+  if (status == PAM_SUCCESS) status = pam.acct_mgmt(handle, PAM_SILENT | PAM_DISALLOW_NULL_AUTHTOK);
   if (status != PAM_SUCCESS) {
-    result.reason = pam_strerror(handle, status);
+    result.reason = pam.strerror(handle, status);
   } else {
     const void* item = nullptr;
     const char* name = account.c_str();
-    if (pam_get_item(handle, PAM_USER, &item) == PAM_SUCCESS && item) {
+    if (pam.get_item(handle, PAM_USER, &item) == PAM_SUCCESS && item) {
       name = static_cast<const char*>(item);
     }
     struct passwd entry;
@@ -92,7 +127,7 @@ PamLoginResult PamLogin(const std::string& service, const std::string& account,
       result.uid = found->pw_uid;
     }
   }
-  pam_end(handle, status);
+  pam.end(handle, status);
   return result;
 }
 

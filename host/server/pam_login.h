@@ -1,6 +1,6 @@
 // Password check through PAM. PAM modules may block for seconds and load
 // libraries of their own, so this runs only in a forked worker, never in the
-// master that serves everyone.
+// master that serves everyone; the PAM library itself is loaded there too.
 #ifndef KESTONDRI_HOST_SERVER_PAM_LOGIN_H_
 #define KESTONDRI_HOST_SERVER_PAM_LOGIN_H_
 

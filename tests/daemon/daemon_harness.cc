@@ -53,12 +53,6 @@ int DaemonProcess::Stop() {
   return status;
 }
 
-std::string Frame(const std::string& body) {
-  uint32_t n = htonl(static_cast<uint32_t>(body.size()));
-  std::string out(reinterpret_cast<const char*>(&n), 4);
-  return out + body;
-}
-
 namespace {
 
 std::vector<Json::Value> ReadReply(kestdaemon::SockConnection& conn) {

@@ -9,6 +9,8 @@
 #include <string>
 #include <vector>
 
+#include "support/fake_daemon.h"
+
 namespace kesttest {
 
 constexpr const char kDaemonSocket[] = "/var/run/kestelasticd.sock";
@@ -42,9 +44,6 @@ std::vector<Json::Value> Exchange(const Json::Value& request);
 std::vector<Json::Value> ExchangeAs(const std::string& user, const Json::Value& request);
 // Sends raw bytes (framing included) and returns the reply messages.
 std::vector<Json::Value> ExchangeRaw(const std::string& bytes);
-
-// One framed message.
-std::string Frame(const std::string& body);
 
 // Builds {"command": command, "data": data}.
 Json::Value Request(const std::string& command, const Json::Value& data);

@@ -238,13 +238,10 @@ TEST_F(SearchDaemonTest, WeightsDecideWhichFieldRanksFirst) {
         Criterion("KESTMDPath", "/volume1/docs/projects/locks.txt"));
     req["data"]["pre_query"]["criteria_list"].append(
         Criterion("KESTMDPath", "/volume1/docs/projects/mutex-design.c"));
-    Json::Value w1, w2;
-    w1["field"] = "KESTMDFSName";
-    w1["weight"] = name_weight;
-    w2["field"] = "KESTMDTextContent";
-    w2["weight"] = content_weight;
-    req["data"]["pre_query"]["search_weight_list"].append(w1);
-    req["data"]["pre_query"]["search_weight_list"].append(w2);
+    Json::Value& weights = req["data"]["pre_query"]["search_weight_list"];
+    weights = ParseJson(R"([{"field": "KESTMDFSName"}, {"field": "KESTMDTextContent"}])");
+    weights[0]["weight"] = name_weight;
+    weights[1]["weight"] = content_weight;
     auto hits = Hits(Exchange(req));
     return hits.empty() ? std::string() : hits[0]["KESTMDFSName"].asString();
   };
@@ -301,14 +298,10 @@ TEST_F(SearchDaemonTest, PagesTileTheWholeResult) {
 }
 
 TEST_F(SearchDaemonTest, HighlightMarksMatchesAndEscapesTheRest) {
-  Json::Value data;
-  data["id"] = kDocs;
+  Json::Value data = ParseJson(R"({"id": "fileindex_docs", "keyword": "needle friends",
+      "highlight": {"field": "KESTMDTextContent", "frag_length": 200, "num_fragments": 3},
+      "search_weight_list": []})");
   data["doc_id"] = DocId("markup.html");
-  data["keyword"] = "needle friends";
-  data["highlight"]["field"] = "KESTMDTextContent";
-  data["highlight"]["frag_length"] = 200;
-  data["highlight"]["num_fragments"] = 3;
-  data["search_weight_list"] = Json::Value(Json::arrayValue);
   auto reply = Exchange(Request("highlight", data));
   ASSERT_EQ(1u, reply.size());
   ASSERT_TRUE(reply[0]["success"].asBool()) << Json::toString(reply[0]);
@@ -321,12 +314,9 @@ TEST_F(SearchDaemonTest, HighlightMarksMatchesAndEscapesTheRest) {
 }
 
 TEST_F(SearchDaemonTest, HighlightOfAHugeDocumentIsBounded) {
-  Json::Value data;
-  data["id"] = kDocs;
+  Json::Value data = ParseJson(R"({"id": "fileindex_docs", "keyword": "filler",
+      "highlight": {"frag_length": 60, "num_fragments": 4}})");
   data["doc_id"] = DocId("big.txt");
-  data["keyword"] = "filler";
-  data["highlight"]["frag_length"] = 60;
-  data["highlight"]["num_fragments"] = 4;
   auto reply = Exchange(Request("highlight", data));
   ASSERT_EQ(1u, reply.size());
   const Json::Value& frags = reply[0]["data"]["KESTMDTextContent"];
@@ -345,11 +335,8 @@ TEST_F(SearchDaemonTest, HighlightOfAHugeDocumentIsBounded) {
 
 TEST_F(SearchDaemonTest, SearchHitsCarryTheirFragments) {
   Json::Value req = SearchRequest({kDocs}, "interrupt");
-  Json::Value hl;
-  hl["field"] = "KESTMDTextContent";
-  hl["frag_length"] = 50;
-  hl["num_fragments"] = 2;
-  req["data"]["highlight"].append(hl);
+  req["data"]["highlight"] =
+      ParseJson(R"([{"field": "KESTMDTextContent", "frag_length": 50, "num_fragments": 2}])");
   auto hits = Hits(Exchange(req));
   ASSERT_EQ(1u, hits.size());
   const Json::Value& frags = hits[0]["highlight"]["KESTMDTextContent"];
@@ -409,11 +396,8 @@ TEST_F(SearchDaemonTest, PrivateFilesStayInvisibleToOtherUsers) {
   EXPECT_EQ((Names{"ann-private.txt", "secret.txt"}), HitNames(Exchange(zebra)));
 
   // No snippet either, and the same answer as for a document that is not there.
-  Json::Value hl;
-  hl["id"] = kDocs;
+  Json::Value hl = ParseJson(R"({"id": "fileindex_docs", "keyword": "zebra", "highlight": {}})");
   hl["doc_id"] = DocId("ann-private.txt");
-  hl["keyword"] = "zebra";
-  hl["highlight"] = Json::Value(Json::objectValue);
   auto denied = ExchangeAs("bob", Request("highlight", hl));
   ASSERT_EQ(1u, denied.size());
   EXPECT_EQ(1003, denied[0]["error"]["code"].asInt());
@@ -423,14 +407,9 @@ TEST_F(SearchDaemonTest, PrivateFilesStayInvisibleToOtherUsers) {
             Json::toString(ExchangeAs("bob", Request("highlight", hl))[0]));
 
   // Nor a count.
-  Json::Value ind;
-  ind["keyword"] = "zebra";
-  ind["indice"].append(kDocs);
-  Json::Value q;
-  q["name"] = "document";
-  q["query"]["filters"][0]["name"] = "file_type";
-  q["query"]["filters"][0]["data"] = "document";
-  ind["queries"].append(q);
+  const Json::Value ind = ParseJson(R"({"keyword": "zebra", "indice": ["fileindex_docs"],
+      "queries": [{"name": "document",
+                   "query": {"filters": [{"name": "file_type", "data": "document"}]}}]})");
   EXPECT_EQ(0, ExchangeAs("bob", Request("indicate", ind))[0]["data"]["document"].asInt());
   EXPECT_EQ(2, ExchangeAs("ann", Request("indicate", ind))[0]["data"]["document"].asInt());
 }
@@ -619,15 +598,7 @@ TEST_F(SearchDaemonTest, SearchesARemoteIndexTogetherWithLocalOnes) {
 
 TEST(SearchDaemonLifecycleTest, ReplacesAStaleSocketAndRemovesItsOwnOnExit) {
   const std::string sock = "/run/lifecycle.sock";
-  // A socket file left by a daemon that died.
-  {
-    int fd = socket(AF_UNIX, SOCK_STREAM, 0);
-    sockaddr_un addr{};
-    addr.sun_family = AF_UNIX;
-    strcpy(addr.sun_path, sock.c_str());
-    ASSERT_EQ(0, bind(fd, reinterpret_cast<sockaddr*>(&addr), sizeof addr));
-    close(fd);
-  }
+  BindDeadSocket(sock);
   pid_t pid = fork();
   if (pid == 0) {
     std::string program = std::string(KEST_BINARY_DIR) + "/daemon/kestelasticd";

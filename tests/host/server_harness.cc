@@ -7,6 +7,7 @@
 #include <netinet/in.h>
 #include <poll.h>
 #include <signal.h>
+#include <sys/prctl.h>
 #include <sys/socket.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -228,6 +229,8 @@ void ServerProcess::Start(const std::string& config) {
   unlink(kOutputPath);
   pid_ = fork();
   if (pid_ == 0) {
+    // A test that dies must not leave a server behind.
+    prctl(PR_SET_PDEATHSIG, SIGKILL);
     const int out = open(kOutputPath, O_WRONLY | O_CREAT | O_TRUNC, 0644);
     dup2(out, 1);
     dup2(out, 2);
@@ -310,6 +313,7 @@ ExitResult RunServerToExit(const std::string& config, uid_t uid) {
   EXPECT_EQ(pipe(fds), 0);
   const pid_t pid = fork();
   if (pid == 0) {
+    prctl(PR_SET_PDEATHSIG, SIGKILL);
     dup2(fds[1], 1);
     dup2(fds[1], 2);
     close(fds[0]);

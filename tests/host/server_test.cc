@@ -143,6 +143,30 @@ TEST_F(ServerTest, RealModuleCheckersAnswerWithTheirData) {
   }
 }
 
+// The real handlers through the server: each request forks its worker, the
+// worker acts as the login user, and the module forks its own child.
+TEST_F(ServerTest, RealModuleServesFoldersAndStatus) {
+  WriteFile("/etc/kest/shares.conf", "[photo]\npath = /volume1/photo\n");
+  WriteFile("/volume1/photo/trips/keep", "");
+  WriteFile("/volume1/photo/cats/keep", "");
+  const LoginSession ann = Login("ann", "ann-secret");
+  HttpRequest add;
+  add.method = "POST";
+  add.content_type = "application/json";
+  add.body = R"({"api": "KEST.Ondri.FileIndexing.Folder", "method": "add", "version": 1,
+                 "folder": [{"path": "/volume1/photo/trips"}, {"path": "/volume1/photo/cats"}],
+                 "_sid": ")" +
+             ann.sid + "\"}";
+  const HttpReply added = SendHttp(add);
+  EXPECT_EQ(added.json["success"], true) << added.body;
+  const HttpReply list = CallApi(Route(kFolderAPI, "list"), ann.sid);
+  EXPECT_EQ(list.json["data"]["total"], 2) << list.body;
+  const HttpReply status = CallApi(Route("KEST.Ondri.FileIndexing.Status", "get"), ann.sid);
+  EXPECT_EQ(status.json["success"], true) << status.body;
+  EXPECT_TRUE(status.json["data"].isObject()) << status.body;
+  system("rm -rf /var/packages/KestOndri /volume1/photo /etc/kest/shares.conf");
+}
+
 TEST_F(ServerTest, ParametersArriveDecodedFromEveryEncoding) {
   const LoginSession ann = Login("ann", "ann-secret");
   const char* expected_text =

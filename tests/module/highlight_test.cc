@@ -8,6 +8,7 @@
 
 #include "kest/json.h"
 #include "module/api_runner.h"
+#include "module/indexed_shares.h"
 #include "support/fake_daemon.h"
 #include "support/sandbox.h"
 #include "support/syslog_capture.h"
@@ -18,14 +19,8 @@ namespace {
 
 using kestondri::webapi::HighlightAPI;
 
-Json::Value Parse(const std::string& text) {
-  Json::Value value;
-  EXPECT_TRUE(Json::fromString(value, text)) << text;
-  return value;
-}
-
 Json::Value Params(const std::string& path) {
-  Json::Value params = Parse(R"({"doc_id": 17, "keyword": "kw",
+  Json::Value params = ParseJson(R"({"doc_id": 17, "keyword": "kw",
       "highlight": {"field": "KESTMDTextContent", "frag_length": 100, "num_fragments": 3,
                     "extra": "kept"}})");
   params["full_path"] = path;
@@ -36,15 +31,7 @@ class HighlightTest : public ::testing::Test {
  protected:
   void SetUp() override {
     BecomeRoot();
-    WriteFile("/etc/kest/shares.conf",
-              "[docs]\npath = /volume1/docs\nread list = @staff\n"
-              "[private]\npath = /volume1/private\nread list = bob\n");
-    mkdir("/volume1/docs", 0755);
-    mkdir("/volume1/private", 0755);
-    WriteFile("/volume1/docs/open.txt", "x", 0644);
-    WriteFile("/volume1/docs/closed.txt", "x", 0600);
-    chown("/volume1/docs/closed.txt", kBobUid, kBobUid);
-    WriteFile("/volume1/private/p.txt", "x", 0644);
+    MakeSearchShares();
     SyslogCapture::Instance().Clear();
   }
   void TearDown() override {
@@ -77,14 +64,14 @@ TEST_F(HighlightTest, UnreadableFileIs507WithoutDaemonTraffic) {
 
 TEST_F(HighlightTest, RequestIsSentAsBuiltAndTheDataComesBackUnchanged) {
   FakeDaemon daemon;
-  const Json::Value data = Parse(R"({"KESTMDTextContent": ["a <em>kw</em> b"], "n": [1, 2]})");
+  const Json::Value data = ParseJson(R"({"KESTMDTextContent": ["a <em>kw</em> b"], "n": [1, 2]})");
   daemon.On("highlight", DaemonReply::Success(data));
   const auto response = RunAPI<HighlightAPI>(kAnn, Params("/volume1/docs/open.txt"));
   ASSERT_TRUE(response.IsSuccess()) << response.GetErrorCode();
   EXPECT_EQ(data, response.GetData());
   const auto requests = daemon.Requests();
   ASSERT_EQ(1u, requests.size());
-  EXPECT_EQ(Parse(R"({"command": "highlight", "data": {
+  EXPECT_EQ(ParseJson(R"({"command": "highlight", "data": {
       "id": "fileindex_docs", "doc_id": 17,
       "highlight": {"field": "KESTMDTextContent", "frag_length": 100, "num_fragments": 3,
                     "extra": "kept"},

@@ -22,17 +22,11 @@ namespace {
 
 using kestondri::webapi::IndicateAPI;
 
-Json::Value Parse(const std::string& text) {
-  Json::Value value;
-  EXPECT_TRUE(Json::fromString(value, text)) << text;
-  return value;
-}
-
 Json::Value Params(const std::string& file_types) {
-  Json::Value params = Parse(R"({"keyword": "kw",
+  Json::Value params = ParseJson(R"({"keyword": "kw",
       "criteria_list": [{"field": "KESTMDExtension", "value": "pdf"}],
       "search_weight_list": [{"field": "KESTMDFSName", "weight": 1.5}]})");
-  params["file_type"] = Parse(file_types);
+  params["file_type"] = ParseJson(file_types);
   return params;
 }
 
@@ -40,11 +34,7 @@ class IndicateTest : public ::testing::Test {
  protected:
   void SetUp() override {
     BecomeRoot();
-    WriteFile("/etc/kest/shares.conf",
-              "[global]\nuser home = yes\n"
-              "[docs]\npath = /volume1/docs\nread list = @staff\n"
-              "[homes]\npath = /volume1/homes\ninvalid users = dave\n"
-              "[private]\npath = /volume1/private\nread list = bob\n");
+    MakeSearchShares();
     IndexShares({"docs", "homes", "private"});
     SyslogCapture::Instance().Clear();
   }
@@ -69,7 +59,7 @@ TEST_F(IndicateTest, RequestPerUser) {
   };
   for (const auto& c : cases) {
     FakeDaemon daemon;
-    const Json::Value counts = Parse(R"({"document": 3, "image": 0})");
+    const Json::Value counts = ParseJson(R"({"document": 3, "image": 0})");
     daemon.On("indicate", DaemonReply::Success(counts));
     const auto response = RunAPI<IndicateAPI>(c.login, Params(R"(["document", "image"])"));
     ASSERT_TRUE(response.IsSuccess()) << c.login.name;
@@ -90,7 +80,8 @@ TEST_F(IndicateTest, RequestPerUser) {
                                  c.permission +
                                  R"({"name": "file_type", "data": "image"}],
                      "default_search_op": "AND"}, "name": "image"}]}})";
-    EXPECT_EQ(Parse(expected), requests[0]) << c.login.name << "\n" << requests[0].toStyledString();
+    EXPECT_EQ(ParseJson(expected), requests[0]) << c.login.name << "\n"
+                                                << requests[0].toStyledString();
   }
 }
 
@@ -109,7 +100,7 @@ TEST_F(IndicateTest, ZerosWhenTheDaemonIsNotAsked) {
   for (const auto& c : cases) {
     const auto response = RunAPI<IndicateAPI>(c.login, Params(c.file_types));
     ASSERT_TRUE(response.IsSuccess()) << c.what;
-    EXPECT_EQ(Parse(c.answer), response.GetData()) << c.what;
+    EXPECT_EQ(ParseJson(c.answer), response.GetData()) << c.what;
   }
 }
 
@@ -118,13 +109,13 @@ TEST_F(IndicateTest, ZerosWithoutAVisibleIndex) {
   FakeDaemon daemon;
   const auto response = RunAPI<IndicateAPI>(kDave, Params(R"(["video"])"));
   ASSERT_TRUE(response.IsSuccess());
-  EXPECT_EQ(Parse(R"({"video": 0})"), response.GetData());
+  EXPECT_EQ(ParseJson(R"({"video": 0})"), response.GetData());
   EXPECT_EQ(0, daemon.Connections());
 }
 
 TEST_F(IndicateTest, EmptyFileTypeListSendsNoQueries) {
   FakeDaemon daemon;
-  daemon.On("indicate", DaemonReply::Success(Parse("{}")));
+  daemon.On("indicate", DaemonReply::Success(ParseJson("{}")));
   ASSERT_TRUE(RunAPI<IndicateAPI>(kAnn, Params("[]")).IsSuccess());
   ASSERT_EQ(1u, daemon.Requests().size());
   EXPECT_FALSE(daemon.Requests()[0]["data"].isMember("queries"));
@@ -138,7 +129,7 @@ TEST_F(IndicateTest, DuplicateFileTypesAskTwiceButCountOnce) {
   const auto queries = daemon.Requests().at(0)["data"]["queries"];
   ASSERT_EQ(2u, queries.size());
   EXPECT_EQ(queries[0], queries[1]);
-  EXPECT_EQ(Parse(R"({"audio": 2})"), response.GetData());
+  EXPECT_EQ(ParseJson(R"({"audio": 2})"), response.GetData());
 }
 
 TEST_F(IndicateTest, DaemonReplies) {
@@ -152,7 +143,7 @@ TEST_F(IndicateTest, DaemonReplies) {
       // "success" is not looked at: the data is the answer.
       {"failure still answers its data",
        DaemonReply().Text(R"({"success": false, "data": {"document": 1}})"), 0,
-       Parse(R"({"document": 1})"), ""},
+       ParseJson(R"({"document": 1})"), ""},
       {"no data", DaemonReply().Text(R"({"success": true})"), 0, Json::Value(), ""},
       {"not JSON", DaemonReply().Text("{oops"), 121, Json::Value(),
        "Malformed resp from daemon: {oops"},
@@ -174,12 +165,7 @@ TEST_F(IndicateTest, DaemonReplies) {
 }
 
 TEST_F(IndicateTest, SocketWithoutListenerIs605) {
-  const int fd = socket(AF_UNIX, SOCK_STREAM, 0);
-  sockaddr_un addr{};
-  addr.sun_family = AF_UNIX;
-  strcpy(addr.sun_path, "/var/run/kestelasticd.sock");
-  ASSERT_EQ(0, bind(fd, reinterpret_cast<sockaddr*>(&addr), sizeof(addr)));
-  close(fd);
+  BindDeadSocket(FakeDaemon::kSocketPath);
   EXPECT_EQ(605, RunAPI<IndicateAPI>(kAnn, Params(R"(["document"])")).GetErrorCode());
   EXPECT_TRUE(SyslogCapture::Instance().WaitFor("Cannot connect to kestelastic daemon"));
 }

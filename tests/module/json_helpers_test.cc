@@ -7,15 +7,12 @@
 
 #include "common/json_helpers.h"
 #include "kest/json.h"
+#include "support/sandbox.h"
 
 namespace kestondri {
 namespace {
 
-Json::Value Parse(const std::string& text) {
-  Json::Value v;
-  EXPECT_TRUE(Json::fromString(v, text)) << text;
-  return v;
-}
+using kesttest::ParseJson;
 
 // Reads member "k" of `object` as a T with `required`; returns the reason of
 // the error thrown ("" when none) and leaves the result in `out`.
@@ -62,7 +59,7 @@ template <typename T>
 void CheckType(char kind, const T& sentinel) {
   for (const auto& c : kMemberCases) {
     const std::string object_text = std::string(R"({"k":)") + c.member + "}";
-    const Json::Value object = Parse(object_text);
+    const Json::Value object = ParseJson(object_text);
     const bool accepted = std::string(c.accepted_by).find(kind) != std::string::npos;
     EXPECT_EQ(accepted, isJsonType<T>(object["k"])) << kind << " " << c.member;
 
@@ -81,14 +78,14 @@ void CheckType(char kind, const T& sentinel) {
       EXPECT_EQ(sentinel, lenient) << kind << " " << c.member;
     }
   }
-  const Json::Value other = Parse(R"({"other":1})");
+  const Json::Value other = ParseJson(R"({"other":1})");
   T out = sentinel;
   EXPECT_EQ("", Read(out, other, false));
   EXPECT_EQ(sentinel, out);
   EXPECT_EQ(R"(Missing property: k, data={"other":1})", Read(out, other, true));
   for (const char* text : {"null", "[1]", "3", R"("s")"}) {
     for (bool required : {false, true}) {
-      EXPECT_EQ(std::string("Not an object, data=") + text, Read(out, Parse(text), required))
+      EXPECT_EQ(std::string("Not an object, data=") + text, Read(out, ParseJson(text), required))
           << text;
     }
   }
@@ -104,39 +101,26 @@ TEST(JsonHelpersTest, ScalarTypes) {
   CheckType<double>('d', -4.25);
 }
 
-TEST(JsonHelpersTest, LongIsStricterThanInt) {
-  const Json::Value object = Parse(R"({"k":1.0})");
-  int i = 0;
-  EXPECT_EQ("", Read(i, object, true));
-  EXPECT_EQ(1, i);
+TEST(JsonHelpersTest, LongTakesItsWholeRange) {
   long l = 7;
-  EXPECT_EQ(R"(Not a string, data={"k":1.0})", Read(l, object, true));
-  EXPECT_EQ(7, l);
-  const Json::Value big = Parse(R"({"k":-9223372036854775808})");
-  EXPECT_EQ("", Read(l, big, true));
+  EXPECT_EQ("", Read(l, ParseJson(R"({"k":-9223372036854775808})"), true));
   EXPECT_EQ(LONG_MIN, l);
-}
-
-TEST(JsonHelpersTest, ReasonCarriesTheWholeObject) {
-  const Json::Value object = Parse(R"({"a":{"b":[1,2]},"k":"str"})");
-  int out = 0;
-  EXPECT_EQ(R"(Not a string, data={"a":{"b":[1,2]},"k":"str"})", Read(out, object, true));
 }
 
 TEST(JsonHelpersTest, ValueReadsAnyMember) {
   for (const char* member : {"null", "1", R"("s")", "[1]", R"({"a":null})"}) {
-    const Json::Value object = Parse(std::string(R"({"k":)") + member + "}");
+    const Json::Value object = ParseJson(std::string(R"({"k":)") + member + "}");
     for (bool required : {false, true}) {
       Json::Value out("sentinel");
       EXPECT_EQ("", Read(out, object, required));
-      EXPECT_EQ(Parse(member), out) << member;
+      EXPECT_EQ(ParseJson(member), out) << member;
     }
   }
   Json::Value out("sentinel");
-  EXPECT_EQ("", Read(out, Parse("{}"), false));
+  EXPECT_EQ("", Read(out, ParseJson("{}"), false));
   EXPECT_EQ(Json::Value("sentinel"), out);
-  EXPECT_EQ("Missing property: k, data={}", Read(out, Parse("{}"), true));
-  EXPECT_EQ("Not an object, data=[]", Read(out, Parse("[]"), false));
+  EXPECT_EQ("Missing property: k, data={}", Read(out, ParseJson("{}"), true));
+  EXPECT_EQ("Not an object, data=[]", Read(out, ParseJson("[]"), false));
 }
 
 TEST(JsonHelpersTest, ApplyChanges) {
@@ -157,8 +141,8 @@ TEST(JsonHelpersTest, ApplyChanges) {
       {R"({"a":"s"})", R"({"a":{"n":true}})", R"({"a":{"n":true}})"},
   };
   for (const auto& c : cases) {
-    Json::Value target = Parse(c.target);
-    JsonApplyChanges(target, Parse(c.changes));
+    Json::Value target = ParseJson(c.target);
+    JsonApplyChanges(target, ParseJson(c.changes));
     EXPECT_EQ(c.result, Json::toString(target)) << c.target << " + " << c.changes;
   }
 }
@@ -182,7 +166,8 @@ TEST(JsonHelpersTest, ListConversions) {
       {R"("not an array")", {}},
       {"null", {}},
   };
-  for (const auto& c : cases) EXPECT_EQ(c.strings, JsonArr2Vec<std::string>(Parse(c.arr))) << c.arr;
+  for (const auto& c : cases)
+    EXPECT_EQ(c.strings, JsonArr2Vec<std::string>(ParseJson(c.arr))) << c.arr;
 }
 
 }  // namespace

@@ -7,6 +7,7 @@
 #include <string>
 
 #include "common/log.h"
+#include "log_lines.h"
 #include "support/syslog_capture.h"
 
 namespace kestondri {
@@ -15,8 +16,7 @@ namespace {
 using kesttest::SyslogCapture;
 
 std::string Prefix(const char* file, int line, const char* func) {
-  return std::string(file) + ":" + std::to_string(line) + " (" + std::to_string(getpid()) + ", " +
-         std::to_string(geteuid()) + ") (" + func + ") ";
+  return kesttest::LogLine(file, line, func, "");
 }
 
 // Runs `write` with errno set to `errno_before` and returns the one line it

@@ -8,6 +8,7 @@
 #include "common/lock_mutex.h"
 #include "common/mutex.h"
 #include "common/sdk/credentials.h"
+#include "log_lines.h"
 #include "support/syslog_capture.h"
 
 namespace kestondri {
@@ -15,17 +16,7 @@ namespace {
 
 using kesttest::SyslogCapture;
 
-std::string Line(const char* file, int line, const char* func, const char* text) {
-  return std::string(file) + ":" + std::to_string(line) + " (" + std::to_string(getpid()) + ", " +
-         std::to_string(geteuid()) + ") (" + func + ") " + text;
-}
-
-std::vector<std::string> Captured() {
-  SyslogCapture::Instance().Settle(50);
-  std::vector<std::string> out;
-  for (const auto& line : SyslogCapture::Instance().Lines()) out.push_back(line.text);
-  return out;
-}
+std::vector<std::string> Captured() { return kesttest::CapturedLines(); }
 
 TEST(MutexTest, KindsBehaveAsPosixSays) {
   Mutex normal(PTHREAD_MUTEX_NORMAL);
@@ -67,8 +58,8 @@ TEST(MutexTest, FailedUnlockIsLogged) {
     LockMutex guard(checked);
     EXPECT_TRUE(checked.Unlock());
   }
-  EXPECT_EQ(std::vector<std::string>{Line("lock_mutex.cc", 15, "~LockMutex",
-                                          "Failed [!mutex_.Unlock()]")},
+  EXPECT_EQ(std::vector<std::string>{kesttest::LogLine("lock_mutex.cc", 15, "~LockMutex",
+                                                       "Failed [!mutex_.Unlock()]")},
             Captured());
 }
 
@@ -83,9 +74,9 @@ TEST(MutexTest, FailedLockIsLoggedAndTheScopeStillRuns) {
     ran = true;
   }
   EXPECT_TRUE(ran);
-  EXPECT_EQ(
-      std::vector<std::string>{Line("lock_mutex.cc", 10, "LockMutex", "Failed [!mutex_.Lock()]")},
-      Captured());
+  EXPECT_EQ(std::vector<std::string>{kesttest::LogLine("lock_mutex.cc", 10, "LockMutex",
+                                                       "Failed [!mutex_.Lock()]")},
+            Captured());
   // The guard's unlock released the lock taken before it.
   EXPECT_TRUE(checked.TryLock());
   EXPECT_TRUE(checked.Unlock());
@@ -99,8 +90,8 @@ TEST(MutexTest, BadKindIsLoggedAndTheMutexStillWorks) {
     EXPECT_TRUE(odd.Lock());
     EXPECT_TRUE(odd.Unlock());
   }
-  EXPECT_EQ(std::vector<std::string>{Line("mutex.cc", 11, "Mutex",
-                                          "Failed [0 != pthread_mutexattr_settype(&attr_, type)]")},
+  EXPECT_EQ(std::vector<std::string>{kesttest::LogLine(
+                "mutex.cc", 11, "Mutex", "Failed [0 != pthread_mutexattr_settype(&attr_, type)]")},
             Captured());
 }
 

@@ -25,16 +25,15 @@
 #include "kest/klib.h"
 #include "support/sandbox.h"
 #include "support/syslog_capture.h"
+#include "support/thrown.h"
 
 namespace kestondri {
 namespace {
 
-using kesttest::PlatformDouble;
+using kesttest::WriteSharesConf;
 
-void WriteConf(const std::string& text) {
-  kesttest::WriteFile("/etc/kest/shares.conf.new", text);
-  ASSERT_EQ(0, rename("/etc/kest/shares.conf.new", "/etc/kest/shares.conf"));
-}
+using kesttest::PlatformDouble;
+using kesttest::Thrown;
 
 std::string Rwx(int bits) {
   std::string s = "---";
@@ -126,7 +125,7 @@ TEST_F(PermissionModelTest, ChecksMatchTheModel) {
       const std::string names = RandomNames();
       if (!names.empty()) conf += std::string(key) + " = " + names + "\n";
     }
-    WriteConf(conf);
+    WriteSharesConf(conf);
 
     const std::string base = "/volume1/photo/r" + std::to_string(round);
     const std::vector<std::string> dirs = {base, "/volume1/homes/ann/r" + std::to_string(round),
@@ -194,7 +193,7 @@ TEST_F(PermissionModelTest, ChecksMatchTheModel) {
 class FilePermissionTest : public PermissionModelTest {
  protected:
   void SetUp() override {
-    WriteConf(
+    WriteSharesConf(
         "[global]\nuser home = yes\n[photo]\npath = /volume1/photo\nftp disable download = yes\n"
         "[docs]\npath = /volume1/docs\n[homes]\npath = /volume1/homes\n");
     kesttest::WriteFile("/volume1/photo/a.jpg", "x");
@@ -223,51 +222,27 @@ TEST_F(FilePermissionTest, FtpDownloadFlagStopsReadingBeforeAnyAclQuery) {
 
 TEST_F(FilePermissionTest, MalformedPathsAndFailures) {
   FilePermission permission(kesttest::kAnnUid);
-  try {
-    permission.CheckRead("/volume1");
-    FAIL() << "no exception";
-  } catch (const Error& e) {
-    EXPECT_EQ(kErrPlatform, e.code());
-    EXPECT_STREQ("Malformed path: /volume1", e.what());
-  }
+  EXPECT_EQ("502 Malformed path: /volume1",
+            Thrown<Error>([&] { permission.CheckRead("/volume1"); }));
   EXPECT_TRUE(kesttest::SyslogCapture::Instance().WaitFor(
       "permission.cc:16 (" + std::to_string(getpid()) +
       ", 0) (ExtractShareName) Failed [string::npos == slash_pos1], reason: Malformed path: "
       "/volume1"));
   // /volume1/docs names share "docs" (its parent is the volume).
   EXPECT_NO_THROW(permission.CheckRead("/volume1/docs"));
-  try {
-    permission.CheckRead("/volume1/nosuchshare/x");
-    FAIL() << "no exception";
-  } catch (const Error& e) {
-    EXPECT_EQ(kErrShare, e.code());
-  }
+  EXPECT_EQ("800 nosuchshare",
+            Thrown<Error>([&] { permission.CheckRead("/volume1/nosuchshare/x"); }));
   // A missing file: the ACL query fails and the check throws, never false.
-  try {
-    permission.CheckRead("/volume1/docs/none");
-    FAIL() << "no exception";
-  } catch (const Error& e) {
-    EXPECT_EQ(kErrPlatform, e.code());
-    EXPECT_STREQ("KESTACLPermCalc failed, user: ann, path: /volume1/docs/none", e.what());
-  }
+  EXPECT_EQ("502 KESTACLPermCalc failed, user: ann, path: /volume1/docs/none",
+            Thrown<Error>([&] { permission.CheckRead("/volume1/docs/none"); }));
   EXPECT_TRUE(kesttest::SyslogCapture::Instance().WaitFor("permission.cc:117 ("));
 }
 
 TEST_F(FilePermissionTest, ConstructionFailures) {
-  try {
-    FilePermission permission(54321);
-    FAIL() << "no exception";
-  } catch (const Error& e) {
-    EXPECT_EQ(kErrUser, e.code());
-  }
+  EXPECT_EQ("801", Thrown<Error>([] { FilePermission permission(54321); }).substr(0, 3));
   PlatformDouble::FailNext("KLIBGroupInfoListGet");
-  try {
-    FilePermission permission(kesttest::kBobUid);
-    FAIL() << "no exception";
-  } catch (const Error& e) {
-    EXPECT_EQ(kErrPlatform, e.code());
-    EXPECT_STREQ("KLIBGroupInfoListGet failed, user: bob", e.what());
-  }
+  EXPECT_EQ("502 KLIBGroupInfoListGet failed, user: bob",
+            Thrown<Error>([] { FilePermission permission(kesttest::kBobUid); }));
   EXPECT_TRUE(kesttest::SyslogCapture::Instance().WaitFor("permission.cc:29 ("));
 }
 

@@ -28,30 +28,11 @@ namespace {
 
 using kestondri::webapi::SearchAPI;
 
-constexpr char kSharesConf[] =
-    "[global]\n"
-    "user home = yes\n"
-    "[docs]\n"
-    "path = /volume1/docs\n"
-    "read list = @staff\n"
-    "[homes]\n"
-    "path = /volume1/homes\n"
-    "invalid users = dave\n"
-    "[private]\n"
-    "path = /volume1/private\n"
-    "read list = bob\n";
-
-Json::Value Parse(const std::string& text) {
-  Json::Value value;
-  EXPECT_TRUE(Json::fromString(value, text)) << text;
-  return value;
-}
-
 std::string TrackingFile(const std::string& id) { return "/tmp/vyr_query_" + id + ".pid"; }
 
 // A search request with every parameter given.
 Json::Value FullParams() {
-  return Parse(R"({
+  return ParseJson(R"({
     "indice": ["docs", "private", "nosuch", "homes"],
     "from": 10, "size": 20, "query_serial": 3,
     "fields": ["KESTMDPath", "KESTMDFSName"],
@@ -67,7 +48,7 @@ Json::Value FullParams() {
 // The smallest request the method accepts, searching `shares`.
 Json::Value Params(const std::vector<std::string>& shares, const std::string& query_id = "",
                    int serial = 0) {
-  Json::Value params = Parse(R"({"from": 0, "size": 10, "fields": [], "file_type": ""})");
+  Json::Value params = ParseJson(R"({"from": 0, "size": 10, "fields": [], "file_type": ""})");
   params["indice"] = Json::Value(Json::arrayValue);
   for (const auto& s : shares) params["indice"].append(s);
   if (!query_id.empty()) params["query_id"] = query_id;
@@ -91,14 +72,7 @@ class SearchTest : public ::testing::Test {
  protected:
   void SetUp() override {
     BecomeRoot();
-    WriteFile("/etc/kest/shares.conf", kSharesConf);
-    for (const char* dir : {"/volume1/docs", "/volume1/private", "/volume1/homes",
-                            "/volume1/homes/ann", "/volume1/homes/bob"}) {
-      mkdir(dir, 0755);
-    }
-    WriteFile("/volume1/docs/open.txt", "x", 0644);
-    WriteFile("/volume1/docs/closed.txt", "x", 0600);
-    chown("/volume1/docs/closed.txt", kBobUid, kBobUid);
+    MakeSearchShares();
     system("rm -f /tmp/vyr_query_*");
     SyslogCapture::Instance().Clear();
   }
@@ -151,11 +125,11 @@ TEST_F(SearchTest, DaemonRequestIsBuiltMemberByMember) {
     ASSERT_EQ(1u, requests.size());
     Json::Value expected;
     expected["command"] = "search";
-    expected["data"] = Parse(c.data);
+    expected["data"] = ParseJson(c.data);
     EXPECT_EQ(expected, requests[0]) << c.login.name << "\n" << requests[0].toStyledString();
     const auto status = daemon.Requests("list_db_status");
     ASSERT_EQ(1u, status.size());
-    EXPECT_EQ(Parse(R"({"command": "list_db_status", "data": {}})"), status[0]);
+    EXPECT_EQ(ParseJson(R"({"command": "list_db_status", "data": {}})"), status[0]);
   }
 }
 
@@ -165,7 +139,7 @@ TEST_F(SearchTest, HomesIsSearchedForEveryUserWithoutAPrivilegeCheck) {
   daemon.On("list_db_status", StatusReply());
   // dave is refused by the homes share itself, and by docs.
   ASSERT_TRUE(Search(kDave, Params({"docs", "homes"})).IsSuccess());
-  EXPECT_EQ(Parse(R"(["fileindex_homes"])"), daemon.Requests("search").at(0)["data"]["indice"]);
+  EXPECT_EQ(ParseJson(R"(["fileindex_homes"])"), daemon.Requests("search").at(0)["data"]["indice"]);
 }
 
 TEST_F(SearchTest, NoShareNamedSearchesEveryIndexedShareInNameOrder) {
@@ -185,7 +159,7 @@ TEST_F(SearchTest, NoShareNamedSearchesEveryIndexedShareInNameOrder) {
       Json::Value params = Params({});
       if (absent) params.removeMember("indice");
       ASSERT_TRUE(Search(c.login, params).IsSuccess()) << c.login.name;
-      EXPECT_EQ(Parse(c.indice), daemon.Requests("search").at(0)["data"]["indice"])
+      EXPECT_EQ(ParseJson(c.indice), daemon.Requests("search").at(0)["data"]["indice"])
           << c.login.name << (absent ? " without indice" : " with an empty indice");
     }
   }
@@ -205,6 +179,7 @@ TEST_F(SearchTest, DefaultsOfOptionalParameters) {
   EXPECT_TRUE(data["pre_query"]["search_weight_list"].isNull());
   EXPECT_EQ("", data["pre_query"]["keyword"].asString());
   EXPECT_EQ("", data["orig_keyword"].asString());
+  EXPECT_EQ(-1, access(TrackingFile("").c_str(), F_OK)) << "untracked: no file";
 }
 
 TEST_F(SearchTest, ReplyStreamRules) {
@@ -249,7 +224,7 @@ TEST_F(SearchTest, ReplyStreamRules) {
     for (Json::ArrayIndex i = 0; i < out["hits"].size(); ++i) {
       EXPECT_EQ(c.hit_names[i], out["hits"][i]["KESTMDFSName"].asString()) << c.what;
     }
-    EXPECT_EQ(Parse(R"(["fileindex_a", "fileindex_b", "fileindex_c", "fileindex_a"])"),
+    EXPECT_EQ(ParseJson(R"(["fileindex_a", "fileindex_b", "fileindex_c", "fileindex_a"])"),
               out["unavail"])
         << c.what;
   }
@@ -320,14 +295,7 @@ TEST_F(SearchTest, MalformedQueryReportsTheRequestInsteadOfTheDaemonText) {
 }
 
 TEST_F(SearchTest, SocketThatNobodyListensOnIs605) {
-  // A socket file left by a daemon that died.
-  const int fd = socket(AF_UNIX, SOCK_STREAM, 0);
-  sockaddr_un addr{};
-  addr.sun_family = AF_UNIX;
-  strcpy(addr.sun_path, "/var/run/kestelasticd.sock");
-  ASSERT_EQ(0, bind(fd, reinterpret_cast<sockaddr*>(&addr), sizeof(addr)));
-  close(fd);
-  chmod("/var/run/kestelasticd.sock", 0666);
+  BindDeadSocket(FakeDaemon::kSocketPath);
   EXPECT_EQ(605, Search(kAnn, Params({"docs"})).GetErrorCode());
   EXPECT_TRUE(SyslogCapture::Instance().WaitFor(
       "(Search) Failed [!conn.Connect(kElasticdConnectTimeout)], reason: KestOndri error, "
@@ -347,7 +315,8 @@ TEST_F(SearchTest, NoShareToSearchAnswersEmptyWithoutTheDaemon) {
   for (const auto& c : cases) {
     const auto response = Search(c.login, Params(c.shares, "q-empty", 4));
     ASSERT_TRUE(response.IsSuccess()) << c.what;
-    EXPECT_EQ(Parse(R"({"hits": [], "total": 0, "unavail": []})"), response.GetData()) << c.what;
+    EXPECT_EQ(ParseJson(R"({"hits": [], "total": 0, "unavail": []})"), response.GetData())
+        << c.what;
     EXPECT_EQ(-1, access(TrackingFile("q-empty").c_str(), F_OK)) << c.what;
   }
   EXPECT_EQ(0, daemon.Connections());
@@ -365,7 +334,7 @@ TEST_F(SearchTest, WithoutASocketTheSearchStepIsEmptyButTheStatusStepFails) {
   KEST::APIResponse response;
   {
     SearchProbe probe(&request, &response);
-    EXPECT_EQ(Parse(R"({"hits": [], "total": 0})"), probe.RunSearch());
+    EXPECT_EQ(ParseJson(R"({"hits": [], "total": 0})"), probe.RunSearch());
   }
   BecomeRoot();
   // The whole method still asks for the index status, which needs the daemon.
@@ -424,14 +393,6 @@ TEST_F(SearchTest, QueryIdWithASlashIsRefusedBeforeAnyFile) {
   EXPECT_EQ(0, daemon.Connections());
   EXPECT_TRUE(SyslogCapture::Instance().WaitFor(R"(Failed [string::npos != query_id_.find("/")])"));
   rmdir("/tmp/vyr_query_x");
-}
-
-TEST_F(SearchTest, UntrackedSearchesTouchNoFile) {
-  FakeDaemon daemon;
-  daemon.On("search", Hits({R"({"success": true})"}));
-  daemon.On("list_db_status", StatusReply());
-  ASSERT_TRUE(Search(kAnn, Params({"docs"})).IsSuccess());
-  EXPECT_EQ(-1, access(TrackingFile("").c_str(), F_OK));
 }
 
 // A process that stands for an older request of the query id.
@@ -526,26 +487,19 @@ TEST_F(SearchTest, TrackingFileNotWrittenByTheModuleIsIgnored) {
   unlink(victim.c_str());
 }
 
-TEST_F(SearchTest, StaleRecordOfThisVeryProcessDoesNotKillIt) {
+TEST_F(SearchTest, FailedSearchLeavesItsClaimWhichDoesNotStopItsOwnProcess) {
   FakeDaemon daemon;
   daemon.On("search", DaemonReply::Failure(4242, "broken"));
-  ASSERT_EQ(4242, Search(kAnn, Params({"docs"}, "q4", 1)).GetErrorCode());
+  ASSERT_EQ(4242, Search(kAnn, Params({"docs"}, "q2", 9)).GetErrorCode());
+  const auto record = ParseJson(ReadFile(TrackingFile("q2")));
+  EXPECT_EQ(static_cast<int>(getpid()), record["pid"].asInt());
+  EXPECT_EQ(9, record["query_serial"].asInt());
   // The worker goes on serving: the next request of the query id must not
   // stop the process it runs in.
   daemon.On("search", Hits({R"({"success": true})"}));
   daemon.On("list_db_status", StatusReply());
-  EXPECT_TRUE(Search(kAnn, Params({"docs"}, "q4", 2)).IsSuccess());
-  EXPECT_EQ(-1, access(TrackingFile("q4").c_str(), F_OK));
-}
-
-TEST_F(SearchTest, FailedSearchLeavesItsClaimBehind) {
-  FakeDaemon daemon;
-  daemon.On("search", DaemonReply::Failure(4242, "broken"));
-  ASSERT_EQ(4242, Search(kAnn, Params({"docs"}, "q2", 9)).GetErrorCode());
-  const auto record = Parse(ReadFile(TrackingFile("q2")));
-  EXPECT_EQ(static_cast<int>(getpid()), record["pid"].asInt());
-  EXPECT_EQ(9, record["query_serial"].asInt());
-  unlink(TrackingFile("q2").c_str());
+  EXPECT_TRUE(Search(kAnn, Params({"docs"}, "q2", 10)).IsSuccess());
+  EXPECT_EQ(-1, access(TrackingFile("q2").c_str(), F_OK));
 }
 
 // Runs one search in a child process and reports its answer through a pipe.
@@ -588,12 +542,12 @@ TEST_F(SearchTest, NewerRequestOfTheSameQueryKillsTheOlderProcess) {
 
   const RemoteSearch older = StartSearch(Params({"docs"}, "typeahead", 5));
   ASSERT_TRUE(daemon.WaitForRequests(1));
-  const auto claim = Parse(ReadFile(TrackingFile("typeahead")));
+  const auto claim = ParseJson(ReadFile(TrackingFile("typeahead")));
   EXPECT_EQ(older.pid, claim["pid"].asInt());
   EXPECT_EQ(5, claim["query_serial"].asInt());
 
   const RemoteSearch newer = StartSearch(Params({"docs"}, "typeahead", 6));
-  const auto answer = Parse(ReadAll(newer.fd));
+  const auto answer = ParseJson(ReadAll(newer.fd));
   int status = 0;
   ASSERT_EQ(newer.pid, waitpid(newer.pid, &status, 0));
   EXPECT_TRUE(answer["success"].asBool()) << Json::toString(answer);
@@ -627,40 +581,28 @@ TEST_F(SearchHistoryTest, TheChildRecordsTheTypedKeyword) {
   struct Case {
     const char* what;
     Login login;
-    Json::Value orig_keyword;  // null: not given
     bool enabled;
     bool child;                        // a history child is forked
+    const char* orig_keyword;          // null: not given
+    const char* share;                 // the share searched
     std::vector<std::string> history;  // the user's whole history afterwards
-    std::vector<std::string> shares;
   } cases[] = {
-      {"trimmed keyword",
-       kAnn,
-       "  quarterly report \t",
-       true,
-       true,
-       {"quarterly report"},
-       {"docs"}},
-      {"history switched off", kBob, "hidden", false, false, {}, {"docs"}},
-      {"no keyword typed", kAnn, Json::Value(), true, false, {"quarterly report"}, {"docs"}},
-      {"empty keyword", kAnn, "", true, false, {"quarterly report"}, {"docs"}},
+      {"trimmed keyword", kAnn, true, true, "  quarterly report \t", "docs", {"quarterly report"}},
+      {"history switched off", kBob, false, false, "hidden", "docs", {}},
+      {"no keyword typed", kAnn, true, false, nullptr, "docs", {"quarterly report"}},
+      {"empty keyword", kAnn, true, false, "", "docs", {"quarterly report"}},
       // Blank alone passes the test before trimming: recorded as "".
-      {"blank keyword", kDave, "   ", true, true, {""}, {"docs"}},
-      {"even when nothing may be searched",
-       kDave,
-       "lonely",
-       true,
-       true,
-       {"lonely", ""},
-       {"private"}},
-      {"an administrator", kCarol, "audit", true, true, {"audit"}, {"docs"}},
+      {"blank keyword", kDave, true, true, "   ", "docs", {""}},
+      {"even when nothing may be searched", kDave, true, true, "lonely", "private", {"lonely", ""}},
+      {"an administrator", kCarol, true, true, "audit", "docs", {"audit"}},
   };
   for (const auto& c : cases) {
     kestondri::pref::Preference(c.login.uid).Set<bool>("enable_history", c.enabled);
     FakeDaemon daemon;
     daemon.On("search", Hits({R"({"success": true})"}));
     daemon.On("list_db_status", StatusReply());
-    Json::Value params = Params(c.shares);
-    if (!c.orig_keyword.isNull()) params["orig_keyword"] = c.orig_keyword;
+    Json::Value params = Params({c.share});
+    if (c.orig_keyword) params["orig_keyword"] = c.orig_keyword;
     std::vector<int> children;
     ASSERT_TRUE(RunAPI<SearchAPI>(c.login, params, &children).IsSuccess()) << c.what;
     // The after-answer child of every request, and the history child.
@@ -670,10 +612,6 @@ TEST_F(SearchHistoryTest, TheChildRecordsTheTypedKeyword) {
   // Each user's rows stay their own.
   EXPECT_EQ((std::vector<std::string>{"quarterly report"}), History(kAnnUid));
   EXPECT_TRUE(History(kBobUid).empty());
-  struct stat st {};
-  ASSERT_EQ(0, stat("/var/packages/KestOndri/var/kestondri.db", &st));
-  EXPECT_EQ(kServiceUid, st.st_uid);
-  EXPECT_EQ(0600u, st.st_mode & 07777);
   EXPECT_TRUE(SyslogCapture::Instance().Matching("Failed to execute").empty());
 }
 

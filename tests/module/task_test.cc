@@ -103,21 +103,5 @@ TEST_F(TaskTest, TaskRunsOnlyInTheChildWhichLeavesWithoutCleanUp) {
   EXPECT_NE(0, access("/tmp/task_exit_handler_ran", F_OK)) << "the child ran exit handlers";
 }
 
-TEST_F(TaskTest, ChildStartsWithDefaultSignalHandling) {
-  signal(SIGUSR1, SIG_IGN);
-  {
-    RequestGuard guard;
-    ForkTask task(1);
-    ASSERT_TRUE(task.DoTask([] {
-      struct sigaction action {};
-      sigaction(SIGUSR1, nullptr, &action);
-      WriteFile("/tmp/task_signal", action.sa_handler == SIG_DFL ? "default" : "inherited");
-    }));
-    EXPECT_TRUE(AllExitedZero(guard.Finish(), 1));
-  }
-  signal(SIGUSR1, SIG_DFL);
-  EXPECT_EQ("default", ReadFile("/tmp/task_signal"));
-}
-
 }  // namespace
 }  // namespace kesttest

@@ -11,11 +11,13 @@
 #include "common/util.h"
 #include "support/sandbox.h"
 #include "support/syslog_capture.h"
+#include "support/thrown.h"
 
 namespace kestondri {
 namespace {
 
 using kesttest::SyslogCapture;
+using kesttest::Thrown;
 using kesttest::WriteFile;
 
 TEST(PathTextTest, SplittingAndExtensions) {
@@ -136,13 +138,8 @@ TEST(ProcessDirTest, WalksDepthFirstAndSurvivesCallbackErrors) {
   };
   EXPECT_LT(pos("/volume1/walk/a/b"), pos("/volume1/walk/a/b/y"));
 
-  try {
-    ProcessDir("/volume1/walk/none", [](const std::string&) {});
-    FAIL() << "no exception";
-  } catch (const Error& e) {
-    EXPECT_EQ(kErrPlatform, e.code());
-    EXPECT_STREQ("Failed to open dir: /volume1/walk/none", e.what());
-  }
+  EXPECT_EQ("502 Failed to open dir: /volume1/walk/none",
+            Thrown<Error>([] { ProcessDir("/volume1/walk/none", [](const std::string&) {}); }));
   EXPECT_TRUE(SyslogCapture::Instance().WaitFor(
       "util.cc:177 (" + std::to_string(getpid()) +
       ", 0) (ProcessDir) Failed [nullptr == (dir = "

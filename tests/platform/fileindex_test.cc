@@ -20,19 +20,11 @@ namespace kestondri {
 namespace fileindex {
 namespace {
 
+using kesttest::ParseJson;
+using kesttest::WriteSharesConf;
+
 using kesttest::ReadFile;
 using kesttest::WriteFile;
-
-void WriteConf(const std::string& text) {
-  WriteFile("/etc/kest/shares.conf.new", text);
-  ASSERT_EQ(0, rename("/etc/kest/shares.conf.new", "/etc/kest/shares.conf"));
-}
-
-Json::Value Parse(const std::string& text) {
-  Json::Value value;
-  Json::Reader().parse(text, value);
-  return value;
-}
 
 void MakeDir(const std::string& path, uid_t owner, mode_t mode) {
   std::string partial;
@@ -91,7 +83,7 @@ class FileIndexTest : public ::testing::Test {
  protected:
   void SetUp() override {
     system("rm -rf /var/packages/KestOndri /volume1/* /volume1/@kestondri /volume2/*");
-    WriteConf(
+    WriteSharesConf(
         "[global]\nuser home = yes\n"
         "[photo]\npath = /volume1/photo\n"
         "[docs]\npath = /volume1/docs\ninvalid users = dave\n"
@@ -110,7 +102,7 @@ class FileIndexTest : public ::testing::Test {
   void TearDown() override { kesttest::BecomeRoot(); }
 
   void Add(const std::string& user, const std::string& folders) {
-    ASSERT_EQ(0, CodeOf(user, [&] { FolderAdd(Parse(folders), false); }));
+    ASSERT_EQ(0, CodeOf(user, [&] { FolderAdd(ParseJson(folders), false); }));
   }
 };
 
@@ -187,7 +179,7 @@ TEST_F(FileIndexTest, BadInputIsRefusedAndNothingChanges) {
   for (const auto& c : cases) {
     std::string reason;
     EXPECT_EQ(c.code, CodeOf(
-                          c.user, [&] { FolderAdd(Parse(c.folders), false); }, &reason))
+                          c.user, [&] { FolderAdd(ParseJson(c.folders), false); }, &reason))
         << c.folders;
     EXPECT_NE(std::string::npos, reason.find(c.reason)) << c.folders << " gave: " << reason;
   }
@@ -200,19 +192,20 @@ TEST_F(FileIndexTest, AFailedQueueWriteRollsTheStoreBack) {
   // The queue's twin cannot be written: the change must not stay half done.
   mkdir("/volume1/@kestondri/queue/docs.queue.tmp", 0755);
   std::string reason;
-  EXPECT_EQ(502,
-            CodeOf(
-                "root",
-                [] {
-                  FolderAdd(
-                      Parse(R"([{"path": "/volume1/photo/ann"}, {"path": "/volume1/docs/open"}])"),
-                      false);
-                },
-                &reason));
+  EXPECT_EQ(
+      502,
+      CodeOf(
+          "root",
+          [] {
+            FolderAdd(
+                ParseJson(R"([{"path": "/volume1/photo/ann"}, {"path": "/volume1/docs/open"}])"),
+                false);
+          },
+          &reason));
   EXPECT_NE(std::string::npos, reason.find("docs.queue.tmp")) << reason;
   EXPECT_EQ(std::vector<std::string>{"/volume1/photo/shared"}, ListedPaths("root"));
   rmdir("/volume1/@kestondri/queue/docs.queue.tmp");
-  EXPECT_EQ(0, CodeOf("root", [] { FolderDelete(Parse(R"(["/volume1/photo/shared"])")); }));
+  EXPECT_EQ(0, CodeOf("root", [] { FolderDelete(ParseJson(R"(["/volume1/photo/shared"])")); }));
   EXPECT_TRUE(ListedPaths("root").empty());
 }
 
@@ -240,7 +233,7 @@ TEST_F(FileIndexTest, UsersSeeOnlyWhatTheyCanRead) {
 
   Json::Value groups;
   As("ann", [&] { FolderListGroups(groups); });
-  EXPECT_EQ(Parse(R"({"groups": [{"id": "all", "name": "all", "count": 3},
+  EXPECT_EQ(ParseJson(R"({"groups": [{"id": "all", "name": "all", "count": 3},
                            {"id": "mine", "name": "mine", "count": 1},
                            {"id": "share:docs", "name": "docs", "count": 1},
                            {"id": "share:photo", "name": "photo", "count": 2}]})"),
@@ -263,20 +256,22 @@ TEST_F(FileIndexTest, OnlyOwnersAndAdministratorsChangeFolders) {
     int code;
   } cases[] = {
       // ann can read bob's shared folder but does not own it.
-      {"ann", [] { FolderDelete(Parse(R"(["/volume1/photo/shared"])")); }, 507},
-      {"ann", [] { FolderReindex(Parse(R"(["/volume1/photo/shared"])")); }, 507},
+      {"ann", [] { FolderDelete(ParseJson(R"(["/volume1/photo/shared"])")); }, 507},
+      {"ann", [] { FolderReindex(ParseJson(R"(["/volume1/photo/shared"])")); }, 507},
       {"ann",
-       [] { FolderSet(Parse(R"([{"path": "/volume1/photo/shared", "paused": true}])"), false); },
+       [] {
+         FolderSet(ParseJson(R"([{"path": "/volume1/photo/shared", "paused": true}])"), false);
+       },
        507},
       // bob's private folder does not exist as far as ann can tell.
-      {"ann", [] { FolderDelete(Parse(R"(["/volume1/photo/bob"])")); }, 120},
-      {"ann", [] { FolderDelete(Parse(R"(["/volume1/photo/none"])")); }, 120},
-      {"ann", [] { FolderDelete(Parse(R"([])")); }, 120},
-      {"ann", [] { FolderDelete(Parse(R"([3])")); }, 120},
+      {"ann", [] { FolderDelete(ParseJson(R"(["/volume1/photo/bob"])")); }, 120},
+      {"ann", [] { FolderDelete(ParseJson(R"(["/volume1/photo/none"])")); }, 120},
+      {"ann", [] { FolderDelete(ParseJson(R"([])")); }, 120},
+      {"ann", [] { FolderDelete(ParseJson(R"([3])")); }, 120},
       {"ann", [] { FolderDelete(std::string("bob")); }, 507},
       {"root", [] { FolderDelete(std::string("nosuchuser")); }, 120},
       {"ann", [] { FolderDelete(std::string("")); }, 120},
-      {"ann", [] { FolderReindex(Parse(R"(["/volume1/photo/ann/../bob"])")); }, 120},
+      {"ann", [] { FolderReindex(ParseJson(R"(["/volume1/photo/ann/../bob"])")); }, 120},
       {"ann", [] { StatusMgr().Pause(10); }, 507},
       {"ann", [] { StatusMgr().Resume(); }, 507},
   };
@@ -285,7 +280,7 @@ TEST_F(FileIndexTest, OnlyOwnersAndAdministratorsChangeFolders) {
 
   EXPECT_EQ(0, CodeOf("bob", [] {
               FolderSet(
-                  Parse(R"([{"path": "/volume1/photo/shared", "paused": true, "name": "S"}])"),
+                  ParseJson(R"([{"path": "/volume1/photo/shared", "paused": true, "name": "S"}])"),
                   false);
             }));
   Json::Value entry;
@@ -295,7 +290,7 @@ TEST_F(FileIndexTest, OnlyOwnersAndAdministratorsChangeFolders) {
   EXPECT_EQ("paused", entry["additional"]["status"].asString());
   // replace: what is not given returns to its default.
   EXPECT_EQ(0, CodeOf("bob", [] {
-              FolderSet(Parse(R"([{"path": "/volume1/photo/shared", "audio": false}])"), true);
+              FolderSet(ParseJson(R"([{"path": "/volume1/photo/shared", "audio": false}])"), true);
             }));
   As("bob", [&] { FolderGet(entry, "/volume1/photo/shared"); });
   EXPECT_FALSE(entry["paused"].asBool());
@@ -303,7 +298,7 @@ TEST_F(FileIndexTest, OnlyOwnersAndAdministratorsChangeFolders) {
   EXPECT_EQ("shared", entry["name"].asString());
 
   EXPECT_EQ(0, CodeOf("ann", [] { FolderDelete(std::string("ann")); }));
-  EXPECT_EQ(0, CodeOf("root", [] { FolderDelete(Parse(R"(["/volume1/photo/shared"])")); }));
+  EXPECT_EQ(0, CodeOf("root", [] { FolderDelete(ParseJson(R"(["/volume1/photo/shared"])")); }));
   EXPECT_EQ(std::vector<std::string>{"/volume1/photo/bob"}, ListedPaths("root"));
   EXPECT_NE(
       std::string::npos,
@@ -333,28 +328,26 @@ TEST_F(FileIndexTest, ListPagesSortsAndFilters) {
   EXPECT_EQ("1:gamma,", list("root", 0, UINT64_MAX, "", "", "share:docs", ""));
   EXPECT_EQ("2:Alpha,beta,", list("root", 0, UINT64_MAX, "name", "", "all", "PHOTO"));
   EXPECT_EQ("1:Alpha,", list("root", 0, UINT64_MAX, "name", "", "all", "alp"));
-  for (auto bad : std::vector<std::function<void()>>{
-           [] {
-             Json::Value o;
-             FolderList(o, 0, 1, "size", "", "all", "", Json::Value());
-           },
-           [] {
-             Json::Value o;
-             FolderList(o, 0, 1, "", "up", "all", "", Json::Value());
-           },
-           [] {
-             Json::Value o;
-             FolderList(o, 0, 1, "", "", "others", "", Json::Value());
-           },
-           [] {
-             Json::Value o;
-             FolderList(o, 0, 1, "", "", "all", "", Parse(R"(["owner_uid"])"));
-           },
-       }) {
-    EXPECT_EQ(120, CodeOf("root", bad));
+  const struct {
+    const char* sort;
+    const char* direction;
+    const char* group;
+    const char* additional;  // null: none
+  } bad[] = {{"size", "", "all", nullptr},
+             {"", "up", "all", nullptr},
+             {"", "", "others", nullptr},
+             {"", "", "all", R"(["owner_uid"])"}};
+  for (const auto& b : bad) {
+    const Json::Value additional = b.additional ? ParseJson(b.additional) : Json::Value();
+    EXPECT_EQ(120, CodeOf("root",
+                          [&] {
+                            Json::Value o;
+                            FolderList(o, 0, 1, b.sort, b.direction, b.group, "", additional);
+                          }))
+        << b.sort << b.direction << b.group;
   }
   Json::Value page;
-  As("root", [&] { FolderList(page, 0, 1, "", "", "all", "", Parse(R"(["status"])")); });
+  As("root", [&] { FolderList(page, 0, 1, "", "", "all", "", ParseJson(R"(["status"])")); });
   EXPECT_EQ("processing", page["folders"][0]["additional"]["status"].asString());
 }
 
@@ -364,7 +357,7 @@ TEST_F(FileIndexTest, QueueKeepsOrderSurvivesAnInterruptedRewriteAndDropsCutLine
   // last one cut off.
   WriteFile("/volume1/@kestondri/queue/photo.queue.tmp",
             "# kestondri queue 1\nremove\t/volume1/photo/old\nreindex\t/volume1/photo/cu");
-  EXPECT_EQ(0, CodeOf("root", [] { FolderReindex(Parse(R"(["/volume1/photo/shared"])")); }));
+  EXPECT_EQ(0, CodeOf("root", [] { FolderReindex(ParseJson(R"(["/volume1/photo/shared"])")); }));
   EXPECT_EQ(
       "# kestondri queue 1\nremove\t/volume1/photo/old\nreindex\t/volume1/photo/ann\n"
       "reindex\t/volume1/photo/shared\n",
@@ -376,14 +369,15 @@ TEST_F(FileIndexTest, QueueKeepsOrderSurvivesAnInterruptedRewriteAndDropsCutLine
 TEST_F(FileIndexTest, AVanishedShareOrFolderIsReportedNotLost) {
   Add("root", R"([{"path": "/volume1/docs/open"}, {"path": "/volume1/photo/shared"}])");
   rmdir("/volume1/docs/open");
-  WriteConf("[photo]\npath = /volume1/photo\n");
+  WriteSharesConf("[photo]\npath = /volume1/photo\n");
   Json::Value page;
-  As("root", [&] { FolderList(page, 0, UINT64_MAX, "", "", "all", "", Parse(R"(["status"])")); });
+  As("root",
+     [&] { FolderList(page, 0, UINT64_MAX, "", "", "all", "", ParseJson(R"(["status"])")); });
   ASSERT_EQ(2u, page["total"].asUInt());
   EXPECT_EQ("unavailable", page["folders"][0]["additional"]["status"].asString());
   EXPECT_EQ((std::set<std::string>{"docs", "photo"}), FolderMgr().GetIndexedShares());
   EXPECT_EQ(std::vector<std::string>{"/volume1/photo/shared"}, ListedPaths("ann"));
-  EXPECT_EQ(0, CodeOf("root", [] { FolderDelete(Parse(R"(["/volume1/docs/open"])")); }));
+  EXPECT_EQ(0, CodeOf("root", [] { FolderDelete(ParseJson(R"(["/volume1/docs/open"])")); }));
   EXPECT_EQ(std::vector<std::string>{"/volume1/photo/shared"}, ListedPaths("root"));
 }
 
@@ -417,7 +411,7 @@ TEST_F(FileIndexTest, PauseStateIsSharedAcrossProcesses) {
 }
 
 TEST(FileIndexNamesTest, ShareNamesAndIndexIds) {
-  WriteConf("[photo]\npath = /volume1/photo\n");
+  WriteSharesConf("[photo]\npath = /volume1/photo\n");
   std::string name = "x", path = "y";
   GetShareNamePathByFullPath("/volume1/photo/a/b.jpg", name, path);
   EXPECT_EQ("photo", name);

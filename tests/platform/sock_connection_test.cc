@@ -1,73 +1,29 @@
-// Framed messages over a real Unix stream socket, served by a small server
-// thread inside the test.
-#include <arpa/inet.h>
+// Framed messages over a real Unix stream socket, against the scripted
+// daemon of tests/support.
+#include <fcntl.h>
 #include <gtest/gtest.h>
+#include <pthread.h>
 #include <signal.h>
 #include <sys/socket.h>
 #include <sys/un.h>
 #include <unistd.h>
 
+#include <atomic>
 #include <cstring>
-#include <functional>
 #include <string>
 #include <thread>
 
 #include "kestdaemon/sock_connection.h"
+#include "support/fake_daemon.h"
 #include "support/sandbox.h"
 
 namespace kesttest {
 namespace {
 
 using kestdaemon::DomainSockConnection;
-using kestdaemon::SockConnection;
 
-constexpr char kPath[] = "/run/sock_connection_test.sock";
-
-std::string Header(uint32_t length) {
-  const uint32_t net = htonl(length);
-  return std::string(reinterpret_cast<const char*>(&net), sizeof(net));
-}
-
-void WriteRaw(int fd, const std::string& bytes) {
-  size_t done = 0;
-  while (done < bytes.size()) {
-    const ssize_t n = send(fd, bytes.data() + done, bytes.size() - done, MSG_NOSIGNAL);
-    if (n <= 0) return;
-    done += static_cast<size_t>(n);
-  }
-}
-
-// Listens on kPath and hands each accepted connection to `serve` on a thread.
-class TestServer {
- public:
-  explicit TestServer(std::function<void(int fd)> serve) {
-    unlink(kPath);
-    listen_fd_ = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
-    sockaddr_un addr{};
-    addr.sun_family = AF_UNIX;
-    strncpy(addr.sun_path, kPath, sizeof(addr.sun_path) - 1);
-    if (bind(listen_fd_, reinterpret_cast<sockaddr*>(&addr), sizeof(addr)) != 0 ||
-        listen(listen_fd_, 4) != 0) {
-      ADD_FAILURE() << "cannot listen on " << kPath;
-    }
-    thread_ = std::thread([this, serve] {
-      const int fd = accept(listen_fd_, nullptr, nullptr);
-      if (fd < 0) return;
-      serve(fd);
-      close(fd);
-    });
-  }
-  ~TestServer() {
-    shutdown(listen_fd_, SHUT_RDWR);
-    thread_.join();
-    close(listen_fd_);
-    unlink(kPath);
-  }
-
- private:
-  int listen_fd_ = -1;
-  std::thread thread_;
-};
+constexpr char kPath[] = "/var/run/kestelasticd.sock";
+constexpr char kProbe[] = R"({"command":"probe","data":{}})";
 
 class SockConnectionTest : public testing::Test {
  protected:
@@ -76,123 +32,125 @@ class SockConnectionTest : public testing::Test {
   int fds_ = 0;
 };
 
-TEST_F(SockConnectionTest, RoundTrips) {
-  TestServer server([](int fd) {
-    SockConnection conn(dup(fd));
-    std::string message;
-    while (conn.Recv(message) && conn.Send(message)) {
-    }
-  });
-  DomainSockConnection conn(kPath);
-  ASSERT_TRUE(conn.Connect(10));
-  EXPECT_GE(conn.fd(), 0);
-  const std::string big(3 * (1 << 20) + 17, 'b');
-  for (const std::string& message :
-       {std::string(R"({"command":"search"})"), std::string(), std::string("a\0b\xff", 4), big}) {
-    ASSERT_TRUE(conn.Send(message));
-    std::string back = "stale";
-    ASSERT_TRUE(conn.Recv(back));
-    EXPECT_EQ(message, back);
-  }
-  conn.Disconnect();
-  EXPECT_EQ(-1, conn.fd());
-  conn.Disconnect();
-  std::string none;
-  EXPECT_FALSE(conn.Recv(none));
-  EXPECT_FALSE(conn.Send("x"));
-}
-
-TEST_F(SockConnectionTest, BadFramesFailRecv) {
+TEST_F(SockConnectionTest, ReplyScripts) {
   struct Case {
     const char* what;
-    std::string bytes;  // sent by the server, which then closes
+    DaemonReply reply;
+    bool ok;
+    std::string text;
   };
-  const Case cases[] = {
-      {"declared length over 64 MiB", Header((64u << 20) + 1) + "xxxx"},
-      {"declared length 4 GiB", Header(0xffffffffu) + "xxxx"},
-      {"short body", Header(10) + "abc"},
-      {"short header", std::string("\0\0", 2)},
-      {"closed at once", ""},
+  const std::string big(3u << 20, 'x');  // several reads' worth
+  Case cases[] = {
+      {"one message", DaemonReply().Text("{\"a\":1}"), true, "{\"a\":1}"},
+      {"empty frame", DaemonReply().Text(""), true, ""},
+      {"bytes kept", DaemonReply().Text(std::string("a\0b\xff", 4)), true,
+       std::string("a\0b\xff", 4)},
+      {"large message", DaemonReply().Text(big), true, big},
+      {"slow reply", DaemonReply().Pause(200).Text("late"), true, "late"},
+      {"header in pieces",
+       DaemonReply().Raw(std::string("\0\0", 2)).Pause(50).Raw(std::string("\0\x02", 2) + "ok"),
+       true, "ok"},
+      {"closed before replying", DaemonReply().Close(), false, ""},
+      {"short header", DaemonReply().Raw(std::string("\0\0", 2)).Close(), false, ""},
+      {"length that lies", DaemonReply().Header(100).Raw("short").Close(), false, ""},
+      {"length over the cap", DaemonReply().Header((64u << 20) + 1).Raw("x"), false, ""},
+      {"length of 4 GiB - 1", DaemonReply().Header(0xffffffffu), false, ""},
+      {"silent peer times out", DaemonReply().HoldUntilClientGoes(), false, ""},
   };
-  for (const auto& c : cases) {
-    {
-      TestServer server([&c](int fd) { WriteRaw(fd, c.bytes); });
-      DomainSockConnection conn(kPath);
-      ASSERT_TRUE(conn.Connect(10)) << c.what;
-      std::string message = "untouched";
-      EXPECT_FALSE(conn.Recv(message)) << c.what;
-      EXPECT_EQ("untouched", message) << c.what;
-    }
+  for (auto& c : cases) {
+    SCOPED_TRACE(c.what);
+    FakeDaemon daemon;
+    daemon.On("probe", c.reply);
+    DomainSockConnection conn(kPath);
+    ASSERT_TRUE(conn.Connect(1));
+    std::string reply = "untouched";
+    EXPECT_EQ(c.ok, conn.Send(kProbe) && conn.Recv(reply));
+    EXPECT_EQ(c.ok ? c.text : "untouched", reply);
+    ASSERT_EQ(1u, daemon.RawRequests().size());
+    EXPECT_EQ(kProbe, daemon.RawRequests()[0]);
   }
 }
 
-TEST_F(SockConnectionTest, SendToClosedPeerFailsWithoutSigpipe) {
-  // SIGPIPE keeps its default action: were it raised, the test would die.
-  signal(SIGPIPE, SIG_DFL);
-  TestServer server([](int) {});
+TEST_F(SockConnectionTest, SentMessagesArriveWholeAndDisconnectClosesOnce) {
+  FakeDaemon daemon;
   DomainSockConnection conn(kPath);
-  ASSERT_TRUE(conn.Connect(10));
-  std::string message;
-  EXPECT_FALSE(conn.Recv(message));  // the server closed
-  bool failed = false;
-  for (int i = 0; i < 10 && !failed; ++i) failed = !conn.Send(std::string(1 << 16, 'x'));
-  EXPECT_TRUE(failed);
+  ASSERT_TRUE(conn.Connect(5));
+  const std::string big(3 * (1 << 20) + 17, 'b');
+  ASSERT_TRUE(conn.Send(big));
+  ASSERT_TRUE(daemon.WaitForRequests(1));
+  EXPECT_EQ(big, daemon.RawRequests()[0]);
+  EXPECT_FALSE(conn.Send(std::string((64u << 20) + 1, 'x'))) << "over the cap";
+  const int fd = conn.fd();
+  conn.Disconnect();
+  EXPECT_EQ(-1, conn.fd());
+  EXPECT_EQ(-1, fcntl(fd, F_GETFD));
+  conn.Disconnect();
+  std::string reply;
+  EXPECT_FALSE(conn.Send("x"));
+  EXPECT_FALSE(conn.Recv(reply));
 }
 
-TEST_F(SockConnectionTest, ConnectFailures) {
-  unlink(kPath);
+TEST_F(SockConnectionTest, ConnectFailuresLeaveNoDescriptor) {
+  {
+    FakeDaemon daemon;  // leaves no socket file behind
+  }
   DomainSockConnection missing(kPath);
   EXPECT_FALSE(missing.Connect(1));
   EXPECT_EQ(-1, missing.fd());
-  DomainSockConnection too_long("/run/" + std::string(200, 'x'));
-  EXPECT_FALSE(too_long.Connect(1));
-  // A socket file nobody listens on.
-  const int fd = socket(AF_UNIX, SOCK_STREAM, 0);
-  sockaddr_un addr{};
-  addr.sun_family = AF_UNIX;
-  strncpy(addr.sun_path, kPath, sizeof(addr.sun_path) - 1);
-  ASSERT_EQ(0, bind(fd, reinterpret_cast<sockaddr*>(&addr), sizeof(addr)));
-  close(fd);
-  DomainSockConnection stale(kPath);
-  EXPECT_FALSE(stale.Connect(1));
+  EXPECT_FALSE(DomainSockConnection("/var/run/none/x.sock").Connect(1));
+  EXPECT_FALSE(DomainSockConnection("/run/" + std::string(200, 'x')).Connect(1));
+  BindDeadSocket(kPath);
+  EXPECT_FALSE(DomainSockConnection(kPath).Connect(1));
   unlink(kPath);
-}
-
-TEST_F(SockConnectionTest, SilentPeerTimesOut) {
-  int done[2];
-  ASSERT_EQ(0, pipe(done));
-  {
-    TestServer server([&done](int) {
-      char c;
-      // Holds the connection open until the client gave up.
-      (void)!read(done[0], &c, 1);
-    });
-    DomainSockConnection conn(kPath);
-    ASSERT_TRUE(conn.Connect(1));
-    std::string message;
-    EXPECT_FALSE(conn.Recv(message));
-    (void)!write(done[1], "x", 1);
-  }
-  close(done[0]);
-  close(done[1]);
-}
-
-TEST_F(SockConnectionTest, ReconnectReplacesTheDescriptor) {
-  TestServer server([](int fd) {
-    SockConnection conn(dup(fd));
-    std::string message;
-    while (conn.Recv(message) && conn.Send(message)) {
-    }
-  });
+  // A failed reconnect drops the descriptor of the earlier connection.
+  FakeDaemon daemon;
   DomainSockConnection conn(kPath);
-  ASSERT_TRUE(conn.Connect(10));
-  ASSERT_TRUE(conn.Send("one"));
-  std::string back;
-  ASSERT_TRUE(conn.Recv(back));
+  ASSERT_TRUE(conn.Connect(1));
   unlink(kPath);
-  // Nothing listens any more: the failed reconnect leaves no descriptor.
   EXPECT_FALSE(conn.Connect(1));
   EXPECT_EQ(-1, conn.fd());
+}
+
+TEST_F(SockConnectionTest, SendToAPeerThatWentAwayFailsWithoutSigpipe) {
+  signal(SIGPIPE, SIG_DFL);  // a raised SIGPIPE would end this test binary
+  FakeDaemon daemon;
+  daemon.On("probe", DaemonReply().Close());
+  DomainSockConnection conn(kPath);
+  ASSERT_TRUE(conn.Connect(5));
+  ASSERT_TRUE(conn.Send(kProbe));
+  ASSERT_TRUE(daemon.WaitIdle());
+  bool sent = true;
+  for (int i = 0; i < 8 && sent; ++i) sent = conn.Send(std::string(1 << 20, 'y'));
+  EXPECT_FALSE(sent);
+}
+
+void OnSignal(int) {}
+
+TEST_F(SockConnectionTest, InterruptedReceiveIsResumed) {
+  struct sigaction action {};
+  action.sa_handler = OnSignal;  // no SA_RESTART: calls really see EINTR
+  sigemptyset(&action.sa_mask);
+  struct sigaction old {};
+  ASSERT_EQ(0, sigaction(SIGUSR1, &action, &old));
+  FakeDaemon daemon;
+  daemon.On("probe", DaemonReply().Pause(300).Text("after the storm"));
+  DomainSockConnection conn(kPath);
+  ASSERT_TRUE(conn.Connect(5));
+  std::atomic<bool> done{false};
+  const pthread_t self = pthread_self();
+  std::thread storm([&] {
+    while (!done) {
+      pthread_kill(self, SIGUSR1);
+      usleep(10000);
+    }
+  });
+  std::string reply;
+  const bool ok = conn.Send(kProbe) && conn.Recv(reply);
+  done = true;
+  storm.join();
+  sigaction(SIGUSR1, &old, nullptr);
+  EXPECT_TRUE(ok);
+  EXPECT_EQ("after the storm", reply);
 }
 
 }  // namespace

@@ -6,18 +6,13 @@
 
 #include "kest/json.h"
 #include "kest/webapi.h"
+#include "support/sandbox.h"
 
 namespace kesttest {
 namespace {
 
 using KEST::APIRequest;
 using KEST::APIResponse;
-
-Json::Value Parse(const std::string& text) {
-  Json::Value v;
-  EXPECT_TRUE(Json::fromString(v, text)) << text;
-  return v;
-}
 
 APIRequest RequestWith(const Json::Value& value) {
   Json::Value params(Json::objectValue);
@@ -80,30 +75,30 @@ void ExpectPresent(const KEST::APIParameter<T>& p, bool accepted, const T& value
   }
 }
 
-TEST(WebAPIGetterTest, EachGetterAcceptsExactlyItsTypes) {
-  const auto R = APIRequest::PARAM_REQUIRED;
-  for (const auto& c : kTypeCases) {
-    const Json::Value v = Parse(c.json);
-    const APIRequest request = RequestWith(v);
-    const std::string what = std::string("value ") + c.json;
-    ExpectPresent<std::string>(request.GetAndCheckString("p", R), Accepts(c, 's'),
-                               Accepts(c, 's') ? v.asString() : "", "fallback", what + " string");
-    ExpectPresent<int>(request.GetAndCheckInt("p", R), Accepts(c, 'i'),
-                       Accepts(c, 'i') ? v.asInt() : 0, -7, what + " int");
-    ExpectPresent<int64_t>(request.GetAndCheckInt64("p", R), Accepts(c, 'l'),
-                           Accepts(c, 'l') ? v.asInt64() : 0, -7, what + " int64");
-    ExpectPresent<double>(request.GetAndCheckDouble("p", R), Accepts(c, 'd'),
-                          Accepts(c, 'd') ? v.asDouble() : 0.0, -7.5, what + " double");
-    ExpectPresent<bool>(request.GetAndCheckBool("p", R), Accepts(c, 'b'),
-                        Accepts(c, 'b') ? v.asBool() : false, true, what + " bool");
-    const Json::Value fallback("fallback");
-    ExpectPresent<Json::Value>(request.GetAndCheckObject("p", R), Accepts(c, 'o'), v, fallback,
-                               what + " object");
-    ExpectPresent<Json::Value>(request.GetAndCheckArray("p", R), Accepts(c, 'a'), v, fallback,
-                               what + " array");
-    ExpectPresent<Json::Value>(request.GetAndCheckUnitArray("p", R), Accepts(c, 'a'), v, fallback,
-                               what + " unit array");
-  }
+TEST(WebAPIGetterTest, EachGetterAcceptsExactlyItsTypesWhetherRequiredOrNot) {
+  for (const auto R : {APIRequest::PARAM_REQUIRED, APIRequest::PARAM_OPTIONAL})
+    for (const auto& c : kTypeCases) {
+      const Json::Value v = ParseJson(c.json);
+      const APIRequest request = RequestWith(v);
+      const std::string what = std::string("value ") + c.json;
+      ExpectPresent<std::string>(request.GetAndCheckString("p", R), Accepts(c, 's'),
+                                 Accepts(c, 's') ? v.asString() : "", "fallback", what + " string");
+      ExpectPresent<int>(request.GetAndCheckInt("p", R), Accepts(c, 'i'),
+                         Accepts(c, 'i') ? v.asInt() : 0, -7, what + " int");
+      ExpectPresent<int64_t>(request.GetAndCheckInt64("p", R), Accepts(c, 'l'),
+                             Accepts(c, 'l') ? v.asInt64() : 0, -7, what + " int64");
+      ExpectPresent<double>(request.GetAndCheckDouble("p", R), Accepts(c, 'd'),
+                            Accepts(c, 'd') ? v.asDouble() : 0.0, -7.5, what + " double");
+      ExpectPresent<bool>(request.GetAndCheckBool("p", R), Accepts(c, 'b'),
+                          Accepts(c, 'b') ? v.asBool() : false, true, what + " bool");
+      const Json::Value fallback("fallback");
+      ExpectPresent<Json::Value>(request.GetAndCheckObject("p", R), Accepts(c, 'o'), v, fallback,
+                                 what + " object");
+      ExpectPresent<Json::Value>(request.GetAndCheckArray("p", R), Accepts(c, 'a'), v, fallback,
+                                 what + " array");
+      ExpectPresent<Json::Value>(request.GetAndCheckUnitArray("p", R), Accepts(c, 'a'), v, fallback,
+                                 what + " unit array");
+    }
 }
 
 TEST(WebAPIGetterTest, StringsKeepEveryByte) {
@@ -140,16 +135,6 @@ TEST(WebAPIGetterTest, AbsentParameter) {
   }
 }
 
-TEST(WebAPIGetterTest, WrongTypeIsInvalidWhetherRequiredOrNot) {
-  const APIRequest request = RequestWith(Json::Value("text"));
-  for (auto necessity : {APIRequest::PARAM_REQUIRED, APIRequest::PARAM_OPTIONAL}) {
-    auto p = request.GetAndCheckInt("p", necessity);
-    EXPECT_TRUE(p.IsSet());
-    EXPECT_TRUE(p.IsInvalid());
-    EXPECT_EQ(0, p.Get());
-  }
-}
-
 TEST(WebAPIGetterTest, ValidatorsSeeOnlyValuesOfTheRightType) {
   struct Case {
     const char* json;
@@ -166,7 +151,7 @@ TEST(WebAPIGetterTest, ValidatorsSeeOnlyValuesOfTheRightType) {
   for (const auto& c : cases) {
     int calls = 0;
     int seen = -1;
-    const APIRequest request = RequestWith(Parse(c.json));
+    const APIRequest request = RequestWith(ParseJson(c.json));
     auto p = request.GetAndCheckInt("p", APIRequest::PARAM_OPTIONAL, [&](const int& v) {
       ++calls;
       seen = v;
@@ -190,45 +175,30 @@ TEST(WebAPIGetterTest, ValidatorsSeeOnlyValuesOfTheRightType) {
   EXPECT_EQ(0, calls);
   EXPECT_FALSE(absent.IsInvalid());
 
-  const APIRequest object = RequestWith(Parse(R"({"k":1})"));
+  const APIRequest object = RequestWith(ParseJson(R"({"k":1})"));
   auto rejected = object.GetAndCheckObject("p", APIRequest::PARAM_REQUIRED,
                                            [](const Json::Value& v) { return v.isMember("x"); });
   EXPECT_TRUE(rejected.IsInvalid());
   EXPECT_TRUE(rejected.Get().isNull());
 }
 
-TEST(WebAPIGetterTest, FactoriesReadMembersOfAnyObject) {
-  const Json::Value element = Parse(R"({"w":1.5,"n":3,"s":"x","b":false,"o":{},"a":[]})");
-  using KEST::APIParameterFactory;
+// The getters above read through the factories; what only the factories
+// meet is a value that is no object at all, where every member is absent.
+TEST(WebAPIGetterTest, FactoriesReadMembersOfAnyValue) {
   using KEST::APIParameterFactoryBasicImpl;
   const auto O = KEST::PARAM_OPTIONAL;
-  EXPECT_EQ(1.5, APIParameterFactoryBasicImpl<double>::FromJson(element, "w", O).Get());
-  EXPECT_EQ(3.0, APIParameterFactoryBasicImpl<double>::FromJson(element, "n", O).Get());
-  EXPECT_TRUE(APIParameterFactoryBasicImpl<int>::FromJson(element, "w", O).IsInvalid());
-  EXPECT_EQ("x", APIParameterFactoryBasicImpl<std::string>::FromJson(element, "s", O).Get());
-  EXPECT_FALSE(APIParameterFactoryBasicImpl<bool>::FromJson(element, "b", O).IsInvalid());
-  EXPECT_TRUE(APIParameterFactoryBasicImpl<bool>::FromJson(element, "n", O).IsInvalid());
-  EXPECT_FALSE(APIParameterFactory::ObjectFromJson(element, "o", O).IsInvalid());
-  EXPECT_TRUE(APIParameterFactory::ObjectFromJson(element, "a", O).IsInvalid());
-  EXPECT_FALSE(APIParameterFactory::ArrayFromJson(element, "a", O).IsInvalid());
+  const Json::Value element = ParseJson(R"({"a":[],"o":{}})");
   EXPECT_FALSE(APIParameterFactoryBasicImpl<Json::Value>::FromJson(element, "a", O).IsInvalid());
-  EXPECT_FALSE(APIParameterFactoryBasicImpl<int>::FromJson(element, "none", O).IsInvalid());
-  EXPECT_TRUE(APIParameterFactoryBasicImpl<int>::FromJson(element, "none", KEST::PARAM_REQUIRED)
-                  .IsInvalid());
-  // Not an object at all: every member is absent.
+  EXPECT_FALSE(APIParameterFactoryBasicImpl<Json::Value>::FromJson(element, "o", O).IsInvalid());
   for (const char* text : {"null", "[1]", "7", R"("s")"}) {
-    auto p = APIParameterFactoryBasicImpl<int>::FromJson(Parse(text), "n", O);
+    auto p = APIParameterFactoryBasicImpl<int>::FromJson(ParseJson(text), "n", O);
     EXPECT_FALSE(p.IsSet()) << text;
     EXPECT_FALSE(p.IsInvalid()) << text;
   }
 }
 
-TEST(WebAPIRequestTest, IdentityAndNonObjectParams) {
-  const APIRequest request(Parse("[1,2]"), 2003, "carol", "session-1", true);
-  EXPECT_EQ(2003u, request.GetLoginUID());
-  EXPECT_EQ("carol", request.GetLoginUserName());
-  EXPECT_EQ("session-1", request.GetSessionID());
-  EXPECT_TRUE(request.IsAdmin());
+TEST(WebAPIRequestTest, ParamsThatAreNoObjectReadAsEmpty) {
+  const APIRequest request(ParseJson("[1,2]"), 2003, "carol", "session-1", true);
   EXPECT_TRUE(request.GetParams().isObject());
   EXPECT_EQ(0u, request.GetParams().size());
   EXPECT_FALSE(APIRequest(Json::Value(), 0, "", "", false).HasParam("x"));
@@ -236,8 +206,8 @@ TEST(WebAPIRequestTest, IdentityAndNonObjectParams) {
 }
 
 TEST(WebAPIResponseTest, StatesAndWireForm) {
-  const Json::Value data = Parse(R"({"hits":[1]})");
-  const Json::Value errors = Parse(R"({"name":"path","reason":"required"})");
+  const Json::Value data = ParseJson(R"({"hits":[1]})");
+  const Json::Value errors = ParseJson(R"({"name":"path","reason":"required"})");
   struct Step {
     enum { kSuccess, kError } kind;
     int code;

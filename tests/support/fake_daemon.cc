@@ -21,12 +21,6 @@ namespace {
 
 constexpr uint32_t kMaxRequest = 64u << 20;
 
-std::string Frame(const std::string& body) {
-  const uint32_t length = htonl(static_cast<uint32_t>(body.size()));
-  std::string out(reinterpret_cast<const char*>(&length), sizeof(length));
-  return out + body;
-}
-
 bool WriteAllBytes(int fd, const std::string& bytes) {
   size_t done = 0;
   while (done < bytes.size()) {
@@ -82,7 +76,10 @@ bool FakeDaemon::WaitAllIdle(int timeout_ms) {
   return idle;
 }
 
-bool WriteFrame(int fd, const std::string& body) { return WriteAllBytes(fd, Frame(body)); }
+std::string Frame(const std::string& body) {
+  const uint32_t length = htonl(static_cast<uint32_t>(body.size()));
+  return std::string(reinterpret_cast<const char*>(&length), sizeof(length)) + body;
+}
 
 DaemonReply& DaemonReply::Message(const Json::Value& message) {
   return Text(Json::toString(message));

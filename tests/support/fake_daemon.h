@@ -107,8 +107,8 @@ class FakeDaemon {
   bool stopping_ = false;
 };
 
-// Writes one framed message to `fd` (for tests of the framing itself).
-bool WriteFrame(int fd, const std::string& body);
+// One framed message: the body's length (4 bytes, network order), the body.
+std::string Frame(const std::string& body);
 
 }  // namespace kesttest
 

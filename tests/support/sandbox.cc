@@ -4,6 +4,7 @@
 #include <dirent.h>
 #include <fcntl.h>
 #include <grp.h>
+#include <gtest/gtest.h>
 #include <net/if.h>
 #include <sched.h>
 #include <sys/ioctl.h>
@@ -11,6 +12,7 @@
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/syscall.h>
+#include <sys/un.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -24,6 +26,7 @@
 #include <stdexcept>
 #include <thread>
 
+#include "kest/json.h"
 #include "support/syslog_capture.h"
 
 namespace kesttest {
@@ -269,6 +272,30 @@ void WriteFile(const std::string& path, const std::string& content, mode_t mode)
 }
 
 std::string ReadFile(const std::string& path) { return Slurp(path); }
+
+void WriteSharesConf(const std::string& text) {
+  WriteFile("/etc/kest/shares.conf.new", text);
+  if (rename("/etc/kest/shares.conf.new", "/etc/kest/shares.conf") != 0) {
+    ADD_FAILURE() << "cannot replace /etc/kest/shares.conf: " << strerror(errno);
+  }
+}
+
+void BindDeadSocket(const std::string& path) {
+  const int fd = socket(AF_UNIX, SOCK_STREAM, 0);
+  sockaddr_un addr{};
+  addr.sun_family = AF_UNIX;
+  strncpy(addr.sun_path, path.c_str(), sizeof(addr.sun_path) - 1);
+  unlink(path.c_str());
+  EXPECT_EQ(0, bind(fd, reinterpret_cast<sockaddr*>(&addr), sizeof(addr))) << path;
+  close(fd);
+  chmod(path.c_str(), 0666);
+}
+
+Json::Value ParseJson(const std::string& text) {
+  Json::Value value;
+  EXPECT_TRUE(Json::fromString(value, text)) << text;
+  return value;
+}
 
 int OpenFdCount() {
   int count = 0;

@@ -10,6 +10,7 @@
 #ifndef KEST_TESTS_SUPPORT_SANDBOX_H_
 #define KEST_TESTS_SUPPORT_SANDBOX_H_
 
+#include <json/json.h>
 #include <sys/types.h>
 
 #include <string>
@@ -48,6 +49,14 @@ void BecomeRoot();
 // Writes `content` to `path` (creating parent folders), mode `mode`.
 void WriteFile(const std::string& path, const std::string& content, mode_t mode = 0644);
 std::string ReadFile(const std::string& path);
+// Replaces /etc/kest/shares.conf through a rename, as an editor saving it
+// would, so that a reader never sees half a file.
+void WriteSharesConf(const std::string& text);
+// Leaves a socket file at `path` that nobody listens on, as a daemon that
+// died would.
+void BindDeadSocket(const std::string& path);
+// Parses JSON text; a test failure when it is not JSON.
+Json::Value ParseJson(const std::string& text);
 
 // Number of open descriptors of this process.
 int OpenFdCount();
