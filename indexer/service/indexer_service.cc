@@ -283,6 +283,11 @@ bool IndexerService::SuggestRunning() {
   const pid_t r = waitpid(suggest_pid_, &status, WNOHANG);
   if (r == 0) return true;
   suggest_pid_ = -1;
+  // A large vocabulary takes several runs, between which the indexer works.
+  if (r > 0 && WIFEXITED(status) && WEXITSTATUS(status) == kTermSuggestUnfinished) {
+    changed_dbs_.insert(suggest_dbs_.begin(), suggest_dbs_.end());
+  }
+  suggest_dbs_.clear();
   return false;
 }
 
@@ -293,8 +298,9 @@ void IndexerService::MaybeSuggest() {
   for (auto& index : indices_) {
     if (changed_dbs_.count(index.second->db_path())) index.second->Close();
   }
-  std::vector<std::string> dbs(changed_dbs_.begin(), changed_dbs_.end());
-  suggest_pid_ = SpawnTermSuggest(options_.suggest_program, options_.suggest_pid_file, dbs);
+  suggest_dbs_.assign(changed_dbs_.begin(), changed_dbs_.end());
+  suggest_pid_ =
+      SpawnTermSuggest(options_.suggest_program, options_.suggest_pid_file, suggest_dbs_);
   changed_dbs_.clear();
 }
 

@@ -19,6 +19,7 @@
 #include <mutex>
 #include <set>
 #include <string>
+#include <vector>
 
 #include "extract/extract_types.h"
 #include "extract/extractor.h"
@@ -83,6 +84,7 @@ class IndexerService {
   std::set<std::string> changed_dbs_;
   std::chrono::steady_clock::time_point last_change_;
   pid_t suggest_pid_ = -1;
+  std::vector<std::string> suggest_dbs_;  // what the running updater works on
 
   mutable std::chrono::steady_clock::time_point pause_checked_;
   mutable bool paused_ = false;

@@ -30,43 +30,100 @@ bool Suggestable(const std::string& word) {
   return letter;
 }
 
-void UpdateOne(Xapian::WritableDatabase& db) {
-  std::map<std::string, Xapian::termcount> wanted;
-  for (const char* prefix : {index::kPrefixName, index::kPrefixContent}) {
-    const std::string p(prefix);
-    for (auto t = db.allterms_begin(p); t != db.allterms_end(p); ++t) {
-      const std::string word = (*t).substr(p.size());
-      if (!Suggestable(word)) continue;
-      wanted[word] += t.get_termfreq();
+// Where an interrupted update goes on: the first word not yet brought up to
+// date.
+constexpr char kResumeKey[] = "kestondri:spelling-next";
+// Spelling changes are held in memory until a commit.
+constexpr unsigned kChangesPerCommit = 20000;
+
+// One sorted stream of words: the terms of one free-text prefix, without it.
+class PrefixWords {
+ public:
+  PrefixWords(Xapian::Database& db, const std::string& prefix, const std::string& from)
+      : prefix_(prefix), it_(db.allterms_begin(prefix)), end_(db.allterms_end(prefix)) {
+    if (!from.empty()) it_.skip_to(prefix + from);
+  }
+  bool done() const { return it_ == end_; }
+  std::string word() const { return (*it_).substr(prefix_.size()); }
+  Xapian::doccount freq() const { return it_.get_termfreq(); }
+  void next() { ++it_; }
+
+ private:
+  std::string prefix_;
+  Xapian::TermIterator it_, end_;
+};
+
+// Brings the spelling data in line with the words of names and contents by
+// one merge of three sorted streams (names, contents, current spellings), in
+// constant memory. Stops after `budget`, remembering where, so that the
+// indexer is never held up for long; true when the whole vocabulary is done.
+bool UpdateOne(Xapian::WritableDatabase& db, std::chrono::steady_clock::duration budget) {
+  const auto deadline = std::chrono::steady_clock::now() + budget;
+  const std::string from = db.get_metadata(kResumeKey);
+  PrefixWords names(db, index::kPrefixName, from), contents(db, index::kPrefixContent, from);
+  Xapian::TermIterator spell = db.spellings_begin(), spell_end = db.spellings_end();
+  while (spell != spell_end && *spell < from) ++spell;
+
+  unsigned changes = 0, seen = 0;
+  for (;;) {
+    std::string word;
+    bool any = false;
+    auto consider = [&](const std::string& w) {
+      if (!any || w < word) word = w;
+      any = true;
+    };
+    if (!names.done()) consider(names.word());
+    if (!contents.done()) consider(contents.word());
+    if (spell != spell_end) consider(*spell);
+    if (!any) break;
+    if (++seen % 1000 == 0 && std::chrono::steady_clock::now() >= deadline) {
+      db.set_metadata(kResumeKey, word);
+      db.commit();
+      return false;
+    }
+    Xapian::termcount want = 0, have = 0;
+    if (!names.done() && names.word() == word) {
+      want += names.freq();
+      names.next();
+    }
+    if (!contents.done() && contents.word() == word) {
+      want += contents.freq();
+      contents.next();
+    }
+    if (spell != spell_end && *spell == word) {
+      have = spell.get_termfreq();
+      ++spell;
+    }
+    if (!Suggestable(word)) want = 0;
+    if (want == have) continue;
+    if (want > have) {
+      db.add_spelling(word, want - have);
+    } else {
+      db.remove_spelling(word, have - want);
+    }
+    if (++changes % kChangesPerCommit == 0) {
+      // The spelling iterator reads the committed table: a commit here
+      // leaves it as it was, since it only moves forward past `word`.
+      db.commit();
     }
   }
-  std::map<std::string, Xapian::termcount> current;
-  for (auto s = db.spellings_begin(); s != db.spellings_end(); ++s) {
-    current[*s] = s.get_termfreq();
-  }
-  for (const auto& c : current) {
-    auto w = wanted.find(c.first);
-    const Xapian::termcount want = w == wanted.end() ? 0 : w->second;
-    if (want < c.second) db.remove_spelling(c.first, c.second - want);
-  }
-  for (const auto& w : wanted) {
-    auto c = current.find(w.first);
-    const Xapian::termcount have = c == current.end() ? 0 : c->second;
-    if (w.second > have) db.add_spelling(w.first, w.second - have);
-  }
+  db.set_metadata(kResumeKey, "");
   db.commit();
+  return true;
 }
 
 }  // namespace
 
-int UpdateTermSuggestions(const std::vector<std::string>& db_paths) {
+int UpdateTermSuggestions(const std::vector<std::string>& db_paths, std::chrono::seconds budget,
+                          int* unfinished) {
   int failed = 0;
+  *unfinished = 0;
   for (const auto& path : db_paths) {
     const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(30);
     for (;;) {
       try {
         Xapian::WritableDatabase db(path, Xapian::DB_OPEN);
-        UpdateOne(db);
+        if (!UpdateOne(db, budget)) ++*unfinished;
         break;
       } catch (const Xapian::DatabaseLockError& e) {
         if (std::chrono::steady_clock::now() < deadline) {
@@ -101,9 +158,11 @@ int TermSuggestMain(const std::vector<std::string>& db_paths, const std::string&
     wrote = wrote && rename(tmp.c_str(), pid_file.c_str()) == 0;
   }
   if (!wrote) syslog(LOG_WARNING, "cannot write %s: %s", pid_file.c_str(), strerror(errno));
-  const int failed = UpdateTermSuggestions(db_paths);
+  int unfinished = 0;
+  const int failed = UpdateTermSuggestions(db_paths, kTermSuggestBudget, &unfinished);
   if (wrote) unlink(pid_file.c_str());
-  return failed ? 1 : 0;
+  if (failed) return 1;
+  return unfinished ? kTermSuggestUnfinished : 0;
 }
 
 pid_t SpawnTermSuggest(const std::string& program, const std::string& pid_file,

@@ -8,6 +8,7 @@
 
 #include <sys/types.h>
 
+#include <chrono>
 #include <string>
 #include <vector>
 
@@ -16,11 +17,20 @@ namespace indexer {
 
 constexpr char kTermSuggestPidFile[] = "/var/packages/KestOndri/etc/updater.term.sugg.pid";
 
-// Rebuilds the spelling data of each database (waiting a while for the
-// indexer's write lock). Returns the number of databases that failed.
-int UpdateTermSuggestions(const std::vector<std::string>& db_paths);
+// How long one run of the updater works on a database before it stops,
+// remembering where it was: the indexer does not write meanwhile.
+constexpr std::chrono::seconds kTermSuggestBudget{5};
+// The updater's exit status when some database needs another run.
+constexpr int kTermSuggestUnfinished = 3;
+
+// Brings the spelling data of each database up to date (waiting a while for
+// the indexer's write lock), for at most `budget` per database; `unfinished`
+// counts those that need another run. Returns the number that failed.
+int UpdateTermSuggestions(const std::vector<std::string>& db_paths, std::chrono::seconds budget,
+                          int* unfinished);
 
 // The updater's main: writes `pid_file`, updates, removes the pid file.
+// Exits 0, kTermSuggestUnfinished, or 1 when a database failed.
 int TermSuggestMain(const std::vector<std::string>& db_paths, const std::string& pid_file);
 
 // Starts `program` --update-suggestions DB... with posix_spawn; -1 on failure.

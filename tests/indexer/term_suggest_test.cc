@@ -1,0 +1,97 @@
+// The term-suggestion updater on a real Xapian index: the spelling data
+// follows the words of names and contents, also when one run stops early and
+// the next goes on, and words that left the index leave the suggestions.
+#include "service/term_suggest.h"
+
+#include <gtest/gtest.h>
+#include <xapian.h>
+
+#include <algorithm>
+#include <cstdlib>
+#include <string>
+#include <vector>
+
+#include "index_schema.h"
+#include "support/sandbox.h"
+
+namespace kestondri {
+namespace indexer {
+namespace {
+
+constexpr char kDb[] = "/tmp/suggest-db";
+
+std::string Word(int i) {
+  std::string w = "w";
+  for (int n = i; n > 0; n /= 26) w += static_cast<char>('a' + n % 26);
+  return w + "zz";
+}
+
+void IndexWords(int from, int to) {
+  Xapian::WritableDatabase db(kDb, Xapian::DB_CREATE_OR_OPEN);
+  for (int i = from; i < to; ++i) {
+    index::FileRecord r;
+    // Names of digits only: no suggestion comes from them.
+    r.name = std::to_string(i);
+    r.path = "/volume1/docs/" + r.name;
+    r.text = Word(i) + " 12345 ab";  // digits and short words are no suggestions
+    db.replace_document(index::UniqueTerm(r.path), index::MakeDocument(r));
+  }
+  db.commit();
+}
+
+void DeleteWords(int from, int to) {
+  Xapian::WritableDatabase db(kDb, Xapian::DB_OPEN);
+  for (int i = from; i < to; ++i) {
+    db.delete_document(index::UniqueTerm("/volume1/docs/" + std::to_string(i)));
+  }
+  db.commit();
+}
+
+std::vector<std::string> Spellings() {
+  Xapian::Database db(kDb);
+  std::vector<std::string> out;
+  for (auto s = db.spellings_begin(); s != db.spellings_end(); ++s) out.push_back(*s);
+  return out;
+}
+
+// Runs the updater with no time to spare until it says it is done.
+int RunsUntilDone() {
+  for (int runs = 1; runs < 100; ++runs) {
+    int unfinished = 0;
+    EXPECT_EQ(0, UpdateTermSuggestions({kDb}, std::chrono::seconds(0), &unfinished));
+    if (!unfinished) return runs;
+  }
+  return -1;
+}
+
+TEST(TermSuggestTest, FollowsTheIndexAcrossInterruptedRuns) {
+  ASSERT_EQ(0, system("rm -rf /tmp/suggest-db"));
+  IndexWords(0, 3000);
+  EXPECT_GT(RunsUntilDone(), 1) << "a run with no time left stops and goes on later";
+  auto words = Spellings();
+  EXPECT_EQ(3000u, words.size()) << "one word per file";
+  EXPECT_EQ(Word(1234), Xapian::Database(kDb).get_spelling_suggestion(Word(1234) + "q"));
+  for (const auto& w : words) {
+    EXPECT_NE(std::string::npos, w.find("zz")) << w;
+  }
+
+  DeleteWords(0, 2000);
+  EXPECT_GT(RunsUntilDone(), 0);
+  EXPECT_EQ(1000u, Spellings().size());
+  words = Spellings();
+  EXPECT_EQ(words.end(), std::find(words.begin(), words.end(), Word(5)));
+  EXPECT_NE(words.end(), std::find(words.begin(), words.end(), Word(2500)));
+
+  // Nothing changed: nothing changes.
+  EXPECT_GT(RunsUntilDone(), 0);
+  EXPECT_EQ(words, Spellings());
+}
+
+TEST(TermSuggestTest, AMissingDatabaseFails) {
+  int unfinished = 0;
+  EXPECT_EQ(1, UpdateTermSuggestions({"/tmp/no-such-db"}, std::chrono::seconds(5), &unfinished));
+}
+
+}  // namespace
+}  // namespace indexer
+}  // namespace kestondri
