@@ -62,7 +62,13 @@ bool UpdateOne(Xapian::WritableDatabase& db, std::chrono::steady_clock::duration
   const std::string from = db.get_metadata(kResumeKey);
   PrefixWords names(db, index::kPrefixName, from), contents(db, index::kPrefixContent, from);
   Xapian::TermIterator spell = db.spellings_begin(), spell_end = db.spellings_end();
-  while (spell != spell_end && *spell < from) ++spell;
+  if (!from.empty()) {
+    try {
+      spell.skip_to(from);
+    } catch (const Xapian::UnimplementedError&) {
+      while (spell != spell_end && *spell < from) ++spell;
+    }
+  }
 
   unsigned changes = 0, seen = 0;
   for (;;) {
