@@ -22,12 +22,17 @@ namespace kestondri {
 namespace indexer {
 namespace {
 
-// Words worth suggesting: no digits-only tokens, nothing too short or long.
-bool Suggestable(const std::string& word) {
-  if (word.size() < 3 || word.size() > 40) return false;
-  bool letter = false;
-  for (unsigned char c : word) letter = letter || !(c >= '0' && c <= '9');
-  return letter;
+// Words worth suggesting: words of letters (any script), 3 to 30 bytes,
+// found in at least two documents. Identifiers with digits or underscores,
+// and words of one file, would make the spelling data of a source tree
+// several times larger (and its updates as much slower) for corrections
+// nobody asks for.
+bool Suggestable(const std::string& word, Xapian::termcount documents) {
+  if (documents < 2 || word.size() < 3 || word.size() > 30) return false;
+  for (unsigned char c : word) {
+    if (c < 0x80 && !((c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z'))) return false;
+  }
+  return true;
 }
 
 // Where an interrupted update goes on: the first word not yet brought up to
@@ -100,7 +105,7 @@ bool UpdateOne(Xapian::WritableDatabase& db, std::chrono::steady_clock::duration
       have = spell.get_termfreq();
       ++spell;
     }
-    if (!Suggestable(word)) want = 0;
+    if (!Suggestable(word, want)) want = 0;
     if (want == have) continue;
     if (want > have) {
       db.add_spelling(word, want - have);

@@ -317,13 +317,17 @@ TEST_F(IndexerServiceTest, ADamagedIndexIsBuiltAgain) {
 }
 
 TEST_F(IndexerServiceTest, TermSuggestionsFollowABurst) {
+  // Words of two files or more are suggested.
+  WriteFile("/volume1/docs/team/zoo1.txt", "gazelle\n");
+  WriteFile("/volume1/docs/team/zoo2.txt", "gazelle\n");
   AddFolder();
   StartAndWaitForCrawl();
   EXPECT_TRUE(WaitFor([] {
     if (Exists(kPidFile)) return false;
     try {
       Xapian::Database db(kDb);
-      return db.get_spelling_suggestion("narwhol") == "narwhal";
+      return db.get_spelling_suggestion("gazele") == "gazelle" &&
+             db.get_spelling_suggestion("narwhol").empty();
     } catch (const Xapian::Error&) {
       return false;
     }

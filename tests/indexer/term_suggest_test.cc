@@ -26,15 +26,24 @@ std::string Word(int i) {
   return w + "zz";
 }
 
+std::string PathOf(int i, int copy) {
+  return "/volume1/docs/" + std::to_string(i) + "_" + std::to_string(copy);
+}
+
+// Two files per word: a word of one file is no suggestion. Names of digits
+// give none either.
 void IndexWords(int from, int to) {
   Xapian::WritableDatabase db(kDb, Xapian::DB_CREATE_OR_OPEN);
   for (int i = from; i < to; ++i) {
-    index::FileRecord r;
-    // Names of digits only: no suggestion comes from them.
-    r.name = std::to_string(i);
-    r.path = "/volume1/docs/" + r.name;
-    r.text = Word(i) + " 12345 ab";  // digits and short words are no suggestions
-    db.replace_document(index::UniqueTerm(r.path), index::MakeDocument(r));
+    for (int copy = 0; copy < 2; ++copy) {
+      index::FileRecord r;
+      r.path = PathOf(i, copy);
+      r.name = r.path.substr(r.path.rfind('/') + 1);
+      // Digits, identifiers and short words are no suggestions.
+      r.text = Word(i) + " 12345 snake_case ab";
+      if (i == 0 && copy == 0) r.text += " lonelyword";
+      db.replace_document(index::UniqueTerm(r.path), index::MakeDocument(r));
+    }
   }
   db.commit();
 }
@@ -42,7 +51,7 @@ void IndexWords(int from, int to) {
 void DeleteWords(int from, int to) {
   Xapian::WritableDatabase db(kDb, Xapian::DB_OPEN);
   for (int i = from; i < to; ++i) {
-    db.delete_document(index::UniqueTerm("/volume1/docs/" + std::to_string(i)));
+    for (int copy = 0; copy < 2; ++copy) db.delete_document(index::UniqueTerm(PathOf(i, copy)));
   }
   db.commit();
 }
@@ -69,7 +78,7 @@ TEST(TermSuggestTest, FollowsTheIndexAcrossInterruptedRuns) {
   IndexWords(0, 3000);
   EXPECT_GT(RunsUntilDone(), 1) << "a run with no time left stops and goes on later";
   auto words = Spellings();
-  EXPECT_EQ(3000u, words.size()) << "one word per file";
+  EXPECT_EQ(3000u, words.size()) << "one word per pair of files";
   EXPECT_EQ(Word(1234), Xapian::Database(kDb).get_spelling_suggestion(Word(1234) + "q"));
   for (const auto& w : words) {
     EXPECT_NE(std::string::npos, w.find("zz")) << w;
