@@ -469,6 +469,11 @@ class BusyServerTest : public ServerTest {
 
 TEST_F(BusyServerTest, ExcessRequestsWaitThenGetTooBusy) {
   const LoginSession ann = Login("ann", "ann-secret");
+  // The login worker may still be on its way out; the sleeper must be the
+  // only descendant we see below.
+  for (int i = 0; i < 500 && !server_.Descendants().empty(); ++i) {
+    std::this_thread::sleep_for(std::chrono::milliseconds(10));
+  }
   HttpReply running;
   std::thread first([&] { running = CallApi(TestCall("sleep", {{"seconds", "3"}}), ann.sid); });
   for (int i = 0; i < 500 && server_.Descendants().empty(); ++i) {
