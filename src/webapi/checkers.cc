@@ -101,29 +101,29 @@ bool IsFolderItem(const Json::Value& element) {
   return true;
 }
 
-KEST::APIParameter<Json::Value> Fetch(const Request& request, const ParamSpec& spec, bool* is_set,
+KEST::APIParameter<Json::Value> Fetch(const Request& request, const ParamSpec& param, bool* is_set,
                                       bool* is_invalid) {
   KEST::APIParameter<Json::Value> value;
-  switch (spec.kind) {
+  switch (param.kind) {
     case Kind::kString: {
-      auto p = request.GetAndCheckString(spec.name, spec.necessity, nullptr);
+      auto p = request.GetAndCheckString(param.name, param.necessity, nullptr);
       *is_set = p.IsSet();
       *is_invalid = p.IsInvalid();
       break;
     }
     case Kind::kInt: {
-      auto p = request.GetAndCheckInt(spec.name, spec.necessity, nullptr);
+      auto p = request.GetAndCheckInt(param.name, param.necessity, nullptr);
       *is_set = p.IsSet();
       *is_invalid = p.IsInvalid();
       break;
     }
     case Kind::kObject:
-      value = request.GetAndCheckObject(spec.name, spec.necessity, nullptr);
+      value = request.GetAndCheckObject(param.name, param.necessity, nullptr);
       *is_set = value.IsSet();
       *is_invalid = value.IsInvalid();
       break;
     case Kind::kArray:
-      value = request.GetAndCheckUnitArray(spec.name, spec.necessity, nullptr);
+      value = request.GetAndCheckUnitArray(param.name, param.necessity, nullptr);
       *is_set = value.IsSet();
       *is_invalid = value.IsInvalid();
       break;
@@ -142,7 +142,7 @@ bool Fail(KEST::APIResponse* response, const char* name, const char* reason) {
 // Reads every parameter, reports the first invalid one, then walks the
 // present lists (and object parameters with an item check) in order.
 template <size_t N>
-bool RunChecker(Request* request, KEST::APIResponse* response, const ParamSpec (&specs)[N]) {
+bool RunChecker(Request* request, KEST::APIResponse* response, const ParamSpec (&params)[N]) {
   struct Fetched {
     KEST::APIParameter<Json::Value> value;
     bool is_set = false;
@@ -150,22 +150,22 @@ bool RunChecker(Request* request, KEST::APIResponse* response, const ParamSpec (
   };
   std::vector<Fetched> fetched(N);
   for (size_t i = 0; i < N; ++i) {
-    fetched[i].value = Fetch(*request, specs[i], &fetched[i].is_set, &fetched[i].is_invalid);
+    fetched[i].value = Fetch(*request, params[i], &fetched[i].is_set, &fetched[i].is_invalid);
   }
   for (size_t i = 0; i < N; ++i) {
     if (fetched[i].is_invalid) {
-      return Fail(response, specs[i].name, fetched[i].is_set ? "type" : "required");
+      return Fail(response, params[i].name, fetched[i].is_set ? "type" : "required");
     }
   }
   for (size_t i = 0; i < N; ++i) {
-    if (!specs[i].item_check || !fetched[i].is_set) continue;
+    if (!params[i].item_check || !fetched[i].is_set) continue;
     const Json::Value& value = fetched[i].value.Get();
-    if (specs[i].kind == Kind::kObject) {
-      if (!specs[i].item_check(value)) return Fail(response, specs[i].name, "type");
+    if (params[i].kind == Kind::kObject) {
+      if (!params[i].item_check(value)) return Fail(response, params[i].name, "type");
       continue;
     }
     for (const auto& element : value) {
-      if (!specs[i].item_check(element)) return Fail(response, specs[i].name, "type");
+      if (!params[i].item_check(element)) return Fail(response, params[i].name, "type");
     }
   }
   return true;
@@ -176,68 +176,68 @@ bool RunChecker(Request* request, KEST::APIResponse* response, const ParamSpec (
 bool CheckPass(Request*, KEST::APIResponse*) { return true; }
 
 bool CheckIndice(Request* request, KEST::APIResponse* response) {
-  static const ParamSpec kSpecs[] = {{"indice", Kind::kArray, R, IsStringItem}};
-  return RunChecker(request, response, kSpecs);
+  static const ParamSpec kParams[] = {{"indice", Kind::kArray, R, IsStringItem}};
+  return RunChecker(request, response, kParams);
 }
 
 bool CheckLength(Request* request, KEST::APIResponse* response) {
-  static const ParamSpec kSpecs[] = {{"length", Kind::kInt, R, nullptr}};
-  return RunChecker(request, response, kSpecs);
+  static const ParamSpec kParams[] = {{"length", Kind::kInt, R, nullptr}};
+  return RunChecker(request, response, kParams);
 }
 
 bool CheckPathList(Request* request, KEST::APIResponse* response) {
-  static const ParamSpec kSpecs[] = {{"path", Kind::kArray, R, IsStringItem}};
-  return RunChecker(request, response, kSpecs);
+  static const ParamSpec kParams[] = {{"path", Kind::kArray, R, IsStringItem}};
+  return RunChecker(request, response, kParams);
 }
 
 bool CheckPathString(Request* request, KEST::APIResponse* response) {
-  static const ParamSpec kSpecs[] = {{"path", Kind::kString, R, nullptr}};
-  return RunChecker(request, response, kSpecs);
+  static const ParamSpec kParams[] = {{"path", Kind::kString, R, nullptr}};
+  return RunChecker(request, response, kParams);
 }
 
 bool CheckFolder(Request* request, KEST::APIResponse* response) {
-  static const ParamSpec kSpecs[] = {{"folder", Kind::kArray, R, IsFolderItem}};
-  return RunChecker(request, response, kSpecs);
+  static const ParamSpec kParams[] = {{"folder", Kind::kArray, R, IsFolderItem}};
+  return RunChecker(request, response, kParams);
 }
 
 bool CheckFolderList(Request* request, KEST::APIResponse* response) {
-  static const ParamSpec kSpecs[] = {{"additional", Kind::kArray, O, IsStringItem},
-                                     {"direction", Kind::kString, O, nullptr},
-                                     {"group", Kind::kString, O, nullptr},
-                                     {"pattern", Kind::kString, O, nullptr},
-                                     {"sort_by", Kind::kString, O, nullptr},
-                                     {"limit", Kind::kInt, O, nullptr},
-                                     {"offset", Kind::kInt, O, nullptr}};
-  return RunChecker(request, response, kSpecs);
+  static const ParamSpec kParams[] = {{"additional", Kind::kArray, O, IsStringItem},
+                                      {"direction", Kind::kString, O, nullptr},
+                                      {"group", Kind::kString, O, nullptr},
+                                      {"pattern", Kind::kString, O, nullptr},
+                                      {"sort_by", Kind::kString, O, nullptr},
+                                      {"limit", Kind::kInt, O, nullptr},
+                                      {"offset", Kind::kInt, O, nullptr}};
+  return RunChecker(request, response, kParams);
 }
 
 bool CheckPathOwner(Request* request, KEST::APIResponse* response) {
-  static const ParamSpec kSpecs[] = {{"path", Kind::kArray, O, IsStringItem},
-                                     {"owner", Kind::kString, O, nullptr}};
-  return RunChecker(request, response, kSpecs);
+  static const ParamSpec kParams[] = {{"path", Kind::kArray, O, IsStringItem},
+                                      {"owner", Kind::kString, O, nullptr}};
+  return RunChecker(request, response, kParams);
 }
 
 bool CheckSearch(Request* request, KEST::APIResponse* response) {
   // Only the weights are required here; the search method reads the others
   // again with its own necessities.
-  static const ParamSpec kSpecs[] = {{"search_weight_list", Kind::kArray, R, IsWeightItem},
-                                     {"criteria_list", Kind::kArray, O, IsCriteriaItem},
-                                     {"highlight", Kind::kArray, O, IsHighlightItem},
-                                     {"keyword", Kind::kString, O, nullptr},
-                                     {"file_type", Kind::kString, O, nullptr},
-                                     {"fields", Kind::kArray, O, IsStringItem},
-                                     {"size", Kind::kInt, O, nullptr},
-                                     {"from", Kind::kInt, O, nullptr},
-                                     {"indice", Kind::kArray, O, IsStringItem}};
-  return RunChecker(request, response, kSpecs);
+  static const ParamSpec kParams[] = {{"search_weight_list", Kind::kArray, R, IsWeightItem},
+                                      {"criteria_list", Kind::kArray, O, IsCriteriaItem},
+                                      {"highlight", Kind::kArray, O, IsHighlightItem},
+                                      {"keyword", Kind::kString, O, nullptr},
+                                      {"file_type", Kind::kString, O, nullptr},
+                                      {"fields", Kind::kArray, O, IsStringItem},
+                                      {"size", Kind::kInt, O, nullptr},
+                                      {"from", Kind::kInt, O, nullptr},
+                                      {"indice", Kind::kArray, O, IsStringItem}};
+  return RunChecker(request, response, kParams);
 }
 
 bool CheckHighlight(Request* request, KEST::APIResponse* response) {
-  static const ParamSpec kSpecs[] = {{"full_path", Kind::kString, R, nullptr},
-                                     {"doc_id", Kind::kInt, R, nullptr},
-                                     {"highlight", Kind::kObject, R, IsHighlightItem},
-                                     {"keyword", Kind::kString, R, nullptr}};
-  return RunChecker(request, response, kSpecs);
+  static const ParamSpec kParams[] = {{"full_path", Kind::kString, R, nullptr},
+                                      {"doc_id", Kind::kInt, R, nullptr},
+                                      {"highlight", Kind::kObject, R, IsHighlightItem},
+                                      {"keyword", Kind::kString, R, nullptr}};
+  return RunChecker(request, response, kParams);
 }
 
 }  // namespace webapi
