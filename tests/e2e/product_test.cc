@@ -19,6 +19,7 @@
 #include "host/server_harness.h"
 #include "indexer/fixtures.h"
 #include "kest/json.h"
+#include "support/indexer_process.h"
 #include "support/sandbox.h"
 
 namespace kesttest {
@@ -41,31 +42,6 @@ Json::Value Parse(const std::string& text) {
   EXPECT_TRUE(Json::Reader().parse(text, value)) << text;
   return value;
 }
-
-class IndexerProcess {
- public:
-  ~IndexerProcess() { Stop(); }
-  void Start() {
-    const std::string program = std::string(KEST_BINARY_DIR) + "/indexer/kest-indexer";
-    pid_ = fork();
-    if (pid_ == 0) {
-      execl(program.c_str(), program.c_str(), "--commit-ms=100", "--suggest-delay=1",
-            static_cast<char*>(nullptr));
-      _exit(127);
-    }
-  }
-  int Stop() {
-    if (pid_ <= 0) return -1;
-    kill(pid_, SIGTERM);
-    int status = 0;
-    waitpid(pid_, &status, 0);
-    pid_ = -1;
-    return status;
-  }
-
- private:
-  pid_t pid_ = -1;
-};
 
 // A logged-in user of the web API.
 class Client {

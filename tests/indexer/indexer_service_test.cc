@@ -21,12 +21,14 @@
 #include "indexer/fixtures.h"
 #include "kest/klib.h"
 #include "kestondri/fileindex.h"
+#include "support/indexer_process.h"
 #include "support/sandbox.h"
 
 namespace kestondri {
 namespace indexer {
 namespace {
 
+using kesttest::IndexerProcess;
 using kesttest::WriteFile;
 
 constexpr char kFolder[] = "/volume1/docs/team";
@@ -79,31 +81,6 @@ std::vector<std::string> Search(const std::string& user, const std::string& keyw
                                            : kesttest::ExchangeAs(user, request));
 }
 
-class IndexerProcess {
- public:
-  ~IndexerProcess() { Stop(); }
-  void Start() {
-    const std::string program = std::string(KEST_BINARY_DIR) + "/indexer/kest-indexer";
-    pid_ = fork();
-    if (pid_ == 0) {
-      execl(program.c_str(), program.c_str(), "--commit-ms=100", "--suggest-delay=1",
-            "--check-interval=3600", static_cast<char*>(nullptr));
-      _exit(127);
-    }
-  }
-  int Stop() {
-    if (pid_ <= 0) return -1;
-    kill(pid_, SIGTERM);
-    int status = 0;
-    waitpid(pid_, &status, 0);
-    pid_ = -1;
-    return status;
-  }
-
- private:
-  pid_t pid_ = -1;
-};
-
 Json::Value Parse(const std::string& text) {
   Json::Value value;
   Json::Reader().parse(text, value);
@@ -145,7 +122,7 @@ class IndexerServiceTest : public testing::Test {
   }
 
   kesttest::DaemonProcess daemon_;
-  IndexerProcess indexer_;
+  IndexerProcess indexer_{{"--check-interval=3600"}};
 };
 
 TEST_F(IndexerServiceTest, CrawlIndexesEveryTypeAndHonoursTypeFlags) {
