@@ -47,6 +47,32 @@ struct LibraryCloser {
   void operator()(void* library) const { dlclose(library); }
 };
 
+// Walks a module table up to its terminating row. Each row's common words
+// are checked here; `row_fault` checks the rest of a row, and `take` records
+// a valid row or names why it cannot (a method served twice). Answers the
+// first problem, or "" for a good table.
+template <typename Row, typename RowFault, typename Take>
+std::string WalkTable(const Row* rows, const char* table, RowFault row_fault, Take take) {
+  if (!InLoadedObject(rows)) return std::string(table) + ": not in a loaded object";
+  for (int i = 0;; ++i) {
+    if (i == kMaxRows) return std::string(table) + ": no terminating row";
+    const Row& row = rows[i];
+    if (IsTerminator(row)) return "";
+    const char* fault = nullptr;
+    if (!ValidName(row.api)) {
+      fault = "bad api name";
+    } else if (!ValidName(row.method)) {
+      fault = "bad method name";
+    } else if (row.version < 1 || row.version > kMaxVersion) {
+      fault = "bad version";
+    } else {
+      fault = row_fault(row);
+    }
+    if (!fault) fault = take(row);
+    if (fault) return std::string(table) + " " + RowProblem(i, fault);
+  }
+}
+
 }  // namespace
 
 ModuleRegistry::~ModuleRegistry() {
@@ -74,72 +100,36 @@ bool ModuleRegistry::Load(const std::string& path, std::string* error) {
 
   std::map<Key, Route> handlers;
   std::map<Key, KEST::APIChecker> checkers;
-  std::string problem;
   const auto loaded = [this](const Key& key) {
     const auto it = routes_.find(key);
     return it == routes_.end() ? Route{} : it->second;
   };
 
-  const KEST::APIHandlerRow* table = get_table();
-  if (!InLoadedObject(table)) problem = "handler table: not in a loaded object";
-  for (int i = 0; problem.empty(); ++i) {
-    if (i == kMaxRows) {
-      problem = "handler table: no terminating row";
-      break;
-    }
-    const auto& row = table[i];
-    if (IsTerminator(row)) break;
-    std::string fault;
-    if (!ValidName(row.api))
-      fault = "bad api name";
-    else if (!ValidName(row.method))
-      fault = "bad method name";
-    else if (row.version < 1 || row.version > kMaxVersion)
-      fault = "bad version";
-    else if (!InLoadedObject(reinterpret_cast<const void*>(row.handler)))
-      fault = "bad handler";
-    if (!fault.empty()) {
-      problem = "handler table " + RowProblem(i, fault.c_str());
-      break;
-    }
-    Key key{row.api, row.method, static_cast<long>(row.version)};
-    if (handlers.count(key) || loaded(key).handler) {
-      problem = "handler table " + RowProblem(i, "serves a method twice");
-      break;
-    }
-    handlers[key].handler = row.handler;
-  }
-
-  const KEST::APICheckRow* checks = problem.empty() ? get_checks() : nullptr;
-  if (problem.empty() && !InLoadedObject(checks)) problem = "check table: not in a loaded object";
-  for (int i = 0; problem.empty(); ++i) {
-    if (i == kMaxRows) {
-      problem = "check table: no terminating row";
-      break;
-    }
-    const auto& row = checks[i];
-    if (IsTerminator(row)) break;
-    std::string fault;
-    if (!ValidName(row.api))
-      fault = "bad api name";
-    else if (!ValidName(row.method))
-      fault = "bad method name";
-    else if (row.version < 1 || row.version > kMaxVersion)
-      fault = "bad version";
-    else if (!InLoadedObject(reinterpret_cast<const void*>(row.checker)))
-      fault = "bad checker";
-    else if (row.reserved1 || row.reserved2)
-      fault = "reserved words not null";
-    if (!fault.empty()) {
-      problem = "check table " + RowProblem(i, fault.c_str());
-      break;
-    }
-    Key key{row.api, row.method, static_cast<long>(row.version)};
-    if (checkers.count(key) || loaded(key).checker) {
-      problem = "check table " + RowProblem(i, "checks a method twice");
-      break;
-    }
-    checkers[key] = row.checker;
+  std::string problem = WalkTable(
+      get_table(), "handler table",
+      [](const KEST::APIHandlerRow& row) -> const char* {
+        return InLoadedObject(reinterpret_cast<const void*>(row.handler)) ? nullptr : "bad handler";
+      },
+      [&](const KEST::APIHandlerRow& row) -> const char* {
+        const Key key{row.api, row.method, static_cast<long>(row.version)};
+        if (handlers.count(key) || loaded(key).handler) return "serves a method twice";
+        handlers[key].handler = row.handler;
+        return nullptr;
+      });
+  if (problem.empty()) {
+    problem = WalkTable(
+        get_checks(), "check table",
+        [](const KEST::APICheckRow& row) -> const char* {
+          if (!InLoadedObject(reinterpret_cast<const void*>(row.checker))) return "bad checker";
+          if (row.reserved1 || row.reserved2) return "reserved words not null";
+          return nullptr;
+        },
+        [&](const KEST::APICheckRow& row) -> const char* {
+          const Key key{row.api, row.method, static_cast<long>(row.version)};
+          if (checkers.count(key) || loaded(key).checker) return "checks a method twice";
+          checkers[key] = row.checker;
+          return nullptr;
+        });
   }
   if (!problem.empty()) {
     *error = "module " + path + ": " + problem;
