@@ -27,7 +27,10 @@ std::vector<gid_t> Groups() {
 RequestGuard::RequestGuard() {
   // The request's log lines depend on errno: leave it as the test set it.
   const int saved_errno = errno;
-  ReapChildren(0);
+  // Children of earlier, unguarded work (a request's after-answer child, a
+  // stopped helper) may still be on their way out: let them go first, so
+  // that the baseline holds only children meant to outlive this request.
+  ReapChildren(2000);
   // syslog keeps its connection open after the first line; open it now so
   // that it is part of the baseline.
   openlog(nullptr, LOG_NDELAY, LOG_USER);
