@@ -1,5 +1,7 @@
 #include "service/queue_file.h"
 
+#include "kestondri/fileindex.h"
+
 #include <fcntl.h>
 #include <sys/file.h>
 #include <sys/stat.h>
@@ -8,8 +10,6 @@
 #include <algorithm>
 #include <cerrno>
 #include <cstring>
-#include <fstream>
-#include <sstream>
 #include <stdexcept>
 
 namespace kestondri {
@@ -31,25 +31,11 @@ void MakeDir(const std::string& path) {
 }
 
 void ReadInto(const std::string& file, std::vector<QueueItem>* out) {
-  std::ifstream in(file, std::ios::binary);
-  if (!in) return;
-  std::stringstream buffer;
-  buffer << in.rdbuf();
-  const std::string text = buffer.str();
-  size_t start = 0;
-  for (;;) {
-    const size_t end = text.find('\n', start);
-    if (end == std::string::npos) break;  // the cut end of an interrupted write
-    const std::string line = text.substr(start, end - start);
-    start = end + 1;
-    if (line.empty() || line[0] == '#') continue;
-    const size_t tab = line.find('\t');
-    if (tab == std::string::npos) continue;
-    QueueItem item{line.substr(0, tab), line.substr(tab + 1)};
-    if ((item.op == kQueueOpReindex || item.op == kQueueOpRemove) && !item.path.empty() &&
-        item.path[0] == '/') {
-      out->push_back(item);
-    }
+  std::vector<fileindex::QueueEntry> entries;
+  fileindex::ReadQueueFile(file, &entries);
+  for (const auto& entry : entries) {
+    // The indexer acts on absolute volume paths only.
+    if (entry.path[0] == '/') out->push_back(QueueItem{entry.op, entry.path});
   }
 }
 

@@ -14,6 +14,7 @@
 #include <cstdint>
 #include <set>
 #include <string>
+#include <vector>
 
 namespace kestondri {
 namespace fileindex {
@@ -29,6 +30,21 @@ void FolderList(Json::Value& output, uint64_t offset, uint64_t limit, const std:
 void FolderListGroups(Json::Value& output);
 void FolderSummary(Json::Value& output);
 void FolderReindex(const Json::Value& paths);
+
+// Share queue files (see docs/fileindex.md): one "op<TAB>path" line per entry.
+constexpr char kQueueReindex[] = "reindex";
+constexpr char kQueueRemove[] = "remove";
+
+struct QueueEntry {
+  std::string op;    // kQueueReindex or kQueueRemove
+  std::string path;  // a folder's or file's volume path
+};
+
+// Appends to `out`, in file order, the complete entries of one queue file:
+// lines of a known operation with a non-empty path. Blank, comment and
+// unknown lines are skipped, and so is a last line without its newline (the
+// cut end of an interrupted write). A missing file adds nothing.
+void ReadQueueFile(const std::string& file, std::vector<QueueEntry>* out);
 
 // The share that holds `full_path`: its name and its folder. Both are empty
 // when the path lies in no share.

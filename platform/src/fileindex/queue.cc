@@ -50,9 +50,22 @@ void EnsureDir(const std::string& path) {
   }
 }
 
+void AddEntry(std::vector<QueueEntry>* entries, const QueueEntry& entry) {
+  for (auto it = entries->begin(); it != entries->end();) {
+    if (it->op == entry.op && it->path == entry.path) {
+      it = entries->erase(it);
+    } else {
+      ++it;
+    }
+  }
+  entries->push_back(entry);
+}
+
+}  // namespace
+
 // Complete lines only: a line without its newline is the cut end of an
 // interrupted write.
-void ReadEntries(const std::string& file, std::vector<QueueEntry>* out) {
+void ReadQueueFile(const std::string& file, std::vector<QueueEntry>* out) {
   std::ifstream in(file, std::ios::binary);
   if (!in) return;
   std::stringstream buffer;
@@ -74,19 +87,6 @@ void ReadEntries(const std::string& file, std::vector<QueueEntry>* out) {
   }
 }
 
-void AddEntry(std::vector<QueueEntry>* entries, const QueueEntry& entry) {
-  for (auto it = entries->begin(); it != entries->end();) {
-    if (it->op == entry.op && it->path == entry.path) {
-      it = entries->erase(it);
-    } else {
-      ++it;
-    }
-  }
-  entries->push_back(entry);
-}
-
-}  // namespace
-
 std::string QueuePathOf(const std::string& share_path) {
   char path[4096] = {0};
   if (FILEIDXQueuePathCompose(share_path.c_str(), path, sizeof(path)) < 0) {
@@ -98,8 +98,8 @@ std::string QueuePathOf(const std::string& share_path) {
 std::vector<QueueEntry> QueueRead(const std::string& share_path) {
   const std::string queue = QueuePathOf(share_path);
   std::vector<QueueEntry> entries;
-  ReadEntries(queue + ".tmp", &entries);
-  ReadEntries(queue, &entries);
+  ReadQueueFile(queue + ".tmp", &entries);
+  ReadQueueFile(queue, &entries);
   return entries;
 }
 
@@ -121,9 +121,9 @@ void QueueAppend(const std::string& share_path, const std::vector<QueueEntry>& e
   // it is read first, the queue itself after it.
   const std::string tmp = queue + ".tmp";
   std::vector<QueueEntry> all;
-  ReadEntries(tmp, &all);
+  ReadQueueFile(tmp, &all);
   std::vector<QueueEntry> current;
-  ReadEntries(queue, &current);
+  ReadQueueFile(queue, &current);
   for (const auto& e : current) AddEntry(&all, e);
   for (const auto& e : entries) AddEntry(&all, e);
 

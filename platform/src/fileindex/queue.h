@@ -9,16 +9,10 @@
 #include <utility>
 #include <vector>
 
+#include "kestondri/fileindex.h"
+
 namespace kestondri {
 namespace fileindex {
-
-constexpr char kQueueReindex[] = "reindex";
-constexpr char kQueueRemove[] = "remove";
-
-struct QueueEntry {
-  std::string op;    // kQueueReindex or kQueueRemove
-  std::string path;  // a folder's volume path
-};
 
 // The queue path of the share whose folder is `share_path`.
 std::string QueuePathOf(const std::string& share_path);
