@@ -12,6 +12,7 @@
 #include <cstring>
 #include <string>
 #include <thread>
+#include <vector>
 
 #include "kestdaemon/sock_connection.h"
 #include "support/fake_daemon.h"
@@ -68,6 +69,93 @@ TEST_F(SockConnectionTest, ReplyScripts) {
     EXPECT_EQ(c.ok ? c.text : "untouched", reply);
     ASSERT_EQ(1u, daemon.RawRequests().size());
     EXPECT_EQ(kProbe, daemon.RawRequests()[0]);
+  }
+}
+
+// One frame as it travels: the 4-byte big-endian length, then the bytes.
+std::string Frame(const std::string& body) {
+  const uint32_t n = static_cast<uint32_t>(body.size());
+  std::string out = {static_cast<char>(n >> 24), static_cast<char>(n >> 16),
+                     static_cast<char>(n >> 8), static_cast<char>(n)};
+  return out + body;
+}
+
+// Replies of several messages, arriving in pieces that do not follow the
+// frames: a reader that takes in whatever has arrived must still hand out
+// each message whole, in order, and then see the end.
+TEST_F(SockConnectionTest, StreamsOfMessages) {
+  struct Case {
+    const char* what;
+    DaemonReply reply;
+    std::vector<std::string> messages;
+  };
+  const std::string big((3u << 20) + 5, 'z');
+  Case cases[] = {
+      {"several in one piece",
+       DaemonReply().Raw(Frame("a") + Frame("bb") + Frame("") + Frame("{}")),
+       {"a", "bb", "", "{}"}},
+      {"body split after a whole message",
+       DaemonReply().Raw(Frame("first") + Frame("second").substr(0, 6)).Pause(50).Raw("cond"),
+       {"first", "second"}},
+      {"header split after a whole message",
+       DaemonReply()
+           .Raw(Frame("one") + std::string("\0\0", 2))
+           .Pause(50)
+           .Raw(std::string("\0\3", 2) + "two"),
+       {"one", "two"}},
+      {"large after small",
+       DaemonReply().Raw(Frame("x") + Frame(big) + Frame("y")),
+       {"x", big, "y"}},
+      {"cut short after whole messages",
+       DaemonReply().Raw(Frame("one") + Frame("two") + Frame("three").substr(0, 6)),
+       {"one", "two"}},
+  };
+  for (auto& c : cases) {
+    SCOPED_TRACE(c.what);
+    FakeDaemon daemon;
+    daemon.On("probe", c.reply.Close());
+    DomainSockConnection conn(kPath);
+    ASSERT_TRUE(conn.Connect(5));
+    ASSERT_TRUE(conn.Send(kProbe));
+    std::vector<std::string> got;
+    std::string message;
+    while (got.size() <= c.messages.size() && conn.Recv(message)) got.push_back(message);
+    EXPECT_EQ(c.messages, got);
+  }
+}
+
+// The daemon reads a request on a descriptor it keeps: whatever follows the
+// request stays in the socket for the next reader.
+TEST_F(SockConnectionTest, BareDescriptorReadsOneMessageOnly) {
+  int fds[2];
+  ASSERT_EQ(0, socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, fds));
+  const std::string after = Frame("next request");
+  const std::string bytes = Frame("request") + after;
+  ASSERT_EQ(static_cast<ssize_t>(bytes.size()), send(fds[1], bytes.data(), bytes.size(), 0));
+  kestdaemon::SockConnection conn(fds[0]);
+  std::string message;
+  ASSERT_TRUE(conn.Recv(message));
+  EXPECT_EQ("request", message);
+  std::string rest(after.size() + 1, '\0');
+  const ssize_t n = recv(fds[0], &rest[0], rest.size(), MSG_DONTWAIT);
+  ASSERT_EQ(static_cast<ssize_t>(after.size()), n);
+  rest.resize(static_cast<size_t>(n));
+  EXPECT_EQ(after, rest);
+  close(fds[1]);
+}
+
+// Bytes read ahead on one connection never surface on the next.
+TEST_F(SockConnectionTest, ReconnectDropsWhatWasReadAhead) {
+  FakeDaemon daemon;
+  DomainSockConnection conn(kPath);
+  std::string message;
+  for (int round = 0; round < 2; ++round) {
+    SCOPED_TRACE(round);
+    daemon.On("probe", DaemonReply().Raw(Frame("a") + Frame("b")));
+    ASSERT_TRUE(conn.Connect(5));
+    ASSERT_TRUE(conn.Send(kProbe));
+    ASSERT_TRUE(conn.Recv(message));
+    EXPECT_EQ("a", message);
   }
 }
 

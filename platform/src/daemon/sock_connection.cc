@@ -6,6 +6,7 @@
 #include <poll.h>
 #include <sys/socket.h>
 #include <sys/time.h>
+#include <sys/uio.h>
 #include <sys/un.h>
 #include <unistd.h>
 
@@ -15,33 +16,61 @@
 #include <cstring>
 
 namespace kestdaemon {
-namespace {
 
 using Clock = std::chrono::steady_clock;
 
 // The bound of one Send or Recv call: the time-out given to Connect, kept on
 // the socket itself (SO_RCVTIMEO) so that the object stays one descriptor.
-// A connection built from a bare descriptor has no bound.
-Clock::time_point Deadline(int fd) {
-  // Beyond ten years "no bound" is meant; it also keeps the sum in range.
-  constexpr time_t kForever = 10L * 365 * 86400;
-  timeval tv{};
-  socklen_t len = sizeof(tv);
-  if (getsockopt(fd, SOL_SOCKET, SO_RCVTIMEO, &tv, &len) != 0 ||
-      (tv.tv_sec == 0 && tv.tv_usec == 0) || tv.tv_sec > kForever) {
-    return Clock::time_point::max();
+// A connection built from a bare descriptor has no bound. The call starts
+// its clock at once but reads the time-out only when it first has to wait:
+// most calls find their bytes, or room for them, already there.
+class CallDeadline {
+ public:
+  explicit CallDeadline(int fd) : fd_(fd), start_(Clock::now()) {}
+  Clock::time_point At() {
+    if (!known_) {
+      // Beyond ten years "no bound" is meant; it also keeps the sum in range.
+      constexpr time_t kForever = 10L * 365 * 86400;
+      timeval tv{};
+      socklen_t len = sizeof(tv);
+      if (getsockopt(fd_, SOL_SOCKET, SO_RCVTIMEO, &tv, &len) != 0 ||
+          (tv.tv_sec == 0 && tv.tv_usec == 0) || tv.tv_sec > kForever) {
+        at_ = Clock::time_point::max();
+      } else {
+        at_ = start_ + std::chrono::seconds(tv.tv_sec) + std::chrono::microseconds(tv.tv_usec);
+      }
+      known_ = true;
+    }
+    return at_;
   }
-  return Clock::now() + std::chrono::seconds(tv.tv_sec) + std::chrono::microseconds(tv.tv_usec);
-}
+
+ private:
+  int fd_;
+  Clock::time_point start_;
+  Clock::time_point at_;
+  bool known_ = false;
+};
+
+namespace {
+
+// What one read asks for when reading ahead: a whole page of search hits
+// in one go.
+constexpr size_t kReadAhead = 64u << 10;
+// The most one read adds to the buffer: a peer that declares a large length
+// costs only what it really sends.
+constexpr size_t kMaxRead = 1u << 20;
+// A buffer left this large by a big message is given back once used up.
+constexpr size_t kKeepBuffer = 1u << 20;
 
 // Waits until `fd` is ready for `events` or the deadline passes; resumes
 // after signals. False on time-out (errno ETIMEDOUT) or error.
-bool WaitReady(int fd, short events, Clock::time_point deadline) {
+bool WaitReady(int fd, short events, CallDeadline& deadline) {
+  const Clock::time_point at = deadline.At();
   for (;;) {
     int wait_ms = -1;
-    if (deadline != Clock::time_point::max()) {
+    if (at != Clock::time_point::max()) {
       const auto left =
-          std::chrono::duration_cast<std::chrono::milliseconds>(deadline - Clock::now()).count();
+          std::chrono::duration_cast<std::chrono::milliseconds>(at - Clock::now()).count();
       if (left <= 0) {
         errno = ETIMEDOUT;
         return false;
@@ -55,38 +84,49 @@ bool WaitReady(int fd, short events, Clock::time_point deadline) {
   }
 }
 
-// Writes all of `data` by the deadline; resumes after signals and partial
-// writes. MSG_NOSIGNAL: a peer that went away fails the call instead of
-// killing the process with SIGPIPE.
-bool WriteAll(int fd, const char* data, size_t size, Clock::time_point deadline) {
-  while (size > 0) {
-    if (!WaitReady(fd, POLLOUT, deadline)) return false;
-    const ssize_t n = send(fd, data, size, MSG_NOSIGNAL | MSG_DONTWAIT);
+// Writes all of `iov` (modified) by the deadline; resumes after signals and
+// partial writes, and waits only when the socket is full. MSG_NOSIGNAL: a
+// peer that went away fails the call instead of killing the process with
+// SIGPIPE.
+bool WriteAll(int fd, iovec* iov, size_t count, CallDeadline& deadline) {
+  while (count > 0 && iov->iov_len == 0) ++iov, --count;
+  while (count > 0) {
+    msghdr msg{};
+    msg.msg_iov = iov;
+    msg.msg_iovlen = count;
+    const ssize_t n = sendmsg(fd, &msg, MSG_NOSIGNAL | MSG_DONTWAIT);
     if (n < 0) {
-      if (errno == EINTR || errno == EAGAIN || errno == EWOULDBLOCK) continue;
-      return false;
+      if (errno == EINTR) continue;
+      if (errno != EAGAIN && errno != EWOULDBLOCK) return false;
+      if (!WaitReady(fd, POLLOUT, deadline)) return false;
+      continue;
     }
-    data += n;
-    size -= static_cast<size_t>(n);
+    size_t sent = static_cast<size_t>(n);
+    while (count > 0 && sent >= iov->iov_len) {
+      sent -= iov->iov_len;
+      ++iov;
+      --count;
+    }
+    if (count > 0) {
+      iov->iov_base = static_cast<char*>(iov->iov_base) + sent;
+      iov->iov_len -= sent;
+    }
   }
   return true;
 }
 
-// Reads exactly `size` bytes by the deadline; false on a closed peer, a
-// time-out or an error.
-bool ReadAll(int fd, char* data, size_t size, Clock::time_point deadline) {
-  while (size > 0) {
-    if (!WaitReady(fd, POLLIN, deadline)) return false;
+// Reads at most `size` bytes, at least one, by the deadline; waits only when
+// nothing has arrived. The count read, or -1 on a closed peer, a time-out or
+// an error.
+ssize_t ReadSome(int fd, char* data, size_t size, CallDeadline& deadline) {
+  for (;;) {
     const ssize_t n = recv(fd, data, size, MSG_DONTWAIT);
-    if (n < 0) {
-      if (errno == EINTR || errno == EAGAIN || errno == EWOULDBLOCK) continue;
-      return false;
-    }
-    if (n == 0) return false;
-    data += n;
-    size -= static_cast<size_t>(n);
+    if (n > 0) return n;
+    if (n == 0) return -1;
+    if (errno == EINTR) continue;
+    if (errno != EAGAIN && errno != EWOULDBLOCK) return -1;
+    if (!WaitReady(fd, POLLIN, deadline)) return -1;
   }
-  return true;
 }
 
 }  // namespace
@@ -96,6 +136,8 @@ SockConnection::~SockConnection() {
 }
 
 void SockConnection::Disconnect() {
+  in_.clear();
+  in_pos_ = 0;
   if (fd_ == -1) return;
   close(fd_);
   fd_ = -1;
@@ -106,29 +148,48 @@ bool SockConnection::Send(const std::string& message) {
   const uint32_t length = htonl(static_cast<uint32_t>(message.size()));
   char header[sizeof(length)];
   memcpy(header, &length, sizeof(length));
-  const auto deadline = Deadline(fd_);
-  return WriteAll(fd_, header, sizeof(header), deadline) &&
-         WriteAll(fd_, message.data(), message.size(), deadline);
+  // Header and body leave in one call: a peer waiting for the request wakes
+  // once, with the whole of a small one there to read.
+  iovec iov[2] = {{header, sizeof(header)}, {const_cast<char*>(message.data()), message.size()}};
+  CallDeadline deadline(fd_);
+  return WriteAll(fd_, iov, 2, deadline);
+}
+
+bool SockConnection::Fill(size_t need, CallDeadline& deadline) {
+  while (in_.size() - in_pos_ < need) {
+    if (in_pos_ > 0) {
+      in_.erase(0, in_pos_);
+      in_pos_ = 0;
+    }
+    const size_t have = in_.size();
+    // Without read-ahead, never past the bytes the current frame still lacks.
+    size_t want = need - have;
+    if (read_ahead_) want = std::max(want, kReadAhead);
+    want = std::min(want, kMaxRead);
+    in_.resize(have + want);
+    const ssize_t n = ReadSome(fd_, &in_[have], want, deadline);
+    in_.resize(have + static_cast<size_t>(std::max<ssize_t>(n, 0)));
+    if (n < 0) return false;
+  }
+  return true;
 }
 
 bool SockConnection::Recv(std::string& message) {
   if (fd_ == -1) return false;
-  const auto deadline = Deadline(fd_);
+  CallDeadline deadline(fd_);
   uint32_t length = 0;
-  if (!ReadAll(fd_, reinterpret_cast<char*>(&length), sizeof(length), deadline)) return false;
+  if (!Fill(sizeof(length), deadline)) return false;
+  memcpy(&length, in_.data() + in_pos_, sizeof(length));
   length = ntohl(length);
   if (length > kMaxMessageSize) return false;
-  // Grow as bytes arrive rather than trusting the declared length up front:
-  // a peer that lies about a large length costs only what it really sends.
-  std::string body;
-  constexpr size_t kChunk = 1 << 20;
-  while (body.size() < length) {
-    const size_t want = std::min<size_t>(kChunk, length - body.size());
-    const size_t have = body.size();
-    body.resize(have + want);
-    if (!ReadAll(fd_, &body[have], want, deadline)) return false;
+  if (!Fill(sizeof(length) + length, deadline)) return false;
+  message.assign(in_, in_pos_ + sizeof(length), length);
+  in_pos_ += sizeof(length) + length;
+  if (in_pos_ == in_.size()) {
+    in_pos_ = 0;
+    in_.clear();
+    if (in_.capacity() > kKeepBuffer) std::string().swap(in_);
   }
-  message.swap(body);
   return true;
 }
 
