@@ -13,6 +13,7 @@
 #include <set>
 #include <stdexcept>
 #include <unordered_map>
+#include <utility>
 
 #include "common/constants.h"
 #include "common/json_helpers.h"
@@ -292,11 +293,13 @@ Json::Value SearchAPI::Search() {
     DaemonFailed({kFile, 259, "Search"}, "!conn.Send(js_req_to_daemon.toString())", kErrExecute);
   }
 
-  result["hits"] = Json::Value(Json::arrayValue);
+  // A map node: stays put while "total" is added beside it.
+  Json::Value& hits = result["hits"];
+  hits = Json::Value(Json::arrayValue);
   Json::Value js_resp;
+  std::string str_resp;
   size_t received = 0;
   for (;;) {
-    std::string str_resp;
     if (!conn.Recv(str_resp)) {
       DaemonFailed({kFile, 268, "Search"}, "!conn.Recv(str_resp)", kErrExecute);
     }
@@ -318,7 +321,7 @@ Json::Value SearchAPI::Search() {
       continue;
     }
     if (js_resp.isMember("success")) break;
-    result["hits"].append(js_resp);
+    hits.append(std::move(js_resp));
   }
 
   if (js_resp["success"].asBool()) return result;
