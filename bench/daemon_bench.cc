@@ -3,6 +3,7 @@
 //
 //   kest_daemon_bench --db DB_PATH --index-id ID --queries queries.tsv
 //                     [--socket PATH] [--rounds N] [--filter-uid UID]
+//                     [--search-only]
 //
 // queries.tsv: id, class, Xapian query text, ... (tab-separated; lines
 // starting with '#' are skipped). Prints one line per measurement with the
@@ -20,6 +21,7 @@
 #include <functional>
 #include <map>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "command_handler.h"
@@ -28,6 +30,7 @@
 #include "index_resolver.h"
 #include "index_schema.h"
 #include "query_builder.h"
+#include "reply_frame.h"
 
 namespace {
 
@@ -41,6 +44,9 @@ struct Options {
   std::string socket = "/var/run/kestelasticd.sock";
   int rounds = 10;
   long filter_uid = -1;
+  // Only the plain search page, in-process and over the socket: the pair
+  // that measures the socket's own cost, quick enough to profile.
+  bool search_only = false;
 };
 
 const char* const kTypes[] = {"document", "photo", "video", "audio", "folder", "other", "all"};
@@ -96,8 +102,9 @@ std::vector<Json::Value> Exchange(const std::string& socket, const Json::Value& 
   while (conn.Recv(text)) {
     Json::Value v;
     Json::fromString(v, text);
-    out.push_back(v);
-    if (v.isMember("success") && !v.isMember("total")) break;
+    const bool last = v.isMember("success") && !v.isMember("total");
+    out.push_back(std::move(v));
+    if (last) break;
   }
   return out;
 }
@@ -138,13 +145,17 @@ Json::Value SearchRequest(const Options& o, const std::string& keyword, bool hig
   return r;
 }
 
-// Serialises like the daemon's socket sink, and throws the text away.
+// Frames each message as the daemon's socket sink does, and throws the
+// bytes away: the handler's whole work, without the socket.
 class NullSink : public kestondri::daemon::ReplySink {
  public:
   bool Send(const Json::Value& message) override {
-    bytes += Json::toString(message).size() + 4;
+    frames.clear();
+    kestondri::daemon::AppendFrame(message, &frames);
+    bytes += frames.size();
     return true;
   }
+  std::string frames;
   size_t bytes = 0;
 };
 
@@ -152,13 +163,11 @@ class NullSink : public kestondri::daemon::ReplySink {
 
 int main(int argc, char** argv) {
   Options o;
-  static const option opts[] = {{"db", required_argument, nullptr, 'd'},
-                                {"index-id", required_argument, nullptr, 'i'},
-                                {"queries", required_argument, nullptr, 'q'},
-                                {"socket", required_argument, nullptr, 's'},
-                                {"rounds", required_argument, nullptr, 'r'},
-                                {"filter-uid", required_argument, nullptr, 'u'},
-                                {nullptr, 0, nullptr, 0}};
+  static const option opts[] = {
+      {"db", required_argument, nullptr, 'd'},      {"index-id", required_argument, nullptr, 'i'},
+      {"queries", required_argument, nullptr, 'q'}, {"socket", required_argument, nullptr, 's'},
+      {"rounds", required_argument, nullptr, 'r'},  {"filter-uid", required_argument, nullptr, 'u'},
+      {"search-only", no_argument, nullptr, 'o'},   {nullptr, 0, nullptr, 0}};
   int c;
   while ((c = getopt_long(argc, argv, "", opts, nullptr)) != -1) {
     switch (c) {
@@ -179,6 +188,9 @@ int main(int argc, char** argv) {
         break;
       case 'u':
         o.filter_uid = std::atol(optarg);
+        break;
+      case 'o':
+        o.search_only = true;
         break;
       default:
         return 2;
@@ -212,92 +224,94 @@ int main(int argc, char** argv) {
       };
       QueryParts parts;
       parts.keyword = q;
-      // In-process: parse and match a 50-hit page, estimated total.
-      time("inproc match 50 (estimated total)", [&] {
-        Xapian::Enquire e(db);
-        e.set_query(kestondri::daemon::BuildQuery(parts, db));
-        Xapian::MSet m = e.get_mset(0, 50);
-        (void)m.size();
-      });
-      // In-process: what the daemon does for a search: exact total, the
-      // page's documents and their fields.
       Xapian::doccount total = 0;
-      time("inproc page 50 with data, exact total", [&] {
-        Xapian::Enquire e(db);
-        e.set_query(kestondri::daemon::BuildQuery(parts, db));
-        Xapian::MSet m = e.get_mset(0, 50, db.get_doccount());
-        m.fetch();
-        for (auto it = m.begin(); it != m.end(); ++it) {
-          Xapian::Document d = it.get_document();
-          (void)d.get_value(kestondri::index::kSlotPath);
-          (void)d.get_value(kestondri::index::kSlotName);
-          (void)d.get_value(kestondri::index::kSlotSize);
-        }
-        total = m.get_matches_estimated();
-      });
-      totals[q] = total;
-      time("inproc page 50 with data, total exact to 1000", [&] {
-        Xapian::Enquire e(db);
-        e.set_query(kestondri::daemon::BuildQuery(parts, db));
-        Xapian::MSet m = e.get_mset(0, 50, 1000);
-        m.fetch();
-        for (auto it = m.begin(); it != m.end(); ++it) {
-          Xapian::Document d = it.get_document();
-          (void)d.get_value(kestondri::index::kSlotPath);
-          (void)d.get_value(kestondri::index::kSlotName);
-          (void)d.get_value(kestondri::index::kSlotSize);
-        }
-      });
-      time("inproc page 50 + 10 bounded snippets", [&] {
-        Xapian::Enquire e(db);
-        e.set_query(kestondri::daemon::BuildQuery(parts, db));
-        Xapian::MSet m = e.get_mset(0, 50, db.get_doccount());
-        m.fetch();
-        auto marks = kestondri::daemon::KeywordMarkTerms(q);
-        kestondri::daemon::FragmentOptions fo;
-        fo.num_fragments = 1;
-        fo.scan_limit = 64u << 10;
-        int n = 0;
-        for (auto it = m.begin(); it != m.end(); ++it, ++n) {
-          Xapian::Document d = it.get_document();
-          (void)d.get_value(kestondri::index::kSlotPath);
-          if (n < 10) (void)kestondri::daemon::HighlightFragments(d.get_data(), marks, fo);
-        }
-      });
-      for (int with : {10, 50}) {
-        time("inproc page 50, data of " + std::to_string(with) + " hits only", [&] {
+      if (!o.search_only) {
+        // In-process: parse and match a 50-hit page, estimated total.
+        time("inproc match 50 (estimated total)", [&] {
+          Xapian::Enquire e(db);
+          e.set_query(kestondri::daemon::BuildQuery(parts, db));
+          Xapian::MSet m = e.get_mset(0, 50);
+          (void)m.size();
+        });
+        // In-process: what the daemon does for a search: exact total, the
+        // page's documents and their fields.
+        time("inproc page 50 with data, exact total", [&] {
           Xapian::Enquire e(db);
           e.set_query(kestondri::daemon::BuildQuery(parts, db));
           Xapian::MSet m = e.get_mset(0, 50, db.get_doccount());
           m.fetch();
+          for (auto it = m.begin(); it != m.end(); ++it) {
+            Xapian::Document d = it.get_document();
+            (void)d.get_value(kestondri::index::kSlotPath);
+            (void)d.get_value(kestondri::index::kSlotName);
+            (void)d.get_value(kestondri::index::kSlotSize);
+          }
+          total = m.get_matches_estimated();
+        });
+        totals[q] = total;
+        time("inproc page 50 with data, total exact to 1000", [&] {
+          Xapian::Enquire e(db);
+          e.set_query(kestondri::daemon::BuildQuery(parts, db));
+          Xapian::MSet m = e.get_mset(0, 50, 1000);
+          m.fetch();
+          for (auto it = m.begin(); it != m.end(); ++it) {
+            Xapian::Document d = it.get_document();
+            (void)d.get_value(kestondri::index::kSlotPath);
+            (void)d.get_value(kestondri::index::kSlotName);
+            (void)d.get_value(kestondri::index::kSlotSize);
+          }
+        });
+        time("inproc page 50 + 10 bounded snippets", [&] {
+          Xapian::Enquire e(db);
+          e.set_query(kestondri::daemon::BuildQuery(parts, db));
+          Xapian::MSet m = e.get_mset(0, 50, db.get_doccount());
+          m.fetch();
+          auto marks = kestondri::daemon::KeywordMarkTerms(q);
+          kestondri::daemon::FragmentOptions fo;
+          fo.num_fragments = 1;
+          fo.scan_limit = 64u << 10;
           int n = 0;
-          for (auto it = m.begin(); it != m.end() && n < with; ++it, ++n) {
-            (void)it.get_document().get_data();
+          for (auto it = m.begin(); it != m.end(); ++it, ++n) {
+            Xapian::Document d = it.get_document();
+            (void)d.get_value(kestondri::index::kSlotPath);
+            if (n < 10) (void)kestondri::daemon::HighlightFragments(d.get_data(), marks, fo);
+          }
+        });
+        for (int with : {10, 50}) {
+          time("inproc page 50, data of " + std::to_string(with) + " hits only", [&] {
+            Xapian::Enquire e(db);
+            e.set_query(kestondri::daemon::BuildQuery(parts, db));
+            Xapian::MSet m = e.get_mset(0, 50, db.get_doccount());
+            m.fetch();
+            int n = 0;
+            for (auto it = m.begin(); it != m.end() && n < with; ++it, ++n) {
+              (void)it.get_document().get_data();
+            }
+          });
+        }
+        time("inproc page 50 + 50 bounded snippets", [&] {
+          Xapian::Enquire e(db);
+          e.set_query(kestondri::daemon::BuildQuery(parts, db));
+          Xapian::MSet m = e.get_mset(0, 50, db.get_doccount());
+          m.fetch();
+          auto marks = kestondri::daemon::KeywordMarkTerms(q);
+          kestondri::daemon::FragmentOptions fo;
+          fo.num_fragments = 1;
+          fo.scan_limit = 64u << 10;
+          for (auto it = m.begin(); it != m.end(); ++it) {
+            (void)kestondri::daemon::HighlightFragments(it.get_document().get_data(), marks, fo);
+          }
+        });
+        time("inproc exact counts, 7 types", [&] {
+          for (const char* t : kTypes) {
+            QueryParts s = parts;
+            s.file_type = t;
+            Xapian::Enquire e(db);
+            e.set_query(kestondri::daemon::BuildQuery(s, db));
+            (void)e.get_mset(0, 0, db.get_doccount()).get_matches_estimated();
           }
         });
       }
-      time("inproc page 50 + 50 bounded snippets", [&] {
-        Xapian::Enquire e(db);
-        e.set_query(kestondri::daemon::BuildQuery(parts, db));
-        Xapian::MSet m = e.get_mset(0, 50, db.get_doccount());
-        m.fetch();
-        auto marks = kestondri::daemon::KeywordMarkTerms(q);
-        kestondri::daemon::FragmentOptions fo;
-        fo.num_fragments = 1;
-        fo.scan_limit = 64u << 10;
-        for (auto it = m.begin(); it != m.end(); ++it) {
-          (void)kestondri::daemon::HighlightFragments(it.get_document().get_data(), marks, fo);
-        }
-      });
-      time("inproc exact counts, 7 types", [&] {
-        for (const char* t : kTypes) {
-          QueryParts s = parts;
-          s.file_type = t;
-          Xapian::Enquire e(db);
-          e.set_query(kestondri::daemon::BuildQuery(s, db));
-          (void)e.get_mset(0, 0, db.get_doccount()).get_matches_estimated();
-        }
-      });
       Json::Value search = SearchRequest(o, q, false);
       std::string search_text = Json::toString(search);
       time("inproc daemon handler, search page 50", [&] {
@@ -306,11 +320,12 @@ int main(int argc, char** argv) {
       });
       std::vector<Json::Value> reply;
       time("daemon search page 50", [&] { reply = Exchange(o.socket, search); });
-      if (warm && o.filter_uid < 0 && !reply.empty() && total <= 1000 &&
+      if (warm && !o.search_only && o.filter_uid < 0 && !reply.empty() && total <= 1000 &&
           reply[0]["total"].asUInt() != total) {
         std::fprintf(stderr, "total differs for %s: %u vs %u\n", q.c_str(),
                      reply[0]["total"].asUInt(), total);
       }
+      if (o.search_only) continue;
       Json::Value with_hl = SearchRequest(o, q, true);
       std::string with_hl_text = Json::toString(with_hl);
       time("inproc daemon handler, page 50 + snippet per hit", [&] {

@@ -386,8 +386,10 @@ void CommandHandler::Search(const Json::Value& data, const Peer& peer, IndexCach
     size_t shard = (match.docid - 1) % n;
     Xapian::docid local = (match.docid - 1) / static_cast<Xapian::docid>(n) + 1;
     for (const auto& f : fields) LoadField(match.doc, f, hit);
-    LoadField(match.doc, index::kFieldPath, hit);
-    LoadField(match.doc, index::kFieldOwner, hit);
+    // Every hit carries its path and owner; each value read costs a lookup
+    // in the index, so not twice.
+    if (!hit.isMember(index::kFieldPath)) LoadField(match.doc, index::kFieldPath, hit);
+    if (!hit.isMember(index::kFieldOwner)) LoadField(match.doc, index::kFieldOwner, hit);
     hit["doc_id"] = static_cast<Json::UInt>(local);
     hit["_index"] = shards.ids[shard];
     hit["_id"] = shards.ids[shard] + "/" + std::to_string(local);

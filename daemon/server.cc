@@ -1,6 +1,5 @@
 #include "server.h"
 
-#include <arpa/inet.h>
 #include <fcntl.h>
 #include <kest/json.h>
 #include <kestdaemon/sock_connection.h>
@@ -12,10 +11,11 @@
 #include <sys/un.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstring>
-#include <memory>
-#include <sstream>
+
+#include "reply_frame.h"
 
 namespace kestondri {
 namespace daemon {
@@ -28,41 +28,25 @@ class BorrowedConnection : public kestdaemon::SockConnection {
   ~BorrowedConnection() override { fd_ = -1; }
 };
 
-// Compact JSON text, like Json::toString, with one writer per thread rather
-// than one per message.
-std::string Compact(const Json::Value& value) {
-  thread_local std::unique_ptr<Json::StreamWriter> writer = [] {
-    Json::StreamWriterBuilder b;
-    b["indentation"] = "";
-    b["emitUTF8"] = true;
-    b["commentStyle"] = "None";
-    return std::unique_ptr<Json::StreamWriter>(b.newStreamWriter());
-  }();
-  thread_local std::ostringstream out;
-  out.str(std::string());
-  out.clear();
-  writer->write(value, &out);
-  return out.str();
-}
-
-// Frames replies into one buffer and writes it out in large pieces: a
-// search's hits are many small messages, and one write per message would
-// cost more than the search itself. The framing is the connection's own
-// (4-byte big-endian length, then the text).
+// Frames replies into one buffer and writes it out in pieces: a search's
+// hits are many small messages, and one write per message would cost more
+// than the search itself. The first pieces are small so that the client
+// parses the first hits while the rest are built; later ones grow up to
+// 64 KiB so that a long reply still takes few writes. The framing is the
+// connection's own (4-byte big-endian length, then the text).
 class ConnectionSink : public ReplySink {
  public:
   explicit ConnectionSink(int fd) : fd_(fd) {}
   bool Send(const Json::Value& message) override {
     if (failed_) return false;
-    std::string text = Compact(message);
-    if (text.size() > kestdaemon::kMaxMessageSize) {
+    if (!AppendFrame(message, &buffer_)) {
       failed_ = true;
       return false;
     }
-    uint32_t length = htonl(static_cast<uint32_t>(text.size()));
-    buffer_.append(reinterpret_cast<const char*>(&length), sizeof length);
-    buffer_ += text;
-    if (buffer_.size() >= kFlushBytes) Flush();
+    if (buffer_.size() >= flush_at_) {
+      Flush();
+      flush_at_ = std::min(flush_at_ * 2, kMaxFlushBytes);
+    }
     return !failed_;
   }
   // Writes out what is buffered; false (and failed()) when the peer is gone.
@@ -83,7 +67,9 @@ class ConnectionSink : public ReplySink {
   bool failed() const { return failed_; }
 
  private:
-  static constexpr size_t kFlushBytes = 64u << 10;
+  static constexpr size_t kFirstFlushBytes = 4u << 10;
+  static constexpr size_t kMaxFlushBytes = 64u << 10;
+  size_t flush_at_ = kFirstFlushBytes;
   int fd_;
   std::string buffer_;
   bool failed_ = false;
