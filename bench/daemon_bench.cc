@@ -3,14 +3,23 @@
 //
 //   kest_daemon_bench --db DB_PATH --index-id ID --queries queries.tsv
 //                     [--socket PATH] [--rounds N] [--filter-uid UID]
-//                     [--search-only]
+//                     [--search-only] [--quest] [--recoll-conf DIR]
+//
+// --quest and --recoll-conf add peers, each timed as a whole process per
+// query (spawn to exit, output thrown away), 50 results: Xapian's quest on
+// the same database with the daemon's prefixes and parser flags, and
+// recollq on a recoll index of the same tree (the queries' fourth column).
 //
 // queries.tsv: id, class, Xapian query text, ... (tab-separated; lines
 // starting with '#' are skipped). Prints one line per measurement with the
 // median, p95 and p99 in milliseconds.
+#include <fcntl.h>
 #include <getopt.h>
 #include <kest/json.h>
 #include <kestdaemon/sock_connection.h>
+#include <spawn.h>
+#include <sys/wait.h>
+#include <unistd.h>
 #include <xapian.h>
 
 #include <algorithm>
@@ -47,12 +56,19 @@ struct Options {
   // Only the plain search page, in-process and over the socket: the pair
   // that measures the socket's own cost, quick enough to profile.
   bool search_only = false;
+  bool quest = false;
+  std::string recoll_conf;
 };
 
 const char* const kTypes[] = {"document", "photo", "video", "audio", "folder", "other", "all"};
 
-std::vector<std::string> LoadQueries(const std::string& path) {
-  std::vector<std::string> out;
+struct Query {
+  std::string xapian;  // the daemon's and quest's form
+  std::string recoll;  // recollq's form
+};
+
+std::vector<Query> LoadQueries(const std::string& path) {
+  std::vector<Query> out;
   std::ifstream in(path);
   std::string line;
   while (std::getline(in, line)) {
@@ -63,9 +79,30 @@ std::vector<std::string> LoadQueries(const std::string& path) {
       cols.push_back(line.substr(start, tab - start));
     }
     cols.push_back(line.substr(start));
-    if (cols.size() >= 3) out.push_back(cols[2]);
+    if (cols.size() >= 3) out.push_back({cols[2], cols.size() >= 4 ? cols[3] : cols[2]});
   }
   return out;
+}
+
+// Runs `argv` with its output thrown away and waits for it to end; exits
+// the benchmark when it cannot run or fails.
+void RunPeer(const std::vector<std::string>& argv) {
+  std::vector<char*> args;
+  for (const auto& a : argv) args.push_back(const_cast<char*>(a.c_str()));
+  args.push_back(nullptr);
+  posix_spawn_file_actions_t actions;
+  posix_spawn_file_actions_init(&actions);
+  posix_spawn_file_actions_addopen(&actions, 1, "/dev/null", O_WRONLY, 0);
+  posix_spawn_file_actions_addopen(&actions, 2, "/dev/null", O_WRONLY, 0);
+  pid_t pid = -1;
+  int status = 0;
+  const int rc = posix_spawnp(&pid, args[0], &actions, nullptr, args.data(), environ);
+  posix_spawn_file_actions_destroy(&actions);
+  if (rc != 0 || waitpid(pid, &status, 0) != pid || !WIFEXITED(status) ||
+      WEXITSTATUS(status) != 0) {
+    std::fprintf(stderr, "peer failed: %s\n", argv[0].c_str());
+    std::exit(1);
+  }
 }
 
 struct Stats {
@@ -163,11 +200,16 @@ class NullSink : public kestondri::daemon::ReplySink {
 
 int main(int argc, char** argv) {
   Options o;
-  static const option opts[] = {
-      {"db", required_argument, nullptr, 'd'},      {"index-id", required_argument, nullptr, 'i'},
-      {"queries", required_argument, nullptr, 'q'}, {"socket", required_argument, nullptr, 's'},
-      {"rounds", required_argument, nullptr, 'r'},  {"filter-uid", required_argument, nullptr, 'u'},
-      {"search-only", no_argument, nullptr, 'o'},   {nullptr, 0, nullptr, 0}};
+  static const option opts[] = {{"db", required_argument, nullptr, 'd'},
+                                {"index-id", required_argument, nullptr, 'i'},
+                                {"queries", required_argument, nullptr, 'q'},
+                                {"socket", required_argument, nullptr, 's'},
+                                {"rounds", required_argument, nullptr, 'r'},
+                                {"filter-uid", required_argument, nullptr, 'u'},
+                                {"search-only", no_argument, nullptr, 'o'},
+                                {"quest", no_argument, nullptr, 'Q'},
+                                {"recoll-conf", required_argument, nullptr, 'R'},
+                                {nullptr, 0, nullptr, 0}};
   int c;
   while ((c = getopt_long(argc, argv, "", opts, nullptr)) != -1) {
     switch (c) {
@@ -192,6 +234,12 @@ int main(int argc, char** argv) {
       case 'o':
         o.search_only = true;
         break;
+      case 'Q':
+        o.quest = true;
+        break;
+      case 'R':
+        o.recoll_conf = optarg;
+        break;
       default:
         return 2;
     }
@@ -200,7 +248,7 @@ int main(int argc, char** argv) {
     std::fprintf(stderr, "usage: kest_daemon_bench --db DB --index-id ID --queries TSV\n");
     return 2;
   }
-  std::vector<std::string> queries = LoadQueries(o.queries);
+  std::vector<Query> queries = LoadQueries(o.queries);
   Xapian::Database db(o.db);
   std::printf("index: %u documents; %zu queries x %d rounds\n", db.get_doccount(), queries.size(),
               o.rounds);
@@ -214,7 +262,8 @@ int main(int argc, char** argv) {
   std::map<std::string, Xapian::doccount> totals;
   for (int round = -1; round < o.rounds; ++round) {
     bool warm = round < 0;
-    for (const auto& q : queries) {
+    for (const auto& query : queries) {
+      const std::string& q = query.xapian;
       auto time = [&](const std::string& name, const std::function<void()>& fn) {
         if (warm) {
           fn();
@@ -325,6 +374,41 @@ int main(int argc, char** argv) {
         std::fprintf(stderr, "total differs for %s: %u vs %u\n", q.c_str(),
                      reply[0]["total"].asUInt(), total);
       }
+      if (o.quest) {
+        using namespace kestondri::index;
+        const std::string xc = kPrefixContent, xn = kPrefixName;
+        time("peer: quest -m 50, whole process", [&] {
+          RunPeer({"quest",
+                   "-s",
+                   "none",
+                   "-d",
+                   o.db,
+                   "-m",
+                   "50",
+                   "-o",
+                   "and",
+                   "-p",
+                   ":" + xc,
+                   "-p",
+                   ":" + xn,
+                   "-p",
+                   "name:" + xn,
+                   "-p",
+                   "file:" + xn,
+                   "-p",
+                   "content:" + xc,
+                   "-p",
+                   std::string("ext:") + kPrefixExtension,
+                   "-f",
+                   "boolean,phrase,lovehate,wildcard,pure_not",
+                   q});
+        });
+      }
+      if (!o.recoll_conf.empty()) {
+        time("peer: recollq -n 50, whole process", [&] {
+          RunPeer({"recollq", "-c", o.recoll_conf, "-n", "50", query.recoll});
+        });
+      }
       if (o.search_only) continue;
       Json::Value with_hl = SearchRequest(o, q, true);
       std::string with_hl_text = Json::toString(with_hl);
@@ -370,6 +454,8 @@ int main(int argc, char** argv) {
                 s.Pct(0.99), s.ms.size());
   }
   std::printf("\nper-query totals:\n");
-  for (const auto& q : queries) std::printf("  %-36s %u\n", q.c_str(), totals[q]);
+  for (const auto& q : queries) {
+    std::printf("  %-36s %u\n", q.xapian.c_str(), totals[q.xapian]);
+  }
   return 0;
 }

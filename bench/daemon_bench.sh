@@ -7,6 +7,9 @@
 # CORPUS_DIR: the unpacked linux-source-6.1 tree (kept out of the repository).
 # WORK_DIR: where the index and the daemon's socket go.
 # Run as root: the daemon's permission filter switches file-system ids.
+# Peers run in the same administrator run when present: quest (xapian-tools)
+# on the same index, and recollq (recollcmd) when WORK_DIR/recoll holds a
+# recoll configuration whose index (xapiandb) covers the same tree.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 build=${BUILD:-build}
@@ -31,9 +34,14 @@ pid=$!
 trap 'kill $pid 2>/dev/null || true' EXIT
 for _ in $(seq 100); do [[ -S $sock ]] && break; sleep 0.05; done
 
+peers=()
+command -v quest > /dev/null && peers+=(--quest)
+if command -v recollq > /dev/null && [[ -d $work/recoll/xapiandb ]]; then
+  peers+=(--recoll-conf "$work/recoll")
+fi
 echo "== as an administrator (no permission filter)"
 "$build/bench/kest_daemon_bench" --db "$work/linux-index" --index-id fileindex_linux \
-  --queries "$queries" --socket "$sock" --rounds "$rounds"
+  --queries "$queries" --socket "$sock" --rounds "$rounds" "${peers[@]}"
 echo "== for an ordinary user (permission filter, uid 65534)"
 "$build/bench/kest_daemon_bench" --db "$work/linux-index" --index-id fileindex_linux \
   --queries "$queries" --socket "$sock" --rounds "$rounds" --filter-uid 65534
