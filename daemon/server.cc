@@ -127,7 +127,11 @@ bool Server::Start(std::string* error) {
   if (epoll_ctl(epoll_fd_, EPOLL_CTL_ADD, listen_fd_, &ev) != 0) return fail("epoll_ctl");
   ev.data.fd = wake_pipe_[0];
   if (epoll_ctl(epoll_fd_, EPOLL_CTL_ADD, wake_pipe_[0], &ev) != 0) return fail("epoll_ctl");
-  for (int i = 0; i < options_.workers; ++i) workers_.emplace_back([this] { WorkerLoop(); });
+  for (int i = 0; i < options_.workers; ++i) {
+    worker_slots_.push_back(std::make_unique<IdleWorker>());
+    IdleWorker* slot = worker_slots_.back().get();
+    workers_.emplace_back([this, slot] { WorkerLoop(*slot); });
+  }
   acceptor_ = std::thread([this] { PollLoop(); });
   return true;
 }
@@ -141,7 +145,7 @@ void Server::Stop() {
     (void)n;
   }
   std::lock_guard<std::mutex> lock(mutex_);
-  cv_.notify_all();
+  WakeAll();
 }
 
 void Server::Wait() {
@@ -149,7 +153,7 @@ void Server::Wait() {
   if (acceptor_.joinable()) acceptor_.join();
   {
     std::lock_guard<std::mutex> lock(mutex_);
-    cv_.notify_all();
+    WakeAll();
   }
   for (auto& w : workers_) {
     if (w.joinable()) w.join();
@@ -221,8 +225,7 @@ void Server::PollLoop() {
           // already there, skip a round through epoll.
           char probe;
           if (recv(conn, &probe, 1, MSG_PEEK | MSG_DONTWAIT) >= 0) {
-            pending_.push_back(conn);
-            cv_.notify_one();
+            Dispatch(conn);
             continue;
           }
           idle_since_[conn] = time(nullptr);
@@ -240,8 +243,7 @@ void Server::PollLoop() {
       // reads it, and finds out which.
       std::lock_guard<std::mutex> lock(mutex_);
       if (idle_since_.erase(fd) == 0) continue;
-      pending_.push_back(fd);
-      cv_.notify_one();
+      Dispatch(fd);
     }
     time_t now = time(nullptr);
     std::lock_guard<std::mutex> lock(mutex_);
@@ -256,19 +258,46 @@ void Server::PollLoop() {
   }
   stopping_ = true;
   std::lock_guard<std::mutex> lock(mutex_);
-  cv_.notify_all();
+  WakeAll();
 }
 
-void Server::WorkerLoop() {
+void Server::Dispatch(int fd) {
+  if (idle_.empty()) {
+    pending_.push_back(fd);
+    return;
+  }
+  IdleWorker* worker = idle_.back();
+  idle_.pop_back();
+  worker->fd = fd;
+  worker->wake.notify_one();
+}
+
+void Server::WakeAll() {
+  for (auto& slot : worker_slots_) slot->wake.notify_one();
+}
+
+void Server::WorkerLoop(IdleWorker& self) {
   IndexCache cache(resolver_, missing_);
   for (;;) {
     int fd;
     {
       std::unique_lock<std::mutex> lock(mutex_);
-      cv_.wait(lock, [this] { return stopping_ || !pending_.empty(); });
       if (stopping_) return;
-      fd = pending_.front();
-      pending_.pop_front();
+      if (!pending_.empty()) {
+        fd = pending_.front();
+        pending_.pop_front();
+      } else {
+        idle_.push_back(&self);
+        self.wake.wait(lock, [&] { return stopping_ || self.fd != -1; });
+        idle_.erase(std::remove(idle_.begin(), idle_.end(), &self), idle_.end());
+        fd = self.fd;
+        self.fd = -1;
+        if (stopping_) {
+          // Handed a connection as the server stops: Wait() closes it.
+          if (fd != -1) pending_.push_back(fd);
+          return;
+        }
+      }
     }
     if (ServeOne(fd, cache)) {
       Park(fd);
