@@ -278,7 +278,7 @@ std::vector<FolderRow> VisibleRows(const Caller& caller) {
   std::vector<FolderRow> rows;
   {
     PrivilegeScope privilege;
-    Store store;
+    Store& store = Store::Shared();
     rows = store.All();
   }
   std::vector<FolderRow> visible;
@@ -366,7 +366,7 @@ void FolderAdd(const Json::Value& folders, bool replace) {
   }
 
   PrivilegeScope privilege;
-  Store store;
+  Store& store = Store::Shared();
   Store::Transaction transaction(store);
   QueueBatch batch;
   for (const auto& row : rows) {
@@ -405,7 +405,7 @@ void FolderSet(const Json::Value& folders, bool replace) {
   const auto readable = ReadableMap(caller, paths);
 
   PrivilegeScope privilege;
-  Store store;
+  Store& store = Store::Shared();
   Store::Transaction transaction(store);
   QueueBatch batch;
   for (Json::ArrayIndex i = 0; i < folders.size(); ++i) {
@@ -444,14 +444,14 @@ void FolderGet(Json::Value& output, const std::string& path) {
   bool found = false;
   {
     PrivilegeScope privilege;
-    Store store;
+    Store& store = Store::Shared();
     found = store.Get(canonical, &row);
   }
   if (!found || !Readable(caller, row.path, row.share))
     BadInput("not an indexed folder: " + canonical);
   Json::Value entry = EntryJson(row);
   PrivilegeScope privilege;
-  Store store;
+  Store& store = Store::Shared();
   std::map<std::string, std::vector<QueueEntry>> queues;
   entry["additional"]["status"] = FolderStatus(row, GloballyPaused(store), &queues);
   output = entry;
@@ -462,7 +462,7 @@ void FolderDelete(const Json::Value& paths) {
   const Caller caller = CurrentCaller();
   const auto readable = ReadableMap(caller, list);
   PrivilegeScope privilege;
-  Store store;
+  Store& store = Store::Shared();
   Store::Transaction transaction(store);
   QueueBatch batch;
   for (const auto& path : list) {
@@ -481,7 +481,7 @@ void FolderDelete(const std::string& owner) {
     throw Error(kErrNoPermission, "only an administrator may delete the folders of " + owner);
   }
   PrivilegeScope privilege;
-  Store store;
+  Store& store = Store::Shared();
   Store::Transaction transaction(store);
   QueueBatch batch;
   int deleted = 0;
@@ -560,7 +560,7 @@ void FolderList(Json::Value& output, uint64_t offset, uint64_t limit, const std:
   bool globally_paused = false;
   if (with_status) {
     PrivilegeScope privilege;
-    Store store;
+    Store& store = Store::Shared();
     globally_paused = GloballyPaused(store);
   }
   std::map<std::string, std::vector<QueueEntry>> queues;
@@ -624,7 +624,7 @@ void FolderSummary(Json::Value& output) {
   summary["types"]["document"] = Json::Int64(document);
   {
     PrivilegeScope privilege;
-    Store store;
+    Store& store = Store::Shared();
     summary["indexing_paused"] = GloballyPaused(store);
   }
   output = summary;
@@ -635,7 +635,7 @@ void FolderReindex(const Json::Value& paths) {
   const Caller caller = CurrentCaller();
   const auto readable = ReadableMap(caller, list);
   PrivilegeScope privilege;
-  Store store;
+  Store& store = Store::Shared();
   QueueBatch batch;
   for (const auto& path : list) {
     ChangeableRow(store, caller, path, readable);

@@ -23,7 +23,7 @@ FolderMgr::FolderMgr() = default;
 
 std::set<std::string> FolderMgr::GetIndexedShares() const {
   PrivilegeScope privilege;
-  Store store;
+  Store& store = Store::Shared();
   std::set<std::string> shares;
   for (const auto& row : store.All()) shares.insert(row.share);
   return shares;
@@ -33,7 +33,7 @@ StatusMgr::StatusMgr() = default;
 
 int64_t StatusMgr::GetPauseInfo() const {
   PrivilegeScope privilege;
-  Store store;
+  Store& store = Store::Shared();
   bool paused;
   int64_t until, changed;
   store.GetPause(&paused, &until, &changed);
@@ -46,7 +46,7 @@ void StatusMgr::Pause(int length) {
   if (geteuid() != 0) throw Error(kErrNoPermission, "only an administrator may pause indexing");
   const int64_t now = time(nullptr);
   PrivilegeScope privilege;
-  Store store;
+  Store& store = Store::Shared();
   Store::Transaction transaction(store);
   store.SetPause(true, length > 0 ? now + length : 0, now);
   transaction.Commit();
@@ -55,7 +55,7 @@ void StatusMgr::Pause(int length) {
 void StatusMgr::Resume() {
   if (geteuid() != 0) throw Error(kErrNoPermission, "only an administrator may resume indexing");
   PrivilegeScope privilege;
-  Store store;
+  Store& store = Store::Shared();
   Store::Transaction transaction(store);
   store.SetPause(false, 0, time(nullptr));
   transaction.Commit();
