@@ -8,6 +8,7 @@
 #include "kest/klib.h"
 #include "kestondri/fileindex.h"
 #include "privilege.h"
+#include "snapshot.h"
 #include "store.h"
 
 namespace kestondri {
@@ -23,9 +24,8 @@ FolderMgr::FolderMgr() = default;
 
 std::set<std::string> FolderMgr::GetIndexedShares() const {
   PrivilegeScope privilege;
-  Store& store = Store::Shared();
   std::set<std::string> shares;
-  for (const auto& row : store.All()) shares.insert(row.share);
+  for (const auto& row : ReadStoreContents().rows) shares.insert(row.share);
   return shares;
 }
 
@@ -33,13 +33,10 @@ StatusMgr::StatusMgr() = default;
 
 int64_t StatusMgr::GetPauseInfo() const {
   PrivilegeScope privilege;
-  Store& store = Store::Shared();
-  bool paused;
-  int64_t until, changed;
-  store.GetPause(&paused, &until, &changed);
-  if (!paused) return kNotPaused;
+  const StoreContents contents = ReadStoreContents();
+  if (!contents.paused) return kNotPaused;
   // A timed pause that has run out answers its end, which is in the past.
-  return until;
+  return contents.until;
 }
 
 void StatusMgr::Pause(int length) {

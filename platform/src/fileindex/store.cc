@@ -7,6 +7,7 @@
 #include <memory>
 
 #include "common/error.h"
+#include "snapshot.h"
 
 namespace kestondri {
 namespace fileindex {
@@ -97,6 +98,8 @@ Store::Store() : db_(nullptr) {
       }
     }
     if (SchemaVersion() != kSchemaVersion) {
+      // A new database: whatever snapshot lies beside it describes another.
+      unlink(kSnapshotPath);
       Exec(kSchema);
       Exec(("PRAGMA user_version = " + std::to_string(kSchemaVersion)).c_str());
     }
