@@ -4,6 +4,7 @@
 #include <syslog.h>
 
 #include <algorithm>
+#include <array>
 #include <map>
 #include <memory>
 #include <optional>
@@ -227,24 +228,78 @@ bool IsKnownField(const std::string& field) {
   return field == index::kFieldContent || field == index::kFieldName || field == index::kFieldPath;
 }
 
-void LoadField(const Xapian::Document& doc, const std::string& field, Json::Value& hit) {
+// The value slots a hit's fields come from.
+constexpr size_t kHitSlots = index::kSlotOwner + 1;
+using HitValues = std::array<std::string, kHitSlots>;
+
+// The slot `field` loads from, or -1 for a field hits never carry (the text
+// content: that is what highlight is for) or an unknown one.
+int FieldSlot(const std::string& field) {
   using namespace index;
-  if (field == kFieldPath) {
-    hit[field] = doc.get_value(kSlotPath);
-  } else if (field == kFieldName) {
-    hit[field] = doc.get_value(kSlotName);
-  } else if (field == kFieldExtension) {
-    hit[field] = doc.get_value(kSlotExtension);
-  } else if (field == kFieldIsDir) {
-    hit[field] = doc.get_value(kSlotIsDir) == "1";
-  } else if (field == kFieldSize) {
-    hit[field] = static_cast<Json::UInt64>(SlotNumber(doc, kSlotSize));
-  } else if (field == kFieldMTime) {
-    hit[field] = static_cast<Json::Int64>(SlotNumber(doc, kSlotMTime));
-  } else if (field == kFieldOwner) {
-    hit[field] = doc.get_value(kSlotOwner);
+  if (field == kFieldPath) return kSlotPath;
+  if (field == kFieldName) return kSlotName;
+  if (field == kFieldExtension) return kSlotExtension;
+  if (field == kFieldIsDir) return kSlotIsDir;
+  if (field == kFieldSize) return kSlotSize;
+  if (field == kFieldMTime) return kSlotMTime;
+  if (field == kFieldOwner) return kSlotOwner;
+  return -1;
+}
+
+// The values of `slots` for every hit of a page, read slot by slot along
+// the value streams in docid order, which shares the index's blocks between
+// neighbouring hits (a value read per document looks each one up afresh).
+// One document at a time where the backend has no value streams (remote
+// indices).
+std::vector<HitValues> PageValues(const Xapian::Database& db, const std::vector<Match>& hits,
+                                  const std::vector<int>& slots) {
+  std::vector<HitValues> values(hits.size());
+  std::vector<size_t> order(hits.size());
+  for (size_t i = 0; i < order.size(); ++i) order[i] = i;
+  std::sort(order.begin(), order.end(),
+            [&](size_t a, size_t b) { return hits[a].docid < hits[b].docid; });
+  try {
+    for (int slot : slots) {
+      Xapian::ValueIterator it = db.valuestream_begin(slot);
+      Xapian::ValueIterator end = db.valuestream_end(slot);
+      for (size_t i : order) {
+        if (it == end) break;
+        it.skip_to(hits[i].docid);
+        if (it != end && it.get_docid() == hits[i].docid) values[i][slot] = *it;
+      }
+    }
+    return values;
+  } catch (const Xapian::UnimplementedError&) {
+  } catch (const Xapian::NetworkError&) {
   }
-  // The text content is never sent with hits: that is what highlight is for.
+  for (size_t i = 0; i < hits.size(); ++i) {
+    for (int slot : slots) values[i][slot] = hits[i].doc.get_value(slot);
+  }
+  return values;
+}
+
+double SlotNumber(const std::string& value) {
+  return value.empty() ? 0.0 : Xapian::sortable_unserialise(value);
+}
+
+void LoadField(const HitValues& values, const std::string& field, Json::Value& hit) {
+  using namespace index;
+  const int slot = FieldSlot(field);
+  if (slot < 0) return;
+  const std::string& value = values[slot];
+  switch (slot) {
+    case kSlotIsDir:
+      hit[field] = value == "1";
+      break;
+    case kSlotSize:
+      hit[field] = static_cast<Json::UInt64>(SlotNumber(value));
+      break;
+    case kSlotMTime:
+      hit[field] = static_cast<Json::Int64>(SlotNumber(value));
+      break;
+    default:
+      hit[field] = value;
+  }
 }
 
 std::vector<std::string> LoadFieldList(const Json::Value& data) {
@@ -381,15 +436,23 @@ void CommandHandler::Search(const Json::Value& data, const Peer& peer, IndexCach
   count["total"] = static_cast<Json::UInt64>(page.total);
   if (!out.Send(count)) return;
   const size_t n = shards.ids.size();
-  for (const auto& match : page.hits) {
+  // Every hit carries its path and owner besides the fields asked for.
+  std::vector<int> slots = {index::kSlotPath, index::kSlotOwner};
+  for (const auto& f : fields) {
+    const int slot = FieldSlot(f);
+    if (slot >= 0 && std::find(slots.begin(), slots.end(), slot) == slots.end()) {
+      slots.push_back(slot);
+    }
+  }
+  std::vector<HitValues> values = PageValues(shards.combined, page.hits, slots);
+  for (size_t i = 0; i < page.hits.size(); ++i) {
+    const Match& match = page.hits[i];
     Json::Value hit(Json::objectValue);
     size_t shard = (match.docid - 1) % n;
     Xapian::docid local = (match.docid - 1) / static_cast<Xapian::docid>(n) + 1;
-    for (const auto& f : fields) LoadField(match.doc, f, hit);
-    // Every hit carries its path and owner; each value read costs a lookup
-    // in the index, so not twice.
-    if (!hit.isMember(index::kFieldPath)) LoadField(match.doc, index::kFieldPath, hit);
-    if (!hit.isMember(index::kFieldOwner)) LoadField(match.doc, index::kFieldOwner, hit);
+    for (const auto& f : fields) LoadField(values[i], f, hit);
+    LoadField(values[i], index::kFieldPath, hit);
+    LoadField(values[i], index::kFieldOwner, hit);
     hit["doc_id"] = static_cast<Json::UInt>(local);
     hit["_index"] = shards.ids[shard];
     hit["_id"] = shards.ids[shard] + "/" + std::to_string(local);

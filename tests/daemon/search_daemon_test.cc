@@ -20,6 +20,7 @@
 #include <atomic>
 #include <cstdlib>
 #include <cstring>
+#include <map>
 #include <set>
 #include <string>
 #include <thread>
@@ -277,6 +278,52 @@ TEST_F(SearchDaemonTest, StreamHasCountThenHitsThenEnd) {
   ASSERT_EQ(2u, none.size());
   EXPECT_EQ(0, none[0]["total"].asInt());
   EXPECT_TRUE(none[1]["success"].asBool());
+}
+
+// Every field a hit can carry, read back against the file itself, for
+// files and folders of two indices searched together (so hits of both
+// shards, in one page, take their values from the right document).
+TEST_F(SearchDaemonTest, HitsCarryTheFieldsOfTheirFiles) {
+  Json::Value req = SearchRequest({kDocs, kPub}, "");
+  req["data"]["load_field"] = Json::Value(Json::arrayValue);
+  for (const char* f : {"KESTMDFSName", "KESTMDExtension", "KESTMDIsDir", "KESTMDFSSize",
+                        "KESTMDMTime", "KESTMDTextContent", "KESTMDNoSuchField"}) {
+    req["data"]["load_field"].append(f);
+  }
+  std::map<std::string, Json::Value> by_path;
+  for (const auto& h : Hits(Exchange(req))) by_path[h["KESTMDPath"].asString()] = h;
+  struct Case {
+    const char* path;
+    const char* extension;
+    bool is_dir;
+  };
+  const Case cases[] = {
+      {"/volume1/docs/notes.md", "md", false},
+      {"/volume1/docs/old.log", "log", false},
+      {"/volume1/docs/big.txt", "txt", false},
+      {"/volume1/docs/projects", "", true},
+      {"/volume1/docs/projects/mutex-design.c", "c", false},
+      {"/volume1/pub/pub.txt", "txt", false},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.path);
+    ASSERT_EQ(1u, by_path.count(c.path));
+    const Json::Value& h = by_path[c.path];
+    struct stat st;
+    ASSERT_EQ(0, lstat(c.path, &st));
+    const std::string path = c.path;
+    EXPECT_EQ(path.substr(path.rfind('/') + 1), h["KESTMDFSName"].asString());
+    EXPECT_EQ(c.extension, h["KESTMDExtension"].asString());
+    EXPECT_EQ(c.is_dir, h["KESTMDIsDir"].asBool());
+    if (!c.is_dir) {
+      EXPECT_EQ(static_cast<Json::UInt64>(st.st_size), h["KESTMDFSSize"].asUInt64());
+    }
+    EXPECT_EQ(static_cast<Json::Int64>(st.st_mtime), h["KESTMDMTime"].asInt64());
+    EXPECT_EQ(std::to_string(st.st_uid), h["KESTMDOwnerUserID"].asString());
+    EXPECT_EQ(path.rfind("/volume1/pub/", 0) == 0 ? kPub : kDocs, h["_index"].asString());
+    EXPECT_FALSE(h.isMember("KESTMDTextContent"));
+    EXPECT_FALSE(h.isMember("KESTMDNoSuchField"));
+  }
 }
 
 TEST_F(SearchDaemonTest, PagesTileTheWholeResult) {
