@@ -183,6 +183,13 @@ bool SockConnection::Recv(std::string& message) {
   length = ntohl(length);
   if (length > kMaxMessageSize) return false;
   if (!Fill(sizeof(length) + length, deadline)) return false;
+  if (length > kKeepBuffer && in_pos_ == 0 && in_.size() == sizeof(length) + length) {
+    // A large message alone in the buffer is handed over rather than copied.
+    in_.erase(0, sizeof(length));
+    message.swap(in_);
+    std::string().swap(in_);
+    return true;
+  }
   message.assign(in_, in_pos_ + sizeof(length), length);
   in_pos_ += sizeof(length) + length;
   if (in_pos_ == in_.size()) {
