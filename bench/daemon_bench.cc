@@ -374,41 +374,6 @@ int main(int argc, char** argv) {
         std::fprintf(stderr, "total differs for %s: %u vs %u\n", q.c_str(),
                      reply[0]["total"].asUInt(), total);
       }
-      if (o.quest) {
-        using namespace kestondri::index;
-        const std::string xc = kPrefixContent, xn = kPrefixName;
-        time("peer: quest -m 50, whole process", [&] {
-          RunPeer({"quest",
-                   "-s",
-                   "none",
-                   "-d",
-                   o.db,
-                   "-m",
-                   "50",
-                   "-o",
-                   "and",
-                   "-p",
-                   ":" + xc,
-                   "-p",
-                   ":" + xn,
-                   "-p",
-                   "name:" + xn,
-                   "-p",
-                   "file:" + xn,
-                   "-p",
-                   "content:" + xc,
-                   "-p",
-                   std::string("ext:") + kPrefixExtension,
-                   "-f",
-                   "boolean,phrase,lovehate,wildcard,pure_not",
-                   q});
-        });
-      }
-      if (!o.recoll_conf.empty()) {
-        time("peer: recollq -n 50, whole process", [&] {
-          RunPeer({"recollq", "-c", o.recoll_conf, "-n", "50", query.recoll});
-        });
-      }
       if (o.search_only) continue;
       Json::Value with_hl = SearchRequest(o, q, true);
       std::string with_hl_text = Json::toString(with_hl);
@@ -444,6 +409,38 @@ int main(int argc, char** argv) {
         hl["data"]["highlight"]["num_fragments"] = 3;
         hl["data"]["highlight"]["frag_length"] = 100;
         time("daemon highlight, top hit", [&] { Exchange(o.socket, hl); });
+      }
+    }
+  }
+  // quest with the daemon's prefixes and parser flags; it stems by default,
+  // which this index does not.
+  const std::string xc = kestondri::index::kPrefixContent;
+  const std::string xn = kestondri::index::kPrefixName;
+  const std::string xe = kestondri::index::kPrefixExtension;
+  std::vector<std::string> quest = {"quest", "-s", "none", "-d", o.db, "-m", "50", "-o", "and"};
+  quest.insert(quest.end(), {"-f", "boolean,phrase,lovehate,wildcard,pure_not"});
+  for (const std::string& prefix :
+       {":" + xc, ":" + xn, "name:" + xn, "file:" + xn, "content:" + xc, "ext:" + xe}) {
+    quest.insert(quest.end(), {"-p", prefix});
+  }
+  // Peers run after the daemon's rounds, not between its requests: a
+  // process start and exit next to a request disturbs the two-process
+  // exchange more than the in-process lines.
+  for (int round = -1; round < o.rounds && (o.quest || !o.recoll_conf.empty()); ++round) {
+    for (const auto& query : queries) {
+      auto run = [&](const std::string& name, std::vector<std::string> argv,
+                     const std::string& text) {
+        argv.push_back(text);
+        if (round < 0) {
+          RunPeer(argv);
+        } else {
+          Time(name, [&] { RunPeer(argv); });
+        }
+      };
+      if (o.quest) run("peer: quest -m 50, whole process", quest, query.xapian);
+      if (!o.recoll_conf.empty()) {
+        run("peer: recollq -n 50, whole process", {"recollq", "-c", o.recoll_conf, "-n", "50"},
+            query.recoll);
       }
     }
   }
