@@ -7,7 +7,12 @@
 # bench/indexer_bench.sh when missing). The peers' indexes go to
 # OUT_DIR/recoll (RECOLL_CONFDIR, database in OUT_DIR/recoll/xapiandb) and
 # OUT_DIR/omindex; OUT_DIR defaults to WORK_DIR's parent. Every index is
-# rebuilt from empty.
+# rebuilt from empty. STEPS picks runs (default: all, in this order):
+#   kest recollindex omindex omindex-text
+# omindex with its defaults has no handler for C sources, shell, JSON,
+# Python or reStructuredText and skips them (most of a source tree);
+# "omindex-text" runs it again with those extensions read as plain text, into
+# OUT_DIR/omindex-text, which makes its figures comparable per file.
 set -euo pipefail
 ROOT="$(cd "$(dirname "$0")/.." && pwd)"
 WORK="$(realpath "${1:?usage: index_peers.sh WORK_DIR [OUT_DIR]}")"
@@ -52,6 +57,8 @@ drop_caches() {
   echo 3 >/proc/sys/vm/drop_caches
 }
 
+STEPS="${STEPS:-kest recollindex omindex omindex-text}"
+step() { [[ " $STEPS " == *" $1 "* ]]; }
 declare -A T RSS SIZE DOCS LOAD
 
 # $1 name, $2 index dir, rest: command. Wall time and peak RSS from GNU time.
@@ -84,38 +91,52 @@ echo "log: $LOG"
 
 # kest-indexer: indexer_bench drops nothing itself, and measures the indexer
 # and its extraction worker from /proc (two processes, reported apart).
-drop_caches
-: >"$LOG/kest.load"
-sample_load "$LOG/kest.load" &
-sampler=$!
-"$ROOT/build/bench/indexer_bench" "$WORK" | tee "$LOG/kest.out"
-kill "$sampler"
-wait "$sampler" 2>/dev/null || true
-T[kest]=$(awk '/^time / { print $2 }' "$LOG/kest.out")
-RSS[kest]=$(awk '/^peak RSS indexer/ { print $4 * 1024 }' "$LOG/kest.out")
-SIZE[kest]=$(du -sb "$WORK/@kestondri/index/src" | cut -f1)
-DOCS[kest]=$(awk '/^documents indexed/ { print $3 }' "$LOG/kest.out")
-LOAD[kest]=$(mean_load "$LOG/kest.load")
+if step kest; then
+  drop_caches
+  : >"$LOG/kest.load"
+  sample_load "$LOG/kest.load" &
+  sampler=$!
+  "$ROOT/build/bench/indexer_bench" "$WORK" | tee "$LOG/kest.out"
+  kill "$sampler"
+  wait "$sampler" 2>/dev/null || true
+  T[kest]=$(awk '/^time / { print $2 }' "$LOG/kest.out")
+  RSS[kest]=$(awk '/^peak RSS indexer/ { print $4 * 1024 }' "$LOG/kest.out")
+  SIZE[kest]=$(du -sb "$WORK/@kestondri/index/src" | cut -f1)
+  DOCS[kest]=$(awk '/^documents indexed/ { print $3 }' "$LOG/kest.out")
+  LOAD[kest]=$(mean_load "$LOG/kest.load")
+fi
 
 # recollindex: a private configuration; everything else its defaults.
-rm -rf "$OUT/recoll"
-mkdir -p "$OUT/recoll"
-printf 'topdirs = %s\ndbdir = %s\n' "$TREE" "$OUT/recoll/xapiandb" >"$OUT/recoll/recoll.conf"
-RECOLL_CONFDIR="$OUT/recoll" run_peer recollindex "$OUT/recoll/xapiandb" \
-  env RECOLL_CONFDIR="$OUT/recoll" recollindex -z
+if step recollindex; then
+  rm -rf "$OUT/recoll"
+  mkdir -p "$OUT/recoll"
+  printf 'topdirs = %s\ndbdir = %s\n' "$TREE" "$OUT/recoll/xapiandb" >"$OUT/recoll/recoll.conf"
+  run_peer recollindex "$OUT/recoll/xapiandb" env RECOLL_CONFDIR="$OUT/recoll" recollindex -z
+fi
 
 # omindex: default options (one process; stores a sample of each file).
-rm -rf "$OUT/omindex"
-run_peer omindex "$OUT/omindex" omindex --db "$OUT/omindex" --url / "$TREE"
+if step omindex; then
+  rm -rf "$OUT/omindex"
+  run_peer omindex "$OUT/omindex" omindex --db "$OUT/omindex" --url / "$TREE"
+fi
+if step omindex-text; then
+  rm -rf "$OUT/omindex-text"
+  as_text=()
+  for ext in c h S sh py json rst dts dtsi; do as_text+=("--mime-type=$ext:text/plain"); done
+  run_peer omindex-text "$OUT/omindex-text" \
+    omindex "${as_text[@]}" --db "$OUT/omindex-text" --url / "$TREE"
+fi
 
 echo
 printf '%-12s %9s %8s %7s %10s %10s %9s %6s\n' indexer "time s" files/s MB/s "peak MiB" "index GB" documents load
-for name in kest recollindex omindex; do
+for name in kest recollindex omindex omindex-text; do
+  step "$name" || continue
   awk -v n="$name" -v t="${T[$name]}" -v f="$files" -v b="$bytes" -v r="${RSS[$name]}" \
     -v s="${SIZE[$name]}" -v d="${DOCS[$name]}" -v l="${LOAD[$name]}" 'BEGIN {
     printf "%-12s %9.1f %8.0f %7.2f %10.0f %10.2f %9s %6s\n",
            n, t, f / t, b / 1e6 / t, r / 1024, s / 1e9, d, l }'
 done
+step kest && step recollindex || exit 0
 awk -v k="${T[kest]}" -v r="${T[recollindex]}" -v kr="${RSS[kest]}" -v ks="${SIZE[kest]}" \
   -v rs="${SIZE[recollindex]}" 'BEGIN {
   printf "\nfiles/s against recollindex: %.1fx (target 2x)\n", r / k
