@@ -3,7 +3,7 @@
 // connections. Prints one Markdown table row per run: requests/s, p50 and
 // p99 latency, and the peak RSS of the master and of any worker seen.
 //
-//   webapi_server_bench [seconds-per-run [connections,...]]
+//   webapi_server_bench [seconds-per-run [connections,... [target-name-part]]]
 //
 // KEST_BENCH_MAX_WORKERS=N sets the server's max_workers;
 // KEST_BENCH_NSS_FILES=1 limits the sandbox's name services to files.
@@ -208,7 +208,9 @@ int main(int argc, char** argv) {
        {{"api", folder}, {"method", "get"}, {"version", "1"}}},
   };
   std::vector<Target> targets;
+  const std::string only = argc > 3 ? argv[3] : "";
   for (const auto& target : candidates) {
+    if (target.name.find(only) == std::string::npos) continue;
     const kesttest::HttpReply reply = kesttest::CallApi(target.fields, carol.sid);
     const int code = ErrorCode(reply);
     // A method not served yet (code 103) is left out and named.

@@ -87,9 +87,11 @@ std::string ExpiredSessionCookie() {
 // What became of a job: the worker's answer, or the server's own error code.
 struct Outcome {
   bool answered = false;
-  std::string text;  // the worker's answer, JSON text
-  int code = 0;      // the answer's code, or the server's error code
-  int admin = -1;    // the administrator flag when the worker looked it up
+  std::string text;           // the worker's answer, JSON text
+  int code = 0;               // the answer's code, or the server's error code
+  int admin = -1;             // the administrator flag when the worker looked it up
+  bool has_identity = false;  // with it, the user's identity, when found
+  KLIBUserIdentity identity{};
 };
 
 class Connection;
@@ -619,14 +621,20 @@ void ServerImpl::HandleApi(const std::shared_ptr<Connection>& connection,
   job.label = api.asString() + "/" + method.asString();
   const auto now = Clock::now();
   const bool recheck =
-      now - session->admin_checked >= std::chrono::seconds(config_.admin_recheck_interval);
+      now - session->looked_up >= std::chrono::seconds(config_.admin_recheck_interval);
   const int known_admin = recheck ? -1 : (session->is_admin ? 1 : 0);
+  std::optional<KLIBUserIdentity> identity;
+  if (!recheck && session->has_identity) identity = session->identity;
   job.work = [route, params, user = session->user, uid = session->uid, id = session->id,
-              known_admin]() {
-    return RunModuleRequest(route, params, user, uid, id, known_admin);
+              known_admin, identity]() {
+    return RunModuleRequest(route, params, user, uid, id, known_admin,
+                            identity ? &*identity : nullptr);
   };
   job.on_outcome = [this, connection, id = session->id](Outcome outcome) {
-    if (outcome.admin >= 0) sessions_.SetAdmin(id, outcome.admin == 1, Clock::now());
+    if (outcome.admin >= 0) {
+      sessions_.SetLookup(id, outcome.admin == 1,
+                          outcome.has_identity ? &outcome.identity : nullptr, Clock::now());
+    }
     if (outcome.answered) {
       connection->SendText(http::status::ok, std::move(outcome.text), outcome.code);
     } else {
@@ -719,8 +727,17 @@ void ServerImpl::Login(const std::shared_ptr<Connection>& connection, const Json
     Json::Value data(Json::objectValue);
     std::vector<std::string> cookies;
     try {
-      const Session& session =
-          sessions_.Create(user, uid, answer["is_admin"].asBool(), Clock::now());
+      // A login answer without groups (the user vanished after PAM) leaves
+      // the identity to the workers' own lookups.
+      KLIBUserIdentity identity;
+      const bool has_identity = answer["groups"].isArray() && !answer["groups"].empty();
+      if (has_identity) {
+        identity.uid = uid;
+        identity.gid = answer["gid"].asUInt();
+        for (const Json::Value& gid : answer["groups"]) identity.groups.push_back(gid.asUInt());
+      }
+      const Session& session = sessions_.Create(user, uid, answer["is_admin"].asBool(),
+                                                has_identity ? &identity : nullptr, Clock::now());
       data["sid"] = session.id;
       data["csrf_token"] = session.csrf_token;
       cookies.push_back(SessionCookie(session.id));
@@ -826,6 +843,8 @@ bool ServerImpl::ReadAnswer(const std::shared_ptr<Worker>& worker) {
     if (!DecodeAnswer(frame, &header, &outcome.text)) break;
     outcome.code = header.code;
     outcome.admin = header.admin;
+    outcome.has_identity = header.has_identity;
+    outcome.identity = std::move(header.identity);
     worker->pipe_done = true;
     Finish(worker, std::move(outcome));
     return true;

@@ -35,7 +35,7 @@ bool TokensEqual(const std::string& a, const std::string& b) {
 }
 
 const Session& SessionStore::Create(const std::string& user, uid_t uid, bool is_admin,
-                                    Clock::time_point now) {
+                                    const KLIBUserIdentity* identity, Clock::time_point now) {
   if (sessions_.size() >= max_sessions_) Sweep(now);
   if (sessions_.size() >= max_sessions_) {
     auto oldest = sessions_.begin();
@@ -49,11 +49,11 @@ const Session& SessionStore::Create(const std::string& user, uid_t uid, bool is_
   session.csrf_token = RandomToken();
   session.user = user;
   session.uid = uid;
-  session.is_admin = is_admin;
-  session.admin_checked = now;
   session.last_used = now;
   const std::string id = session.id;
-  return sessions_[id] = std::move(session);
+  Session& stored = sessions_[id] = std::move(session);
+  Record(&stored, is_admin, identity, now);
+  return stored;
 }
 
 const Session* SessionStore::Find(const std::string& id, Clock::time_point now) {
@@ -67,11 +67,19 @@ const Session* SessionStore::Find(const std::string& id, Clock::time_point now) 
   return &it->second;
 }
 
-void SessionStore::SetAdmin(const std::string& id, bool is_admin, Clock::time_point now) {
+void SessionStore::SetLookup(const std::string& id, bool is_admin, const KLIBUserIdentity* identity,
+                             Clock::time_point now) {
   const auto it = sessions_.find(id);
-  if (it == sessions_.end()) return;
-  it->second.is_admin = is_admin;
-  it->second.admin_checked = now;
+  if (it != sessions_.end()) Record(&it->second, is_admin, identity, now);
+}
+
+void SessionStore::Record(Session* session, bool is_admin, const KLIBUserIdentity* identity,
+                          Clock::time_point now) {
+  session->is_admin = is_admin;
+  session->has_identity = identity != nullptr;
+  session->identity = identity ? *identity : KLIBUserIdentity();
+  session->identity.name = session->user;
+  session->looked_up = now;
 }
 
 bool SessionStore::Remove(const std::string& id) { return sessions_.erase(id) > 0; }

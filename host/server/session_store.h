@@ -13,6 +13,8 @@
 #include <string>
 #include <unordered_map>
 
+#include "kest/klib.h"
+
 namespace kestondri {
 namespace host {
 
@@ -21,8 +23,13 @@ struct Session {
   std::string csrf_token;
   std::string user;  // login user name
   uid_t uid = 0;
-  bool is_admin = false;  // member of the administrators group when last looked up
-  std::chrono::steady_clock::time_point admin_checked;
+  // The login user as last looked up: the administrator flag and, when the
+  // user was found, the ids and groups that workers hand to the platform
+  // instead of asking the name services again.
+  bool is_admin = false;
+  bool has_identity = false;
+  KLIBUserIdentity identity;
+  std::chrono::steady_clock::time_point looked_up;
   std::chrono::steady_clock::time_point last_used;
 };
 
@@ -41,9 +48,12 @@ class SessionStore {
       : idle_timeout_(idle_timeout), max_sessions_(max_sessions) {}
 
   // A new session for the user. Throws what RandomToken() throws.
-  const Session& Create(const std::string& user, uid_t uid, bool is_admin, Clock::time_point now);
-  // Records a fresh administrator lookup; nothing when the session is gone.
-  void SetAdmin(const std::string& id, bool is_admin, Clock::time_point now);
+  // `identity` null: the user's identity is unknown.
+  const Session& Create(const std::string& user, uid_t uid, bool is_admin,
+                        const KLIBUserIdentity* identity, Clock::time_point now);
+  // Records a fresh lookup of the user; nothing when the session is gone.
+  void SetLookup(const std::string& id, bool is_admin, const KLIBUserIdentity* identity,
+                 Clock::time_point now);
   // The live session with that id, its idle clock restarted; null when
   // unknown or expired (an expired one is removed).
   const Session* Find(const std::string& id, Clock::time_point now);
@@ -54,6 +64,8 @@ class SessionStore {
   size_t size() const { return sessions_.size(); }
 
  private:
+  static void Record(Session* session, bool is_admin, const KLIBUserIdentity* identity,
+                     Clock::time_point now);
   bool Expired(const Session& session, Clock::time_point now) const {
     return now - session.last_used > idle_timeout_;
   }

@@ -36,25 +36,68 @@ int AnswerCode(const Json::Value& answer) {
 }
 
 std::string EncodeAnswer(const AnswerHeader& header, const std::string& text) {
-  return std::to_string(header.code) + " " + std::to_string(header.admin) + "\n" + text;
+  std::string line = std::to_string(header.code) + " " + std::to_string(header.admin);
+  if (header.admin >= 0 && header.has_identity) {
+    line += " " + std::to_string(header.identity.uid) + " " + std::to_string(header.identity.gid);
+    char separator = ' ';
+    for (gid_t gid : header.identity.groups) {
+      line += separator + std::to_string(gid);
+      separator = ',';
+    }
+  }
+  return line + "\n" + text;
 }
+
+namespace {
+
+// A decimal number in [min, max] at `*p`, which moves past it.
+bool ParseNumber(const char** p, long long min, long long max, long long* value) {
+  const char* start = *p;
+  if (*start != '-' && (*start < '0' || *start > '9')) return false;
+  char* end = nullptr;
+  errno = 0;
+  *value = strtoll(start, &end, 10);
+  if (end == start || errno != 0 || *value < min || *value > max) return false;
+  *p = end;
+  return true;
+}
+
+}  // namespace
 
 bool DecodeAnswer(const std::string& frame, AnswerHeader* header, std::string* text) {
   const size_t newline = frame.find('\n');
-  if (newline == std::string::npos || newline > 32) return false;
+  // A user in every group the kernel allows still fits.
+  if (newline == std::string::npos || newline > (1u << 20)) return false;
   const std::string line = frame.substr(0, newline);
-  if (line.empty() || (line[0] != '-' && (line[0] < '0' || line[0] > '9'))) return false;
   const char* p = line.c_str();
-  char* end = nullptr;
-  errno = 0;
-  const long code = strtol(p, &end, 10);
-  if (end == p || *end != ' ' || errno != 0 || code < INT_MIN || code > INT_MAX) return false;
-  p = end + 1;
-  if (*p != '-' && (*p < '0' || *p > '9')) return false;
-  const long admin = strtol(p, &end, 10);
-  if (end == p || *end != '\0' || admin < -1 || admin > 1) return false;
-  header->code = static_cast<int>(code);
-  header->admin = static_cast<int>(admin);
+  long long code, admin;
+  if (!ParseNumber(&p, INT_MIN, INT_MAX, &code) || *p++ != ' ' || !ParseNumber(&p, -1, 1, &admin)) {
+    return false;
+  }
+  AnswerHeader parsed;
+  parsed.code = static_cast<int>(code);
+  parsed.admin = static_cast<int>(admin);
+  if (*p == ' ' && admin >= 0) {
+    ++p;
+    long long uid, gid, group;
+    if (!ParseNumber(&p, 0, UINT_MAX - 1, &uid) || *p++ != ' ' ||
+        !ParseNumber(&p, 0, UINT_MAX - 1, &gid)) {
+      return false;
+    }
+    parsed.has_identity = true;
+    parsed.identity.uid = static_cast<uid_t>(uid);
+    parsed.identity.gid = static_cast<gid_t>(gid);
+    char separator = ' ';
+    while (*p == separator) {
+      ++p;
+      if (!ParseNumber(&p, 0, UINT_MAX - 1, &group)) return false;
+      parsed.identity.groups.push_back(static_cast<gid_t>(group));
+      separator = ',';
+    }
+    if (parsed.identity.groups.empty()) return false;
+  }
+  if (*p != '\0') return false;
+  *header = std::move(parsed);
   text->assign(frame, newline + 1, std::string::npos);
   return true;
 }

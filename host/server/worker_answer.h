@@ -1,14 +1,16 @@
 // The JSON answers of the web API, and what a worker sends back in its
 // frame: one header line, then the answer's JSON text. The header carries the answer's code (0 for
 // a success), so the master forwards the text as it is and still knows the code for its log without
-// parsing what may be megabytes, and the administrator flag when the worker looked it up afresh (-1
-// when it did not). Pure functions.
+// parsing what may be megabytes, and, when the worker looked them up afresh, the login user's
+// administrator flag and identity (ids and groups). Pure functions.
 #ifndef KESTONDRI_HOST_SERVER_WORKER_ANSWER_H_
 #define KESTONDRI_HOST_SERVER_WORKER_ANSWER_H_
 
 #include <json/json.h>
 
 #include <string>
+
+#include "kest/klib.h"
 
 namespace kestondri {
 namespace host {
@@ -25,6 +27,9 @@ int AnswerCode(const Json::Value& answer);
 struct AnswerHeader {
   int code = 0;
   int admin = -1;  // 1 or 0 when looked up by the worker, else -1
+  // Only with a looked-up flag, when the user was found; the name is not sent.
+  bool has_identity = false;
+  KLIBUserIdentity identity{};
 };
 
 std::string EncodeAnswer(const AnswerHeader& header, const std::string& text);

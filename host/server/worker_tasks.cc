@@ -36,15 +36,20 @@ Json::Value RunModuleRequestJson(const Route& route, Json::Value params, const s
 
 }  // namespace
 
-// The administrator lookup walks the name services and costs about as much
-// as the rest of a light request, so sessions reuse it for a while.
+// The user's group list walks every name service and costs more than the
+// rest of a light request, so sessions reuse a lookup for a while.
 std::string RunModuleRequest(const Route& route, Json::Value params, const std::string& user,
-                             uid_t uid, const std::string& sid, int known_admin) {
+                             uid_t uid, const std::string& sid, int known_admin,
+                             const KLIBUserIdentity* known_identity) {
   AnswerHeader header;
   bool admin = known_admin == 1;
   if (known_admin < 0) {
+    header.has_identity = KLIBUserIdentityGet(user, &header.identity);
+    if (header.has_identity) KLIBUserIdentityPrime(header.identity);
     admin = KLIBGroupIsAdminGroupMem(user.c_str(), 0) == 1;
     header.admin = admin ? 1 : 0;
+  } else if (known_identity) {
+    KLIBUserIdentityPrime(*known_identity);
   }
   const Json::Value answer = RunModuleRequestJson(route, std::move(params), user, uid, sid, admin);
   header.code = AnswerCode(answer);
@@ -59,6 +64,13 @@ std::string RunLogin(const std::string& service, const std::string& account,
   answer["user"] = result.user;
   answer["uid"] = static_cast<Json::UInt>(result.uid);
   answer["reason"] = result.reason;
+  KLIBUserIdentity identity;
+  if (result.ok && KLIBUserIdentityGet(result.user, &identity)) {
+    KLIBUserIdentityPrime(identity);
+    answer["gid"] = static_cast<Json::UInt>(identity.gid);
+    Json::Value& groups = answer["groups"] = Json::Value(Json::arrayValue);
+    for (gid_t gid : identity.groups) groups.append(static_cast<Json::UInt>(gid));
+  }
   answer["is_admin"] = result.ok && KLIBGroupIsAdminGroupMem(result.user.c_str(), 0) == 1;
   return EncodeAnswer(AnswerHeader(), Json::toString(answer));
 }

@@ -9,6 +9,7 @@
 
 #include <string>
 
+#include "kest/klib.h"
 #include "server/module_registry.h"
 
 namespace kestondri {
@@ -18,12 +19,16 @@ namespace host {
 // refusal is the whole answer) and then its handler. A route without a
 // handler answers 103 once its checker passed; an exception that escapes
 // the module, or a response left unset, answers 117. `known_admin` is the
-// session's administrator flag, or -1 to look it up (and report it).
+// session's administrator flag, or -1 to look the user up (and report the
+// flag and identity found); `known_identity`, when not null, is handed to
+// the platform so that the module's identity switch and group questions
+// about the user skip the name services.
 std::string RunModuleRequest(const Route& route, Json::Value params, const std::string& user,
-                             uid_t uid, const std::string& sid, int known_admin);
+                             uid_t uid, const std::string& sid, int known_admin,
+                             const KLIBUserIdentity* known_identity);
 
-// PAM, then the account's uid and administrator flag: an object
-// {"ok", "user", "uid", "is_admin", "reason"}.
+// PAM, then the account's uid, administrator flag and groups: an object
+// {"ok", "user", "uid", "is_admin", "reason"[, "gid", "groups"]}.
 std::string RunLogin(const std::string& service, const std::string& account,
                      const std::string& password, uid_t min_uid);
 

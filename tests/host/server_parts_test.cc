@@ -105,7 +105,7 @@ TEST(SessionStoreTest, IdsAreLongRandomAndDistinct) {
   std::set<std::string> seen;
   const auto now = Clock::now();
   for (int i = 0; i < 200; ++i) {
-    const Session& s = store.Create("ann", 2001, false, now);
+    const Session& s = store.Create("ann", 2001, false, nullptr, now);
     EXPECT_EQ(s.id.size(), 64u);  // 256 bits in hex
     EXPECT_EQ(s.id.find_first_not_of("0123456789abcdef"), std::string::npos);
     EXPECT_NE(s.id, s.csrf_token);
@@ -117,8 +117,8 @@ TEST(SessionStoreTest, IdsAreLongRandomAndDistinct) {
 TEST(SessionStoreTest, IdleSessionsExpireAndUseKeepsThemAlive) {
   SessionStore store(seconds(10), 100);
   const auto t0 = Clock::now();
-  const std::string used = store.Create("ann", 2001, false, t0).id;
-  const std::string idle = store.Create("bob", 2002, false, t0).id;
+  const std::string used = store.Create("ann", 2001, false, nullptr, t0).id;
+  const std::string idle = store.Create("bob", 2002, false, nullptr, t0).id;
   ASSERT_NE(store.Find(used, t0 + seconds(8)), nullptr);
   EXPECT_NE(store.Find(used, t0 + seconds(16)), nullptr);
   EXPECT_EQ(store.Find(idle, t0 + seconds(16)), nullptr);
@@ -131,10 +131,10 @@ TEST(SessionStoreTest, IdleSessionsExpireAndUseKeepsThemAlive) {
 TEST(SessionStoreTest, FullStoreDropsTheLeastRecentlyUsed) {
   SessionStore store(seconds(1000), 2);
   const auto t0 = Clock::now();
-  const std::string first = store.Create("ann", 2001, false, t0).id;
-  const std::string second = store.Create("bob", 2002, false, t0 + seconds(1)).id;
+  const std::string first = store.Create("ann", 2001, false, nullptr, t0).id;
+  const std::string second = store.Create("bob", 2002, false, nullptr, t0 + seconds(1)).id;
   ASSERT_NE(store.Find(first, t0 + seconds(2)), nullptr);
-  const std::string third = store.Create("dave", 2004, false, t0 + seconds(3)).id;
+  const std::string third = store.Create("dave", 2004, false, nullptr, t0 + seconds(3)).id;
   EXPECT_EQ(store.size(), 2u);
   EXPECT_NE(store.Find(first, t0 + seconds(4)), nullptr);
   EXPECT_EQ(store.Find(second, t0 + seconds(4)), nullptr);
@@ -248,21 +248,34 @@ TEST(WorkerFrameTest, FramesAreCompleteOnlyWithTheirWholeBody) {
   EXPECT_EQ(text, "");
 }
 
-TEST(WorkerAnswerTest, HeaderCarriesCodeAndAdminFlag) {
+TEST(WorkerAnswerTest, HeaderCarriesCodeAdminFlagAndIdentity) {
+  AnswerHeader looked_up{0, 1};
+  looked_up.has_identity = true;
+  looked_up.identity.uid = 2003;
+  looked_up.identity.gid = 2003;
+  looked_up.identity.groups = {2003, 2200, 4294967294u};
+  AnswerHeader not_found{0, 0};  // looked up, no such user
   for (const AnswerHeader& sent :
-       {AnswerHeader{0, -1}, AnswerHeader{120, 1}, AnswerHeader{-5, 0}}) {
-    const std::string frame = EncodeAnswer(sent, "{\"a\":\"x\ny\"}");
+       {AnswerHeader{0, -1}, AnswerHeader{120, 1}, AnswerHeader{-5, 0}, looked_up, not_found}) {
+    const std::string frame = EncodeAnswer(sent, "{\"a\":\"x\\ny\"}");
     AnswerHeader got;
     std::string text;
     ASSERT_TRUE(DecodeAnswer(frame, &got, &text)) << frame;
     EXPECT_EQ(got.code, sent.code);
     EXPECT_EQ(got.admin, sent.admin);
-    EXPECT_EQ(text, "{\"a\":\"x\ny\"}");
+    EXPECT_EQ(got.has_identity, sent.has_identity);
+    EXPECT_EQ(got.identity.uid, sent.identity.uid);
+    EXPECT_EQ(got.identity.gid, sent.identity.gid);
+    EXPECT_EQ(got.identity.groups, sent.identity.groups);
+    EXPECT_EQ(text, "{\"a\":\"x\\ny\"}");
   }
   AnswerHeader got;
   std::string text;
-  for (const char* bad :
-       {"", "{}", "0\n{}", "0 2\n{}", "x 0\n{}", "0 0 0\n{}", " 0 0\n", "99999999999 0\n{}"}) {
+  for (const char* bad : {"", "{}", "0\n{}", "0 2\n{}", "x 0\n{}", " 0 0\n", "99999999999 0\n{}",
+                          "0 0 0\n{}",       // ids without groups
+                          "0 -1 5 5 5\n{}",  // ids without a lookup
+                          "0 1 5 5 5,\n{}", "0 1 5 5 5,,6\n{}", "0 1 -5 5 5\n{}",
+                          "0 1 5 5 4294967296\n{}", "0 1 5 5 5 6\n{}"}) {
     EXPECT_FALSE(DecodeAnswer(bad, &got, &text)) << bad;
   }
 }

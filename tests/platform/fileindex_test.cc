@@ -416,6 +416,53 @@ TEST_F(FileIndexTest, PauseStateIsSharedAcrossProcesses) {
   EXPECT_EQ(1, seen);
 }
 
+// Readers answer from a snapshot of the store while no commit has happened
+// since it was taken; every commit, by any process, retires it.
+TEST_F(FileIndexTest, SnapshotServesReadsUntilTheNextCommit) {
+  const std::string snapshot = "/var/packages/KestOndri/var/fileindex/folders.snapshot";
+  Add("ann", R"([{"path": "/volume1/photo/ann"}])");
+  EXPECT_EQ(std::set<std::string>{"photo"}, FolderMgr().GetIndexedShares());
+  struct stat st;
+  ASSERT_EQ(0, stat(snapshot.c_str(), &st));
+  EXPECT_EQ(0600u, st.st_mode & 07777);
+  EXPECT_EQ(0u, st.st_uid);
+
+  // Proof that the snapshot is what answers: alter it behind the store's back.
+  Json::Value forged = ParseJson(ReadFile(snapshot));
+  ASSERT_TRUE(forged["rows"].isArray()) << ReadFile(snapshot);
+  forged["rows"][0][3] = "forged";
+  WriteFile(snapshot, Json::FastWriter().write(forged));
+  EXPECT_EQ(std::set<std::string>{"forged"}, FolderMgr().GetIndexedShares());
+
+  // A commit by another process retires it.
+  const pid_t child = fork();
+  if (child == 0) {
+    try {
+      FolderAdd(ParseJson(R"([{"path": "/volume1/docs/open"}])"), false);
+    } catch (...) {
+      _exit(1);
+    }
+    _exit(0);
+  }
+  int wstatus = 0;
+  ASSERT_EQ(child, waitpid(child, &wstatus, 0));
+  ASSERT_EQ(0, WEXITSTATUS(wstatus));
+  EXPECT_EQ((std::set<std::string>{"docs", "photo"}), FolderMgr().GetIndexedShares());
+
+  // A damaged snapshot is not used, and is replaced.
+  for (const char* damaged : {"", "{", "[]", R"({"stamp": 1, "rows": [], "pause": []})"}) {
+    WriteFile(snapshot, damaged);
+    EXPECT_EQ((std::set<std::string>{"docs", "photo"}), FolderMgr().GetIndexedShares()) << damaged;
+    EXPECT_TRUE(ParseJson(ReadFile(snapshot))["rows"].isArray()) << damaged;
+  }
+
+  // A new database never inherits the snapshot of the one it replaces.
+  ASSERT_EQ(0, unlink("/var/packages/KestOndri/var/fileindex/folders.db"));
+  Add("bob", R"([{"path": "/volume1/photo/shared"}])");
+  std::vector<std::string> paths = ListedPaths("root");
+  EXPECT_EQ(std::vector<std::string>{"/volume1/photo/shared"}, paths);
+}
+
 TEST(FileIndexNamesTest, ShareNamesAndIndexIds) {
   WriteSharesConf("[photo]\npath = /volume1/photo\n");
   std::string name = "x", path = "y";

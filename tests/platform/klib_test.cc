@@ -252,6 +252,32 @@ TEST_F(KlibIdentityTest, UnknownUserLeavesTheIdentity) {
   EXPECT_EQ(kBobUid, geteuid());
 }
 
+// A primed identity answers for its user only, in every question the library
+// asks about groups, while KLIBUserIdentityGet still asks the name services.
+TEST_F(KlibIdentityTest, PrimedIdentityAnswersForItsUserOnly) {
+  KLIBUserIdentity dave;
+  ASSERT_TRUE(KLIBUserIdentityGet("dave", &dave));
+  EXPECT_EQ((std::vector<gid_t>{kDaveUid}), dave.groups);
+  // As if dave had been made an administrator since the name services were
+  // asked; the list is given without its primary group on purpose.
+  KLIBUserIdentity primed = dave;
+  primed.groups = {kAdministratorsGid};
+  KLIBUserIdentityPrime(primed);
+
+  ASSERT_TRUE(ResetCredentialsByName("dave", true));
+  EXPECT_EQ((std::vector<gid_t>{kDaveUid, kAdministratorsGid}), Groups());
+  EXPECT_EQ(1, KLIBGroupIsAdminGroupMem("dave", 0));
+  EXPECT_EQ(0, KLIBGroupIsAdminGroupMem("ann", 0));
+  KLIBUserIdentity fresh;
+  ASSERT_TRUE(KLIBUserIdentityGet("dave", &fresh));
+  EXPECT_EQ(dave.groups, fresh.groups);
+  ASSERT_TRUE(ResetCredentialsByName("ann", true));
+  EXPECT_EQ((std::vector<gid_t>{kAnnUid, kStaffGid}), Groups());
+
+  KLIBUserIdentityPrime(KLIBUserIdentity());
+  EXPECT_EQ(0, KLIBGroupIsAdminGroupMem("dave", 0));
+}
+
 // Callers log errno as the cause of their next failure: a call that did not
 // fail on a system call leaves it as it was.
 TEST(KlibErrnoTest, CallsWithoutSystemFailureLeaveErrnoAlone) {

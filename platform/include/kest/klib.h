@@ -20,6 +20,7 @@
 
 #ifdef __cplusplus
 #include <string>
+#include <vector>
 extern "C" {
 #endif
 
@@ -249,6 +250,23 @@ int FILEIDXGetIndexID(const char* szShareName, char* szOut, size_t cbOut);
 // later. `with_groups` false keeps the supplementary groups. True when the
 // effective uid and gid now are the user's.
 bool ResetCredentialsByName(const std::string& user_name, bool with_groups = true);
+
+// A user's identity as the name services give it.
+struct KLIBUserIdentity {
+  std::string name;
+  uid_t uid = 0;
+  gid_t gid = 0;              // the primary group
+  std::vector<gid_t> groups;  // every group of the user, the primary one first
+};
+// Asks the name services, never a primed identity. False (KLIB_ERR_USER_NOT_FOUND)
+// for an unknown user.
+bool KLIBUserIdentityGet(const std::string& user_name, KLIBUserIdentity* identity);
+// From now on this process answers every question about `identity.name` (its
+// ids, its groups, the identity switch) from `identity` instead of the name
+// services; one user at a time, an empty name forgets it. For a short-lived
+// process that serves one user, handed an identity looked up shortly before
+// by a process it trusts: group changes reach it only through a new one.
+void KLIBUserIdentityPrime(const KLIBUserIdentity& identity);
 #endif
 
 #endif  // KEST_KLIB_H_

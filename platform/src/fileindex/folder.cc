@@ -29,6 +29,7 @@
 #include "kestondri/fileindex.h"
 #include "privilege.h"
 #include "queue.h"
+#include "snapshot.h"
 #include "store.h"
 
 namespace kestondri {
@@ -265,11 +266,8 @@ Json::Value EntryJson(const FolderRow& row) {
   return entry;
 }
 
-bool GloballyPaused(Store& store) {
-  bool paused;
-  int64_t until, changed;
-  store.GetPause(&paused, &until, &changed);
-  return paused && (until == 0 || until > time(nullptr));
+bool GloballyPaused(const StoreContents& contents) {
+  return contents.paused && (contents.until == 0 || contents.until > time(nullptr));
 }
 
 // The rows the caller can read, read from the store with privilege and
@@ -278,8 +276,7 @@ std::vector<FolderRow> VisibleRows(const Caller& caller) {
   std::vector<FolderRow> rows;
   {
     PrivilegeScope privilege;
-    Store store;
-    rows = store.All();
+    rows = ReadStoreContents().rows;
   }
   std::vector<FolderRow> visible;
   for (auto& row : rows) {
@@ -366,7 +363,7 @@ void FolderAdd(const Json::Value& folders, bool replace) {
   }
 
   PrivilegeScope privilege;
-  Store store;
+  Store& store = Store::Shared();
   Store::Transaction transaction(store);
   QueueBatch batch;
   for (const auto& row : rows) {
@@ -405,7 +402,7 @@ void FolderSet(const Json::Value& folders, bool replace) {
   const auto readable = ReadableMap(caller, paths);
 
   PrivilegeScope privilege;
-  Store store;
+  Store& store = Store::Shared();
   Store::Transaction transaction(store);
   QueueBatch batch;
   for (Json::ArrayIndex i = 0; i < folders.size(); ++i) {
@@ -442,18 +439,23 @@ void FolderGet(Json::Value& output, const std::string& path) {
   ShareInfo share;
   FolderRow row;
   bool found = false;
+  bool globally_paused = false;
   {
     PrivilegeScope privilege;
-    Store store;
-    found = store.Get(canonical, &row);
+    const StoreContents contents = ReadStoreContents();
+    for (const FolderRow& candidate : contents.rows) {
+      if (candidate.path != canonical) continue;
+      row = candidate;
+      found = true;
+    }
+    globally_paused = GloballyPaused(contents);
   }
   if (!found || !Readable(caller, row.path, row.share))
     BadInput("not an indexed folder: " + canonical);
   Json::Value entry = EntryJson(row);
   PrivilegeScope privilege;
-  Store store;
   std::map<std::string, std::vector<QueueEntry>> queues;
-  entry["additional"]["status"] = FolderStatus(row, GloballyPaused(store), &queues);
+  entry["additional"]["status"] = FolderStatus(row, globally_paused, &queues);
   output = entry;
 }
 
@@ -462,7 +464,7 @@ void FolderDelete(const Json::Value& paths) {
   const Caller caller = CurrentCaller();
   const auto readable = ReadableMap(caller, list);
   PrivilegeScope privilege;
-  Store store;
+  Store& store = Store::Shared();
   Store::Transaction transaction(store);
   QueueBatch batch;
   for (const auto& path : list) {
@@ -481,7 +483,7 @@ void FolderDelete(const std::string& owner) {
     throw Error(kErrNoPermission, "only an administrator may delete the folders of " + owner);
   }
   PrivilegeScope privilege;
-  Store store;
+  Store& store = Store::Shared();
   Store::Transaction transaction(store);
   QueueBatch batch;
   int deleted = 0;
@@ -560,8 +562,7 @@ void FolderList(Json::Value& output, uint64_t offset, uint64_t limit, const std:
   bool globally_paused = false;
   if (with_status) {
     PrivilegeScope privilege;
-    Store store;
-    globally_paused = GloballyPaused(store);
+    globally_paused = GloballyPaused(ReadStoreContents());
   }
   std::map<std::string, std::vector<QueueEntry>> queues;
   for (uint64_t i = offset; i < rows.size() && i - offset < limit; ++i) {
@@ -624,8 +625,7 @@ void FolderSummary(Json::Value& output) {
   summary["types"]["document"] = Json::Int64(document);
   {
     PrivilegeScope privilege;
-    Store store;
-    summary["indexing_paused"] = GloballyPaused(store);
+    summary["indexing_paused"] = GloballyPaused(ReadStoreContents());
   }
   output = summary;
 }
@@ -635,7 +635,7 @@ void FolderReindex(const Json::Value& paths) {
   const Caller caller = CurrentCaller();
   const auto readable = ReadableMap(caller, list);
   PrivilegeScope privilege;
-  Store store;
+  Store& store = Store::Shared();
   QueueBatch batch;
   for (const auto& path : list) {
     ChangeableRow(store, caller, path, readable);

@@ -8,6 +8,7 @@
 #include "kest/klib.h"
 #include "kestondri/fileindex.h"
 #include "privilege.h"
+#include "snapshot.h"
 #include "store.h"
 
 namespace kestondri {
@@ -23,9 +24,8 @@ FolderMgr::FolderMgr() = default;
 
 std::set<std::string> FolderMgr::GetIndexedShares() const {
   PrivilegeScope privilege;
-  Store store;
   std::set<std::string> shares;
-  for (const auto& row : store.All()) shares.insert(row.share);
+  for (const auto& row : ReadStoreContents().rows) shares.insert(row.share);
   return shares;
 }
 
@@ -33,20 +33,17 @@ StatusMgr::StatusMgr() = default;
 
 int64_t StatusMgr::GetPauseInfo() const {
   PrivilegeScope privilege;
-  Store store;
-  bool paused;
-  int64_t until, changed;
-  store.GetPause(&paused, &until, &changed);
-  if (!paused) return kNotPaused;
+  const StoreContents contents = ReadStoreContents();
+  if (!contents.paused) return kNotPaused;
   // A timed pause that has run out answers its end, which is in the past.
-  return until;
+  return contents.until;
 }
 
 void StatusMgr::Pause(int length) {
   if (geteuid() != 0) throw Error(kErrNoPermission, "only an administrator may pause indexing");
   const int64_t now = time(nullptr);
   PrivilegeScope privilege;
-  Store store;
+  Store& store = Store::Shared();
   Store::Transaction transaction(store);
   store.SetPause(true, length > 0 ? now + length : 0, now);
   transaction.Commit();
@@ -55,7 +52,7 @@ void StatusMgr::Pause(int length) {
 void StatusMgr::Resume() {
   if (geteuid() != 0) throw Error(kErrNoPermission, "only an administrator may resume indexing");
   PrivilegeScope privilege;
-  Store store;
+  Store& store = Store::Shared();
   Store::Transaction transaction(store);
   store.SetPause(false, 0, time(nullptr));
   transaction.Commit();

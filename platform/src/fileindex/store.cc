@@ -7,6 +7,7 @@
 #include <memory>
 
 #include "common/error.h"
+#include "snapshot.h"
 
 namespace kestondri {
 namespace fileindex {
@@ -97,6 +98,8 @@ Store::Store() : db_(nullptr) {
       }
     }
     if (SchemaVersion() != kSchemaVersion) {
+      // A new database: whatever snapshot lies beside it describes another.
+      unlink(kSnapshotPath);
       Exec(kSchema);
       Exec(("PRAGMA user_version = " + std::to_string(kSchemaVersion)).c_str());
     }
@@ -104,6 +107,32 @@ Store::Store() : db_(nullptr) {
     sqlite3_close_v2(db_);
     throw;
   }
+}
+
+Store& Store::Shared() {
+  struct Cached {
+    std::unique_ptr<Store> store;
+    pid_t pid = 0;
+    dev_t dev = 0;
+    ino_t ino = 0;
+  };
+  thread_local Cached cached;
+  struct stat st;
+  const bool present = stat(kStorePath, &st) == 0;
+  const pid_t pid = getpid();
+  if (cached.store && cached.pid == pid && present && st.st_dev == cached.dev &&
+      st.st_ino == cached.ino) {
+    return *cached.store;
+  }
+  // A parent's connection is left untouched, not even closed: SQLite's
+  // closing would act on the file (its journal) for a connection whose
+  // transaction, if any, belongs to the parent.
+  if (cached.pid != pid) (void)cached.store.release();
+  cached.store.reset();
+  auto store = std::make_unique<Store>();
+  if (stat(kStorePath, &st) != 0) throw Error(kErrPlatform, "folder store vanished while opened");
+  cached = Cached{std::move(store), pid, st.st_dev, st.st_ino};
+  return *cached.store;
 }
 
 Store::~Store() { sqlite3_close_v2(db_); }

@@ -4,6 +4,10 @@
 // under a PrivilegeScope. A Store is one connection of one thread; many
 // processes may use the database at once (SQLite's locking, with a busy
 // timeout). Failures throw Error 502.
+//
+// Callers take the thread's connection from Shared() rather than opening
+// their own: a request asks the store several times, and opening (which
+// reads the schema anew) costs more than a question.
 #ifndef KESTONDRI_FILEINDEX_STORE_H_
 #define KESTONDRI_FILEINDEX_STORE_H_
 
@@ -34,6 +38,12 @@ struct FolderRow {
 
 class Store {
  public:
+  // This thread's connection, opened on first use and kept. Opened again
+  // when the file was removed or replaced since, and in a forked child,
+  // which must never use its parent's connection. Must be called under a
+  // PrivilegeScope, like every use; throws as the constructor does.
+  static Store& Shared();
+
   Store();
   ~Store();
   Store(const Store&) = delete;

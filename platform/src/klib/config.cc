@@ -5,9 +5,7 @@
 // an unknown key, a bad value or a duplicate is an error naming the line.
 #include "config.h"
 
-#include <grp.h>
 #include <ini.h>
-#include <pwd.h>
 #include <strings.h>
 #include <sys/stat.h>
 #include <syslog.h>
@@ -23,6 +21,7 @@
 #include <sstream>
 
 #include "kest/klib.h"
+#include "name_service.h"
 
 namespace kest {
 namespace klib {
@@ -400,56 +399,22 @@ std::shared_ptr<const Config> LoadConfig() { return Load(false); }
 std::shared_ptr<const Config> LoadGlobalConfig() { return Load(true); }
 
 bool UserId(const std::string& name, uid_t* uid) {
-  if (name.empty()) return false;
-  std::vector<char> buffer(4096);
-  passwd pw{};
-  passwd* result = nullptr;
-  int rc;
-  while ((rc = getpwnam_r(name.c_str(), &pw, buffer.data(), buffer.size(), &result)) == ERANGE) {
-    buffer.resize(buffer.size() * 2);
-  }
-  if (rc != 0 || !result) return false;
-  *uid = pw.pw_uid;
+  KLIBUserIdentity identity;
+  if (!LookupUser(name, &identity, false)) return false;
+  *uid = identity.uid;
   return true;
 }
 
 bool UserIds(const std::string& name, uid_t* uid, std::vector<gid_t>* groups) {
-  if (name.empty()) return false;
-  std::vector<char> buffer(4096);
-  passwd pw{};
-  passwd* result = nullptr;
-  int rc;
-  while ((rc = getpwnam_r(name.c_str(), &pw, buffer.data(), buffer.size(), &result)) == ERANGE) {
-    buffer.resize(buffer.size() * 2);
-  }
-  if (rc != 0 || !result) return false;
-  *uid = pw.pw_uid;
-  const gid_t primary = pw.pw_gid;
-  int count = 32;
-  groups->assign(count, 0);
-  while (getgrouplist(name.c_str(), primary, groups->data(), &count) < 0) {
-    groups->assign(count + 32, 0);
-    count = static_cast<int>(groups->size());
-  }
-  groups->resize(count);
-  groups->erase(std::remove(groups->begin(), groups->end(), primary), groups->end());
-  groups->insert(groups->begin(), primary);
+  KLIBUserIdentity identity;
+  if (!LookupUser(name, &identity, true)) return false;
+  *uid = identity.uid;
+  *groups = std::move(identity.groups);
   return true;
 }
 
 bool GroupIdByName(const std::string& name, gid_t* gid) {
-  if (name.empty()) return false;
-  std::vector<char> buffer(4096);
-  group gr{};
-  group* result = nullptr;
-  int rc;
-  while ((rc = getgrnam_r(name.c_str(), &gr, buffer.data(), buffer.size(), &result)) == ERANGE) {
-    buffer.resize(buffer.size() * 2);
-  }
-  if (rc == 0 && result) {
-    *gid = gr.gr_gid;
-    return true;
-  }
+  if (LookupGroupId(name, gid)) return true;
   // A gid without a name travels as its number (see KLIBGroupInfoListGet).
   if (std::all_of(name.begin(), name.end(),
                   [](char c) { return isdigit(static_cast<unsigned char>(c)); }) &&

@@ -1,8 +1,4 @@
 // Groups from the system's group database (NSS).
-#include <grp.h>
-#include <pwd.h>
-#include <string.h>
-
 #include <algorithm>
 #include <string>
 #include <vector>
@@ -10,67 +6,18 @@
 #include "config.h"
 #include "errno_keeper.h"
 #include "kest/klib.h"
+#include "name_service.h"
 
 namespace {
 
-bool LookupUser(const char* name, uid_t* uid, gid_t* gid) {
-  std::vector<char> buffer(4096);
-  passwd pw{};
-  passwd* result = nullptr;
-  int rc;
-  while ((rc = getpwnam_r(name, &pw, buffer.data(), buffer.size(), &result)) == ERANGE) {
-    buffer.resize(buffer.size() * 2);
-  }
-  if (rc != 0 || !result) return false;
-  *uid = pw.pw_uid;
-  *gid = pw.pw_gid;
-  return true;
-}
-
 // The user's groups, primary group first.
 bool UserGroups(const char* name, std::vector<gid_t>* groups) {
-  uid_t uid;
-  gid_t primary;
-  if (!name || !*name || !LookupUser(name, &uid, &primary)) {
+  KLIBUserIdentity identity;
+  if (!name || !kest::klib::LookupUser(name, &identity, true)) {
     KLIBCErrSet(KLIB_ERR_USER_NOT_FOUND);
     return false;
   }
-  int count = 32;
-  groups->resize(count);
-  while (getgrouplist(name, primary, groups->data(), &count) < 0) {
-    groups->resize(count + 32);
-    count = static_cast<int>(groups->size());
-  }
-  groups->resize(count);
-  auto it = std::find(groups->begin(), groups->end(), primary);
-  if (it != groups->end()) groups->erase(it);
-  groups->insert(groups->begin(), primary);
-  return true;
-}
-
-bool GroupName(gid_t gid, std::string* name) {
-  std::vector<char> buffer(4096);
-  group gr{};
-  group* result = nullptr;
-  int rc;
-  while ((rc = getgrgid_r(gid, &gr, buffer.data(), buffer.size(), &result)) == ERANGE) {
-    buffer.resize(buffer.size() * 2);
-  }
-  if (rc != 0 || !result) return false;
-  *name = gr.gr_name;
-  return true;
-}
-
-bool GroupId(const char* name, gid_t* gid) {
-  std::vector<char> buffer(4096);
-  group gr{};
-  group* result = nullptr;
-  int rc;
-  while ((rc = getgrnam_r(name, &gr, buffer.data(), buffer.size(), &result)) == ERANGE) {
-    buffer.resize(buffer.size() * 2);
-  }
-  if (rc != 0 || !result) return false;
-  *gid = gr.gr_gid;
+  *groups = std::move(identity.groups);
   return true;
 }
 
@@ -91,7 +38,7 @@ extern "C" int KLIBGroupIsAdminGroupMem(const char* szUserName, int /*flags*/) {
   auto config = kest::klib::LoadGlobalConfig();
   if (!config) return -1;
   gid_t admin_gid;
-  if (!GroupId(config->admin_group.c_str(), &admin_gid))
+  if (!kest::klib::LookupGroupId(config->admin_group, &admin_gid))
     return 0;  // no such group: nobody is in it
   std::vector<gid_t> groups;
   if (!UserGroups(szUserName, &groups)) return -1;
@@ -109,7 +56,7 @@ extern "C" PKLIBCSZLIST KLIBGroupInfoListGet(const char* szUserName, BOOL bWithP
     std::string name;
     // A gid without a name in the group database still counts for
     // permissions: keep it as its number.
-    if (!GroupName(gid, &name)) name = std::to_string(gid);
+    if (!kest::klib::LookupGroupName(gid, &name)) name = std::to_string(gid);
     if (KLIBCSzListPush(&list, name.c_str()) < 0) {
       KLIBCSzListFree(list);
       return nullptr;
