@@ -260,8 +260,15 @@ size_t IndexerService::ProcessShare(const std::string& share_path) {
     syslog(LOG_ERR, "index: cannot update the queue of %s: %s", share_path.c_str(), e.what());
   }
   auto index = indices_.find(share_path);
-  if (index != indices_.end() && index->second->rebuilding() && !queue.HasWork()) {
-    index->second->EndRebuild();
+  if (index != indices_.end() && !queue.HasWork()) {
+    try {
+      index->second->ForgetAllReindexes();
+      index->second->Commit();
+    } catch (const Xapian::Error& e) {
+      syslog(LOG_ERR, "index: %s: %s", index->second->db_path().c_str(),
+             e.get_description().c_str());
+    }
+    if (index->second->rebuilding()) index->second->EndRebuild();
   }
   return done.size();
 }

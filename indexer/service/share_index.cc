@@ -32,8 +32,9 @@ struct Known {
 };
 
 // The metadata key that holds when a reindex of `path` began.
+constexpr char kReindexKeyPrefix[] = "kestondri:reindex:";
 std::string ReindexKey(const std::string& path) {
-  return index::ExactTerm("kestondri:reindex:", path);
+  return index::ExactTerm(kReindexKeyPrefix, path);
 }
 
 // Microseconds since the epoch: a double holds them exactly for ages.
@@ -178,6 +179,19 @@ void ShareIndex::ForgetReindex(const std::string& path) {
   if (!db_ || db_->get_metadata(ReindexKey(path)).empty()) return;
   db_->set_metadata(ReindexKey(path), "");
   Changed();
+}
+
+void ShareIndex::ForgetAllReindexes() {
+  if (!db_) return;
+  std::vector<std::string> keys;
+  for (auto k = db_->metadata_keys_begin(kReindexKeyPrefix);
+       k != db_->metadata_keys_end(kReindexKeyPrefix); ++k) {
+    keys.push_back(*k);
+  }
+  for (const auto& key : keys) {
+    db_->set_metadata(key, "");
+    Changed();
+  }
 }
 
 SyncResult ShareIndex::Sync(const std::string& path, SyncMode mode, const FolderTable& folders,

@@ -84,6 +84,10 @@ class ShareIndex {
 
   // Forgets an unfinished reindex of `path` (its folder left the index).
   void ForgetReindex(const std::string& path);
+  // Forgets every unfinished reindex: called when the share's queue is
+  // empty, where none can be waiting (a queue file removed by hand, say).
+  // A reindex asked for later then starts afresh.
+  void ForgetAllReindexes();
 
   // Commits when the policy says so, or now.
   void CommitIfDue();

@@ -132,14 +132,16 @@ TEST_F(ShareIndexTest, AReindexRewritesUnchangedFilesAndDropsVanishedOnes) {
 }
 
 TEST_F(ShareIndexTest, AnInterruptedReindexGoesOnWhereItStopped) {
+  enum Forget { kKeep, kForgetFolder, kForgetAll };
   const struct {
     const char* name;
-    bool restart;  // the indexer restarted between the two parts
-    bool forget;   // the folder left the index meanwhile: start afresh
+    bool restart;   // the indexer restarted between the two parts
+    Forget forget;  // the folder left the index, or the queue emptied: start afresh
   } cases[] = {
-      {"resumed", false, false},
-      {"after a restart", true, false},
-      {"forgotten", false, true},
+      {"resumed", false, kKeep},
+      {"after a restart", true, kKeep},
+      {"the folder left the index", false, kForgetFolder},
+      {"the queue emptied", false, kForgetAll},
   };
   for (const auto& c : cases) {
     SCOPED_TRACE(c.name);
@@ -161,14 +163,13 @@ TEST_F(ShareIndexTest, AnInterruptedReindexGoesOnWhereItStopped) {
     for (const auto& d : done) MakeStale(d.first, true);
 
     if (c.restart) Reopen();
-    if (c.forget) {
-      index_->ForgetReindex(kFolder);
-      index_->Commit();
-    }
+    if (c.forget == kForgetFolder) index_->ForgetReindex(kFolder);
+    if (c.forget == kForgetAll) index_->ForgetAllReindexes();
+    index_->Commit();
     ASSERT_TRUE(Sync(SyncMode::kReindex).completed);
     texts = Texts();
     for (const auto& f : kFiles) {
-      const bool redone = c.forget || done.count(f.first) == 0;
+      const bool redone = c.forget != kKeep || done.count(f.first) == 0;
       EXPECT_EQ(redone ? f.second : kStale, texts[f.first]) << f.first;
     }
   }
