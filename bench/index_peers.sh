@@ -100,8 +100,9 @@ if step kest; then
   kill "$sampler"
   wait "$sampler" 2>/dev/null || true
   T[kest]=$(awk '/^time / { print $2 }' "$LOG/kest.out")
-  RSS[kest]=$(awk '/^peak RSS indexer/ { print $4 * 1024 }' "$LOG/kest.out")
-  SIZE[kest]=$(du -sb "$WORK/@kestondri/index/src" | cut -f1)
+  RSS[kest]=$(awk '/^peak RSS indexer  / { print $4 * 1024; exit }' "$LOG/kest.out")
+  # The index as the crawl left it (indexer_bench goes on with a reindex).
+  SIZE[kest]=$(awk '/^index size/ { print $3 * 1e9; exit }' "$LOG/kest.out")
   DOCS[kest]=$(awk '/^documents indexed/ { print $3 }' "$LOG/kest.out")
   LOAD[kest]=$(mean_load "$LOG/kest.load")
 fi
