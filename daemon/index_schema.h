@@ -39,6 +39,10 @@ enum Slot : Xapian::valueno {
   kSlotSize = 4,
   kSlotMTime = 5,
   kSlotOwner = 6,
+  // When the indexer wrote the document: microseconds since the epoch,
+  // sortable_serialise. Never read back with hits; a folder's reindex uses
+  // it to go on where it stopped.
+  kSlotWritten = 7,
 };
 
 // Term prefixes. Free-text prefixes carry positions (phrases work in them);

@@ -123,7 +123,7 @@ ShareIndex* IndexerService::IndexOf(const std::string& share_path) {
   if (index->rebuilding()) {
     std::vector<QueueItem> items;
     for (const auto& f : folders_->folders()) {
-      if (f.share_path == share_path) items.push_back({kQueueOpReindex, f.path});
+      if (f.share_path == share_path) items.push_back({kQueueOpUpdate, f.path});
     }
     try {
       QueueOf(share_path).Append(items);
@@ -150,7 +150,7 @@ void IndexerService::QueueAllFolders() {
   for (const auto& f : folders_->folders()) {
     // A paused folder is walked when it resumes (the library queues it then);
     // queued now, it would keep the indexer "processing" for nothing.
-    if (!f.paused) items[f.share_path].push_back({kQueueOpReindex, f.path});
+    if (!f.paused) items[f.share_path].push_back({kQueueOpUpdate, f.path});
   }
   for (const auto& share : items) {
     try {
@@ -170,7 +170,7 @@ void IndexerService::QueueChangedFolders(const FolderTable& old) {
   for (const auto& f : folders_->folders()) {
     bool same = false;
     for (const auto& o : old.folders()) same = same || o == f;
-    if (!same) items[f.share_path].push_back({kQueueOpReindex, f.path});
+    if (!same) items[f.share_path].push_back({kQueueOpUpdate, f.path});
   }
   for (const auto& o : old.folders()) {
     bool kept = false;
@@ -189,7 +189,7 @@ void IndexerService::QueueChangedFolders(const FolderTable& old) {
 void IndexerService::OnChanges(const std::map<std::string, std::vector<std::string>>& changes) {
   for (const auto& share : changes) {
     std::vector<QueueItem> items;
-    for (const auto& path : share.second) items.push_back({kQueueOpReindex, path});
+    for (const auto& path : share.second) items.push_back({kQueueOpUpdate, path});
     try {
       QueueOf(share.first).Append(items);
     } catch (const std::exception& e) {
@@ -232,8 +232,10 @@ size_t IndexerService::ProcessShare(const std::string& share_path) {
         }
         const IndexedFolder* folder = folders_->Governing(item.path);
         if (folder && folder->paused) continue;  // stays queued until the folder resumes
+        if (item.op == kQueueOpRemove) index->ForgetReindex(item.path);
+        const SyncMode mode = item.op == kQueueOpReindex ? SyncMode::kReindex : SyncMode::kUpdate;
         const SyncResult r =
-            index->Sync(item.path, *folders_, extractor_, options_.limits, interrupted);
+            index->Sync(item.path, mode, *folders_, extractor_, options_.limits, interrupted);
         if (r.changed) {
           changed_dbs_.insert(index->db_path());
           last_change_ = std::chrono::steady_clock::now();
@@ -258,8 +260,15 @@ size_t IndexerService::ProcessShare(const std::string& share_path) {
     syslog(LOG_ERR, "index: cannot update the queue of %s: %s", share_path.c_str(), e.what());
   }
   auto index = indices_.find(share_path);
-  if (index != indices_.end() && index->second->rebuilding() && !queue.HasWork()) {
-    index->second->EndRebuild();
+  if (index != indices_.end() && !queue.HasWork()) {
+    try {
+      index->second->ForgetAllReindexes();
+      index->second->Commit();
+    } catch (const Xapian::Error& e) {
+      syslog(LOG_ERR, "index: %s: %s", index->second->db_path().c_str(),
+             e.get_description().c_str());
+    }
+    if (index->second->rebuilding()) index->second->EndRebuild();
   }
   return done.size();
 }

@@ -26,6 +26,9 @@
 namespace kestondri {
 namespace indexer {
 
+// What the entries ask for (docs/fileindex.md): bring the index in line with
+// the disk, extract every file again, or drop a folder.
+constexpr char kQueueOpUpdate[] = "update";
 constexpr char kQueueOpReindex[] = "reindex";
 constexpr char kQueueOpRemove[] = "remove";
 

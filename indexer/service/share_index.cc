@@ -7,6 +7,7 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <chrono>
 #include <cstring>
 #include <filesystem>
 #include <map>
@@ -27,7 +28,21 @@ struct Known {
   uint64_t size = 0;
   uint32_t owner = 0;
   bool is_dir = false;
+  double written = 0;  // kSlotWritten
 };
+
+// The metadata key that holds when a reindex of `path` began.
+constexpr char kReindexKeyPrefix[] = "kestondri:reindex:";
+std::string ReindexKey(const std::string& path) {
+  return index::ExactTerm(kReindexKeyPrefix, path);
+}
+
+// Microseconds since the epoch: a double holds them exactly for ages.
+double NowMicros() {
+  return static_cast<double>(std::chrono::duration_cast<std::chrono::microseconds>(
+                                 std::chrono::system_clock::now().time_since_epoch())
+                                 .count());
+}
 
 // The package's own data, and what the walk never follows.
 bool Skipped(const char* name) {
@@ -160,12 +175,46 @@ void ShareIndex::Changed() {
   CommitIfDue();
 }
 
-SyncResult ShareIndex::Sync(const std::string& path, const FolderTable& folders,
+void ShareIndex::ForgetReindex(const std::string& path) {
+  if (!db_ || db_->get_metadata(ReindexKey(path)).empty()) return;
+  db_->set_metadata(ReindexKey(path), "");
+  Changed();
+}
+
+void ShareIndex::ForgetAllReindexes() {
+  if (!db_) return;
+  std::vector<std::string> keys;
+  for (auto k = db_->metadata_keys_begin(kReindexKeyPrefix);
+       k != db_->metadata_keys_end(kReindexKeyPrefix); ++k) {
+    keys.push_back(*k);
+  }
+  for (const auto& key : keys) {
+    db_->set_metadata(key, "");
+    Changed();
+  }
+}
+
+SyncResult ShareIndex::Sync(const std::string& path, SyncMode mode, const FolderTable& folders,
                             Extractor& extractor, const ExtractLimits& limits,
                             const std::function<bool()>& interrupted) {
   SyncResult result;
   if (!db_) return result;
   Xapian::WritableDatabase& db = *db_;
+
+  // A reindex rewrites what was written before it began; after an
+  // interruption, documents written since are already new.
+  double reindex_began = 0;
+  if (mode == SyncMode::kReindex) {
+    const std::string key = ReindexKey(path);
+    const std::string began = db.get_metadata(key);
+    if (began.empty()) {
+      reindex_began = NowMicros();
+      db.set_metadata(key, Xapian::sortable_serialise(reindex_began));
+      Changed();
+    } else {
+      reindex_began = Xapian::sortable_unserialise(began);
+    }
+  }
 
   // Every document at or below `path`. Unique terms keep the first bytes of
   // the path whole, so a prefix scan finds them; the path value decides.
@@ -184,6 +233,7 @@ SyncResult ShareIndex::Sync(const std::string& path, const FolderTable& folders,
         k.size = static_cast<uint64_t>(index::SlotNumber(doc, index::kSlotSize));
         k.owner = static_cast<uint32_t>(std::stoul("0" + index::SlotText(doc, index::kSlotOwner)));
         k.is_dir = index::SlotText(doc, index::kSlotIsDir) == "1";
+        k.written = index::SlotNumber(doc, index::kSlotWritten);
         known[doc_path] = k;
       }
     }
@@ -210,14 +260,17 @@ SyncResult ShareIndex::Sync(const std::string& path, const FolderTable& folders,
       const Known& k = it->second;
       const bool same = k.mtime == record.mtime && k.size == record.size &&
                         k.owner == record.owner_uid && k.is_dir == is_dir;
+      const bool fresh = mode == SyncMode::kUpdate || k.written >= reindex_began;
       known.erase(it);
-      if (same && !force) return;
+      if (same && fresh && !force) return;
     }
     if (!is_dir) {
       ExtractResult extracted = extractor.Extract(p, limits);
       record.text = std::move(extracted.text);
     }
-    db.replace_document(index::UniqueTerm(p), index::MakeDocument(record));
+    Xapian::Document doc = index::MakeDocument(record);
+    doc.add_value(index::kSlotWritten, Xapian::sortable_serialise(NowMicros()));
+    db.replace_document(index::UniqueTerm(p), doc);
     ++result.changed;
     Changed();
   };
@@ -236,7 +289,7 @@ SyncResult ShareIndex::Sync(const std::string& path, const FolderTable& folders,
       // Below a folder nobody indexes there may still be indexed folders.
       if (S_ISDIR(s.st_mode) && (folder || !folders.Within(p).empty())) dirs.push_back(p);
     };
-    visit(path, st, true);
+    visit(path, st, mode == SyncMode::kUpdate);
     while (!dirs.empty()) {
       if (interrupted()) return result;
       const std::string dir = dirs.back();
@@ -275,6 +328,7 @@ SyncResult ShareIndex::Sync(const std::string& path, const FolderTable& folders,
     ++result.changed;
     Changed();
   }
+  if (mode == SyncMode::kReindex) ForgetReindex(path);
   result.completed = true;
   return result;
 }

@@ -29,6 +29,10 @@ struct CommitPolicy {
   std::chrono::milliseconds max_delay{1000};  // or when the first of them is this old
 };
 
+// kUpdate redoes what differs from the disk; kReindex extracts and rewrites
+// every file again (a user's request when results look wrong).
+enum class SyncMode { kUpdate, kReindex };
+
 struct SyncResult {
   bool completed = false;  // false: interrupted, the entry must stay queued
   size_t changed = 0;      // documents added, replaced or deleted
@@ -64,11 +68,26 @@ class ShareIndex {
   // Makes the documents at and below `path` match the disk: new and changed
   // files and folders are (re)indexed, vanished ones and those the folder
   // store no longer wants are removed. Documents under a paused folder are
-  // left alone. `path` itself is always indexed again (it is what changed);
-  // below it only what differs in size, time or owner. Stops early, with
-  // completed false, when `interrupted` answers true.
-  SyncResult Sync(const std::string& path, const FolderTable& folders, Extractor& extractor,
-                  const ExtractLimits& limits, const std::function<bool()>& interrupted);
+  // left alone. Stops early, with completed false, when `interrupted`
+  // answers true.
+  //
+  // kUpdate: `path` itself is always indexed again (it is what changed);
+  // below it only what differs in size, time or owner.
+  // kReindex: every file and folder is written again, each document
+  // replaced in place so that searches find the old one until the commit
+  // that holds the new. The time the reindex began is kept in the
+  // database's metadata until it completes, so an interrupted reindex
+  // (pause, stop, restart) goes on with the documents not yet written since.
+  SyncResult Sync(const std::string& path, SyncMode mode, const FolderTable& folders,
+                  Extractor& extractor, const ExtractLimits& limits,
+                  const std::function<bool()>& interrupted);
+
+  // Forgets an unfinished reindex of `path` (its folder left the index).
+  void ForgetReindex(const std::string& path);
+  // Forgets every unfinished reindex: called when the share's queue is
+  // empty, where none can be waiting (a queue file removed by hand, say).
+  // A reindex asked for later then starts afresh.
+  void ForgetAllReindexes();
 
   // Commits when the policy says so, or now.
   void CommitIfDue();

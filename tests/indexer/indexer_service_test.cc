@@ -262,20 +262,36 @@ TEST_F(IndexerServiceTest, ARestartCatchesUpAndRemovedFoldersLeave) {
   EXPECT_TRUE(WaitFor([] { return Indexed().empty(); }));
 }
 
-TEST_F(IndexerServiceTest, AReindexRestoresWhatTheIndexLost) {
+TEST_F(IndexerServiceTest, AReindexExtractsEveryFileAgainAndWaitsForAPause) {
   AddFolder();
   StartAndWaitForCrawl();
   EXPECT_EQ(0, indexer_.Stop());
+  // An entry lost, and one whose text went wrong while its file's size and
+  // time stayed as they were: only a new extraction mends it.
   {
     Xapian::WritableDatabase db(kDb, Xapian::DB_OPEN);
     db.delete_document(index::UniqueTerm("/volume1/docs/team/notes.txt"));
+    const std::string unique = index::UniqueTerm("/volume1/docs/team/sub/deep.md");
+    Xapian::Document doc = db.get_document(*db.postlist_begin(unique));
+    doc.set_data("garbled");
+    db.replace_document(unique, doc);
     db.commit();
   }
+  fileindex::StatusMgr().Pause(0);
   fileindex::FolderReindex(Parse(std::string(R"([")") + kFolder + "\"]"));
   ASSERT_TRUE(Exists(kQueue));
   indexer_.Start();
-  EXPECT_TRUE(WaitFor([] { return IsIndexed("/volume1/docs/team/notes.txt"); }));
+  std::this_thread::sleep_for(std::chrono::seconds(2));
+  EXPECT_TRUE(Exists(kQueue)) << "the reindex waits for the pause to end";
+  // Meanwhile searches answer from the entries as they were.
+  EXPECT_EQ(std::vector<std::string>{"deep.md"}, Search("root", "nebula"));
+  EXPECT_EQ("garbled", TextOf("/volume1/docs/team/sub/deep.md"));
+
+  fileindex::StatusMgr().Resume();
   EXPECT_TRUE(WaitFor([] { return !Exists(kQueue); }));
+  EXPECT_TRUE(IsIndexed("/volume1/docs/team/notes.txt"));
+  EXPECT_NE(std::string::npos, TextOf("/volume1/docs/team/sub/deep.md").find("quasar nebula"));
+  EXPECT_EQ(std::vector<std::string>{"deep.md"}, Search("root", "nebula"));
 }
 
 TEST_F(IndexerServiceTest, ADamagedIndexIsBuiltAgain) {

@@ -108,12 +108,15 @@ TEST_F(QueueFileTest, UnfinishedEntriesStayInOrder) {
 
 TEST_F(QueueFileTest, ReadsTheTwinFirstAndIgnoresCutAndForeignLines) {
   WriteFile(std::string(kQueue) + ".tmp", "# kestondri queue 1\nreindex\t/volume1/docs/t\n", 0600);
-  WriteFile(kQueue,
-            "# kestondri queue 1\n\n# a comment\nreindex\t/volume1/docs/q\nbogus\t/x\n"
-            "reindex\trelative\nnotab\nreindex\t/volume1/docs/t\nremove\t/volume1/docs/cut",
-            0600);
+  WriteFile(
+      kQueue,
+      "# kestondri queue 1\n\n# a comment\nreindex\t/volume1/docs/q\nupdate\t/volume1/docs/u\n"
+      "bogus\t/x\n"
+      "reindex\trelative\nnotab\nreindex\t/volume1/docs/t\nremove\t/volume1/docs/cut",
+      0600);
   QueueFile queue(kQueue);
-  EXPECT_EQ((std::vector<std::string>{"reindex /volume1/docs/q", "reindex /volume1/docs/t"}),
+  EXPECT_EQ((std::vector<std::string>{"reindex /volume1/docs/q", "update /volume1/docs/u",
+                                      "reindex /volume1/docs/t"}),
             Paths(queue.Take()));
   queue.Finish(queue.Take());
   EXPECT_FALSE(queue.HasWork());

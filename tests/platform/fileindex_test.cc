@@ -119,7 +119,7 @@ TEST_F(FileIndexTest, AddMakesTheCallerOwnerAndQueuesTheFolder) {
   EXPECT_TRUE(entry["video"].asBool());
   EXPECT_EQ("processing", entry["additional"]["status"].asString());
 
-  EXPECT_EQ("# kestondri queue 1\nreindex\t/volume1/photo/ann\n",
+  EXPECT_EQ("# kestondri queue 1\nupdate\t/volume1/photo/ann\n",
             ReadFile("/volume1/@kestondri/queue/photo.queue"));
   struct stat st;
   ASSERT_EQ(0, stat("/var/packages/KestOndri/var/fileindex", &st));
@@ -357,10 +357,16 @@ TEST_F(FileIndexTest, QueueKeepsOrderSurvivesAnInterruptedRewriteAndDropsCutLine
   // last one cut off.
   WriteFile("/volume1/@kestondri/queue/photo.queue.tmp",
             "# kestondri queue 1\nremove\t/volume1/photo/old\nreindex\t/volume1/photo/cu");
-  EXPECT_EQ(0, CodeOf("root", [] { FolderReindex(ParseJson(R"(["/volume1/photo/shared"])")); }));
+  // The same entry queued again moves to the end; another operation on the
+  // same folder is another entry.
+  for (const char* path :
+       {"/volume1/photo/shared", "/volume1/photo/ann", "/volume1/photo/shared"}) {
+    EXPECT_EQ(0,
+              CodeOf("root", [&] { FolderReindex(ParseJson(std::string("[\"") + path + "\"]")); }));
+  }
   EXPECT_EQ(
-      "# kestondri queue 1\nremove\t/volume1/photo/old\nreindex\t/volume1/photo/ann\n"
-      "reindex\t/volume1/photo/shared\n",
+      "# kestondri queue 1\nremove\t/volume1/photo/old\nupdate\t/volume1/photo/shared\n"
+      "update\t/volume1/photo/ann\nreindex\t/volume1/photo/ann\nreindex\t/volume1/photo/shared\n",
       ReadFile("/volume1/@kestondri/queue/photo.queue"));
   struct stat st;
   EXPECT_NE(0, stat("/volume1/@kestondri/queue/photo.queue.tmp", &st));

@@ -1,5 +1,7 @@
 #include "support/syslog_capture.h"
 
+#include <linux/sockios.h>
+#include <sys/ioctl.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/un.h>
@@ -93,6 +95,11 @@ void SyslogCapture::Settle(int quiet_ms) {
   for (;;) {
     const long before = generation_;
     arrived_.wait_for(lock, std::chrono::milliseconds(quiet_ms));
+    // A line already sent (say, by a child that has exited) sits in the
+    // socket until the reader takes it, however long a loaded machine keeps
+    // the reader from running: quiet is not enough while any is queued.
+    int queued = 0;
+    if (ioctl(fd_, SIOCINQ, &queued) == 0 && queued > 0) continue;
     if (generation_ == before) return;
   }
 }

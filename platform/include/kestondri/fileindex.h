@@ -32,11 +32,15 @@ void FolderSummary(Json::Value& output);
 void FolderReindex(const Json::Value& paths);
 
 // Share queue files (see docs/fileindex.md): one "op<TAB>path" line per entry.
+// "update": the index follows the disk, touching only what differs (a folder
+// added, its types changed, its pause ended); "reindex": every file is
+// extracted again (a user's request); "remove": the folder leaves the index.
+constexpr char kQueueUpdate[] = "update";
 constexpr char kQueueReindex[] = "reindex";
 constexpr char kQueueRemove[] = "remove";
 
 struct QueueEntry {
-  std::string op;    // kQueueReindex or kQueueRemove
+  std::string op;    // kQueueUpdate, kQueueReindex or kQueueRemove
   std::string path;  // a folder's or file's volume path
 };
 

@@ -380,7 +380,7 @@ void FolderAdd(const Json::Value& folders, bool replace) {
     } else {
       store.Insert(row);
     }
-    Enqueue(&batch, row.path, kQueueReindex);
+    Enqueue(&batch, row.path, kQueueUpdate);
   }
   Flush(batch);
   transaction.Commit();
@@ -426,7 +426,7 @@ void FolderSet(const Json::Value& folders, bool replace) {
     // A new choice of file types, or the end of a pause, needs the indexer.
     if (row.video != before.video || row.audio != before.audio || row.photo != before.photo ||
         row.document != before.document || (before.paused && !row.paused)) {
-      Enqueue(&batch, row.path, kQueueReindex);
+      Enqueue(&batch, row.path, kQueueUpdate);
     }
   }
   Flush(batch);

@@ -81,7 +81,9 @@ void ReadQueueFile(const std::string& file, std::vector<QueueEntry>* out) {
     const size_t tab = line.find('\t');
     if (tab == std::string::npos) continue;
     QueueEntry entry{line.substr(0, tab), line.substr(tab + 1)};
-    if ((entry.op == kQueueReindex || entry.op == kQueueRemove) && !entry.path.empty()) {
+    const bool known_op =
+        entry.op == kQueueUpdate || entry.op == kQueueReindex || entry.op == kQueueRemove;
+    if (known_op && !entry.path.empty()) {
       out->push_back(entry);
     }
   }

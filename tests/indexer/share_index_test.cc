@@ -1,0 +1,180 @@
+// One share's index as the indexer writes it, driven directly: a folder's
+// reindex rewrites documents whose files look unchanged, drops vanished
+// files, keeps every document searchable while it runs, and goes on where an
+// interruption (a pause, a stop, a restart) left it.
+#include "service/share_index.h"
+
+#include <gtest/gtest.h>
+#include <unistd.h>
+#include <xapian.h>
+
+#include <cstdlib>
+#include <map>
+#include <memory>
+#include <string>
+
+#include "extract/extractor.h"
+#include "index_schema.h"
+#include "support/sandbox.h"
+
+namespace kestondri {
+namespace indexer {
+namespace {
+
+using kesttest::WriteFile;
+
+constexpr char kShare[] = "/volume1/docs";
+constexpr char kFolder[] = "/volume1/docs/team";
+constexpr char kDb[] = "/volume1/@kestondri/index/docs";
+constexpr char kStale[] = "stale text";
+
+const std::map<std::string, std::string> kFiles = {
+    {"/volume1/docs/team/a.txt", "alpha words\n"},
+    {"/volume1/docs/team/b.txt", "bravo words\n"},
+    {"/volume1/docs/team/c.txt", "charlie words\n"},
+    {"/volume1/docs/team/d.txt", "delta words\n"},
+    {"/volume1/docs/team/sub/e.txt", "echo words\n"},
+    {"/volume1/docs/team/sub/f.txt", "fox words\n"},
+};
+
+// Stored text of every document that describes a file.
+std::map<std::string, std::string> Texts() {
+  std::map<std::string, std::string> out;
+  Xapian::Database db(kDb);
+  for (auto t = db.allterms_begin("Q"); t != db.allterms_end("Q"); ++t) {
+    for (auto p = db.postlist_begin(*t); p != db.postlist_end(*t); ++p) {
+      const Xapian::Document doc = db.get_document(*p);
+      if (index::SlotText(doc, index::kSlotIsDir) == "0") {
+        out[index::SlotText(doc, index::kSlotPath)] = doc.get_data();
+      }
+    }
+  }
+  return out;
+}
+
+class ShareIndexTest : public testing::Test {
+ protected:
+  void SetUp() override {
+    ASSERT_EQ(0, system("rm -rf /volume1/* && mkdir -p /volume1/docs/team/sub"));
+    for (const auto& f : kFiles) WriteFile(f.first, f.second);
+    IndexedFolder folder;
+    folder.path = kFolder;
+    folder.share = "docs";
+    folder.share_path = kShare;
+    folders_ = FolderTable({folder});
+    Reopen();
+    ASSERT_TRUE(Sync(SyncMode::kUpdate).completed);
+  }
+
+  // A new object over the same database: what a restarted indexer sees.
+  void Reopen() {
+    index_.reset();
+    index_.reset(new ShareIndex(kShare, CommitPolicy()));
+    std::string error;
+    ASSERT_TRUE(index_->Open(&error)) << error;
+  }
+
+  // Syncs the folder, committed; stops after `budget` checks for an
+  // interruption when `budget` is not negative.
+  SyncResult Sync(SyncMode mode, int budget = -1) {
+    const SyncResult r = index_->Sync(kFolder, mode, folders_, extractor_, ExtractLimits(),
+                                      [&budget] { return budget >= 0 && budget-- == 0; });
+    index_->Commit();
+    return r;
+  }
+
+  // What a faulty extractor or a damaged entry leaves: a document whose
+  // text is wrong while its file's size and time still match.
+  // `keep_written` keeps the document's write time (as if written by the
+  // current reindex). The indexer lets go of the database meanwhile.
+  void MakeStale(const std::string& path, bool keep_written) {
+    index_->Close();
+    {
+      Xapian::WritableDatabase db(kDb, Xapian::DB_OPEN);
+      const std::string unique = index::UniqueTerm(path);
+      Xapian::PostingIterator p = db.postlist_begin(unique);
+      ASSERT_NE(p, db.postlist_end(unique)) << path;
+      Xapian::Document doc = db.get_document(*p);
+      doc.set_data(kStale);
+      if (!keep_written) doc.remove_value(index::kSlotWritten);
+      db.replace_document(unique, doc);
+      db.commit();
+    }
+    std::string error;
+    ASSERT_TRUE(index_->Open(&error)) << error;
+  }
+
+  FolderTable folders_;
+  Extractor extractor_;
+  std::unique_ptr<ShareIndex> index_;
+};
+
+TEST_F(ShareIndexTest, AReindexRewritesUnchangedFilesAndDropsVanishedOnes) {
+  for (const auto& f : kFiles) MakeStale(f.first, false);
+  ASSERT_EQ(0, unlink("/volume1/docs/team/c.txt"));
+
+  // An update trusts size and time: only the vanished file is noticed.
+  ASSERT_TRUE(Sync(SyncMode::kUpdate).completed);
+  auto texts = Texts();
+  EXPECT_EQ(0u, texts.count("/volume1/docs/team/c.txt"));
+  EXPECT_EQ(kStale, texts["/volume1/docs/team/a.txt"]);
+
+  ASSERT_EQ(0, unlink("/volume1/docs/team/d.txt"));
+  ASSERT_TRUE(Sync(SyncMode::kReindex).completed);
+  std::map<std::string, std::string> expected = kFiles;
+  expected.erase("/volume1/docs/team/c.txt");
+  expected.erase("/volume1/docs/team/d.txt");
+  EXPECT_EQ(expected, Texts());
+  // Nothing is left to resume: the next reindex starts afresh.
+  MakeStale("/volume1/docs/team/a.txt", true);
+  ASSERT_TRUE(Sync(SyncMode::kReindex).completed);
+  EXPECT_EQ(expected, Texts());
+}
+
+TEST_F(ShareIndexTest, AnInterruptedReindexGoesOnWhereItStopped) {
+  enum Forget { kKeep, kForgetFolder, kForgetAll };
+  const struct {
+    const char* name;
+    bool restart;   // the indexer restarted between the two parts
+    Forget forget;  // the folder left the index, or the queue emptied: start afresh
+  } cases[] = {
+      {"resumed", false, kKeep},
+      {"after a restart", true, kKeep},
+      {"the folder left the index", false, kForgetFolder},
+      {"the queue emptied", false, kForgetAll},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.name);
+    ASSERT_TRUE(Sync(SyncMode::kReindex).completed);
+    for (const auto& f : kFiles) MakeStale(f.first, false);
+
+    EXPECT_FALSE(Sync(SyncMode::kReindex, 4).completed);
+    // Searches still find every file: stale or new, none is missing.
+    auto texts = Texts();
+    ASSERT_EQ(kFiles.size(), texts.size());
+    std::map<std::string, std::string> done;
+    for (const auto& t : texts) {
+      if (t.second != kStale) done.insert(t);
+    }
+    ASSERT_FALSE(done.empty());
+    ASSERT_LT(done.size(), kFiles.size());
+    // Spoil what the first part wrote: only a second extraction of these
+    // files would mend them.
+    for (const auto& d : done) MakeStale(d.first, true);
+
+    if (c.restart) Reopen();
+    if (c.forget == kForgetFolder) index_->ForgetReindex(kFolder);
+    if (c.forget == kForgetAll) index_->ForgetAllReindexes();
+    index_->Commit();
+    ASSERT_TRUE(Sync(SyncMode::kReindex).completed);
+    texts = Texts();
+    for (const auto& f : kFiles) {
+      const bool redone = c.forget != kKeep || done.count(f.first) == 0;
+      EXPECT_EQ(redone ? f.second : kStale, texts[f.first]) << f.first;
+    }
+  }
+}
+
+}  // namespace
+}  // namespace indexer
+}  // namespace kestondri
