@@ -8,8 +8,9 @@
 # WORK_DIR: where the index and the daemon's socket go.
 # Run as root: the daemon's permission filter switches file-system ids.
 # Peers run in the same administrator run when present: quest (xapian-tools)
-# on the same index, and recollq (recollcmd) when WORK_DIR/recoll holds a
-# recoll configuration whose index (xapiandb) covers the same tree.
+# on the same index, and recollq when WORK_DIR/recoll holds a recoll
+# configuration whose index (xapiandb) covers the same tree: bench/index_peers.sh
+# installs recollcmd and builds that index.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 build=${BUILD:-build}

@@ -13,7 +13,7 @@ packages=(
   # tests and tools
   libgtest-dev libgmock-dev acl xapian-tools util-linux iproute2 curl procps
   # benchmarks
-  wrk recollcmd
+  wrk
 )
 
 missing=()
