@@ -271,12 +271,15 @@ bool GloballyPaused(const StoreContents& contents) {
 }
 
 // The rows the caller can read, read from the store with privilege and
-// judged without it.
-std::vector<FolderRow> VisibleRows(const Caller& caller) {
+// judged without it; with `globally_paused`, also the pause state of that
+// same read.
+std::vector<FolderRow> VisibleRows(const Caller& caller, bool* globally_paused = nullptr) {
   std::vector<FolderRow> rows;
   {
     PrivilegeScope privilege;
-    rows = ReadStoreContents().rows;
+    StoreContents contents = ReadStoreContents();
+    if (globally_paused) *globally_paused = GloballyPaused(contents);
+    rows = std::move(contents.rows);
   }
   std::vector<FolderRow> visible;
   for (auto& row : rows) {
@@ -525,7 +528,8 @@ void FolderList(Json::Value& output, uint64_t offset, uint64_t limit, const std:
     }
   }
   const Caller caller = CurrentCaller();
-  std::vector<FolderRow> rows = VisibleRows(caller);
+  bool globally_paused = false;
+  std::vector<FolderRow> rows = VisibleRows(caller, &globally_paused);
   const std::string needle = Lower(pattern);
   rows.erase(std::remove_if(
                  rows.begin(), rows.end(),
@@ -559,11 +563,6 @@ void FolderList(Json::Value& output, uint64_t offset, uint64_t limit, const std:
   page["total"] = Json::Int64(rows.size());
   page["offset"] = Json::UInt64(offset);  // as asked, also when huge
   page["folders"] = Json::Value(Json::arrayValue);
-  bool globally_paused = false;
-  if (with_status) {
-    PrivilegeScope privilege;
-    globally_paused = GloballyPaused(ReadStoreContents());
-  }
   std::map<std::string, std::vector<QueueEntry>> queues;
   for (uint64_t i = offset; i < rows.size() && i - offset < limit; ++i) {
     Json::Value entry = EntryJson(rows[i]);
@@ -602,7 +601,8 @@ void FolderListGroups(Json::Value& output) {
 
 void FolderSummary(Json::Value& output) {
   const Caller caller = CurrentCaller();
-  const std::vector<FolderRow> rows = VisibleRows(caller);
+  bool globally_paused = false;
+  const std::vector<FolderRow> rows = VisibleRows(caller, &globally_paused);
   Json::Value summary(Json::objectValue);
   uint64_t mine = 0, paused = 0, video = 0, audio = 0, photo = 0, document = 0;
   std::map<std::string, int> shares;
@@ -623,10 +623,7 @@ void FolderSummary(Json::Value& output) {
   summary["types"]["audio"] = Json::Int64(audio);
   summary["types"]["photo"] = Json::Int64(photo);
   summary["types"]["document"] = Json::Int64(document);
-  {
-    PrivilegeScope privilege;
-    summary["indexing_paused"] = GloballyPaused(ReadStoreContents());
-  }
+  summary["indexing_paused"] = globally_paused;
   output = summary;
 }
 
