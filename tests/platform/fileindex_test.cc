@@ -79,6 +79,23 @@ std::vector<std::string> ListedPaths(const std::string& user) {
   return paths;
 }
 
+// Runs `body` in a child process, as another process using the library
+// would; true when it returned without throwing.
+bool InAnotherProcess(const std::function<void()>& body) {
+  const pid_t child = fork();
+  if (child == 0) {
+    try {
+      body();
+    } catch (...) {
+      _exit(1);
+    }
+    _exit(0);
+  }
+  int wstatus = 0;
+  return child > 0 && waitpid(child, &wstatus, 0) == child && WIFEXITED(wstatus) &&
+         WEXITSTATUS(wstatus) == 0;
+}
+
 class FileIndexTest : public ::testing::Test {
  protected:
   void SetUp() override {
@@ -390,18 +407,7 @@ TEST_F(FileIndexTest, AVanishedShareOrFolderIsReportedNotLost) {
 TEST_F(FileIndexTest, PauseStateIsSharedAcrossProcesses) {
   StatusMgr status;
   EXPECT_EQ(1, status.GetPauseInfo());  // not paused: a time long past
-  const pid_t child = fork();
-  if (child == 0) {
-    try {
-      StatusMgr().Pause(0);
-    } catch (...) {
-      _exit(1);
-    }
-    _exit(0);
-  }
-  int wstatus = 0;
-  ASSERT_EQ(child, waitpid(child, &wstatus, 0));
-  ASSERT_EQ(0, WEXITSTATUS(wstatus));
+  ASSERT_TRUE(InAnotherProcess([] { StatusMgr().Pause(0); }));
   EXPECT_EQ(0, status.GetPauseInfo());  // until resumed
   const int64_t before = time(nullptr);
   status.Pause(3600);
@@ -435,18 +441,8 @@ TEST_F(FileIndexTest, SnapshotServesReadsUntilTheNextCommit) {
   EXPECT_EQ(std::set<std::string>{"forged"}, FolderMgr().GetIndexedShares());
 
   // A commit by another process retires it.
-  const pid_t child = fork();
-  if (child == 0) {
-    try {
-      FolderAdd(ParseJson(R"([{"path": "/volume1/docs/open"}])"), false);
-    } catch (...) {
-      _exit(1);
-    }
-    _exit(0);
-  }
-  int wstatus = 0;
-  ASSERT_EQ(child, waitpid(child, &wstatus, 0));
-  ASSERT_EQ(0, WEXITSTATUS(wstatus));
+  ASSERT_TRUE(
+      InAnotherProcess([] { FolderAdd(ParseJson(R"([{"path": "/volume1/docs/open"}])"), false); }));
   EXPECT_EQ((std::set<std::string>{"docs", "photo"}), FolderMgr().GetIndexedShares());
 
   // A damaged snapshot is not used, and is replaced.
