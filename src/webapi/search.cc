@@ -4,6 +4,7 @@
 #include <fcntl.h>
 #include <signal.h>
 #include <sys/stat.h>
+#include <sys/syscall.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -19,6 +20,7 @@
 #include "common/json_helpers.h"
 #include "common/lock_mutex.h"
 #include "common/log.h"
+#include "common/process_mark.h"
 #include "common/sdk/share.h"
 #include "common/sdk/share_path.h"
 #include "common/sdk/task.h"
@@ -58,6 +60,7 @@ constexpr size_t kMaxReplyBytes = 256u << 20;
 // administrators) or by the identity this request acts as. Anything else is
 // as good as no file, and is never written through.
 constexpr off_t kMaxRecordBytes = 64 * 1024;
+constexpr char kRecordStartTime[] = "start_time";
 
 bool OwnRecord(int fd) {
   struct stat st {};
@@ -96,6 +99,68 @@ bool WriteRecord(const Json::Value& record, const std::string& path) {
     if (ok) done += static_cast<size_t>(n);
   }
   return 0 == close(fd) && ok;
+}
+
+// What the pid of a tracking record turns out to be.
+struct OlderRequest {
+  enum Kind {
+    kGone,         // no live process started when the record says
+    kThisProcess,  // the process serving this request
+    kServing,      // a sibling worker serving this identity: may be stopped
+    kStranger,     // a live process that is not ours to stop
+  } kind = kGone;
+  pid_t pid = 0;
+  int pidfd = -1;   // held from before the checks until the signal
+  std::string why;  // for kStranger, what did not match
+};
+
+int PidfdOpen(pid_t pid) { return static_cast<int>(syscall(SYS_pidfd_open, pid, 0)); }
+
+// The record's "start_time" is written by the module from /proc; a record
+// without it (or with another) cannot be told from one naming a reused pid.
+OlderRequest FindOlderRequest(pid_t pid, const Json::Value& record) {
+  OlderRequest older;
+  older.pid = pid;
+  // The descriptor pins the process: checks made after it is open are about
+  // that very process, and a signal through it never reaches a later
+  // holder of the pid.
+  older.pidfd = PidfdOpen(pid);
+  const int saved = errno;
+  ProcessMark mark;
+  const Json::Value& start = record[kRecordStartTime];
+  if (!ReadProcessMark(pid, &mark) || !start.isUInt64() || start.asUInt64() != mark.start_time) {
+    older.kind = OlderRequest::kGone;
+  } else if (pid == getpid()) {
+    older.kind = OlderRequest::kThisProcess;
+  } else if (mark.parent != getppid()) {
+    older.kind = OlderRequest::kStranger;
+    older.why = "not a worker of this server";
+  } else if (mark.euid != geteuid()) {
+    older.kind = OlderRequest::kStranger;
+    older.why = "acts for another identity";
+  } else {
+    older.kind = OlderRequest::kServing;
+  }
+  errno = saved;
+  if (older.kind != OlderRequest::kServing && older.pidfd >= 0) {
+    close(older.pidfd);
+    older.pidfd = -1;
+  }
+  return older;
+}
+
+void StopOlderRequest(const OlderRequest& older) {
+  const int saved = errno;
+  if (older.pidfd >= 0) {
+    syscall(SYS_pidfd_send_signal, older.pidfd, SIGKILL, nullptr, 0);
+    close(older.pidfd);
+  } else {
+    // Kernels before 5.3 have no pidfd: the checks and the signal are a few
+    // microseconds apart, too short for a pid to be reused in between.
+    kill(older.pid, SIGKILL);
+  }
+  // What the signal returns is ignored: the older request may just have ended.
+  errno = saved;
 }
 
 using UserRecord = std::unique_ptr<KESTUSER, decltype(&KESTUserFree)>;
@@ -222,21 +287,37 @@ void SearchAPI::MarkProcRunning() {
     int serial = 0;
     GetJsonValue<unsigned int>(pid, query_info, "pid", false);
     GetJsonValue<int>(serial, query_info, "query_serial", false);
-    // Equal serials count as outdated so that a retried request never kills
-    // its twin; a record without a positive pid can name no one to stop.
-    if (static_cast<int32_t>(pid) > 0 && serial < query_serial_) {
+    // A record without a positive pid can name no one to stop, and counts as
+    // outdated: kept, since nothing an attacker writes there harms anyone.
+    if (static_cast<int32_t>(pid) <= 0) throw Error(kErrOutdatedQuery, "Outdated query");
+    const OlderRequest older = FindOlderRequest(static_cast<pid_t>(pid), query_info);
+    if (older.kind == OlderRequest::kServing || older.kind == OlderRequest::kThisProcess) {
+      // Equal serials count as outdated so that a retried request never
+      // kills its twin.
+      if (serial >= query_serial_) throw Error(kErrOutdatedQuery, "Outdated query");
       // A record of this very process is left by an earlier request of this
       // worker that failed: that request is over, and this one must live.
-      if (static_cast<pid_t>(pid) != getpid()) kill(static_cast<pid_t>(pid), SIGKILL);
-    } else {
-      throw Error(kErrOutdatedQuery, "Outdated query");
+      if (older.kind == OlderRequest::kServing) StopOlderRequest(older);
+    } else if (older.kind == OlderRequest::kStranger) {
+      // Anyone may write a record here naming any pid: only a worker of this
+      // server acting for this very identity, started when the record says,
+      // is an older request of the query id. Anything else is refused and
+      // the record counts as none, for whatever serial comes.
+      LogFailed({kFile, __LINE__, "MarkProcRunning"}, "IsOlderRequest(pid)",
+                "refused to stop pid " + std::to_string(pid) + ": " + older.why);
     }
+    // kGone: the request that wrote the record failed or was killed; it
+    // blocks nobody, and its pid may by now be someone else's.
   } else {
     query_info = Json::Value(Json::objectValue);
   }
 
   query_info["pid"] = static_cast<Json::Int>(getpid());
   query_info["query_serial"] = query_serial_;
+  ProcessMark self;
+  if (ReadProcessMark(getpid(), &self)) {
+    query_info[kRecordStartTime] = static_cast<Json::UInt64>(self.start_time);
+  }
   if (!WriteRecord(query_info, query_info_file_)) {
     LogFailed({kFile, 199, "MarkProcRunning"}, "!query_info.toFile(query_info_file_)");
   }
@@ -392,11 +473,17 @@ void SearchAPI::FillOwners() {
   owners[login_uid] = login_name;
 
   for (auto& hit : output_["hits"]) {
-    const std::string path = hit["KESTMDPath"].asString();
+    // Read through a const view: a member the daemon did not send is read
+    // as empty and never added to the hit as null.
+    const Json::Value& sent = hit;
+    const std::string path = sent["KESTMDPath"].asString();
+    // The answer shows such a path with replacement characters; the
+    // reference still names the file for highlight and download.
+    if (!Json::isValidUtf8(path)) hit["additional"]["path_ref"] = PathRef(path);
     hit["KESTMDSharePath"] = sdk::SharePathMgr::GetSharePath(path, login_user);
     hit["readable"] = CheckACLPerm(path, 4);
 
-    const std::string owner_id = hit["KESTMDOwnerUserID"].asString();
+    const std::string owner_id = sent["KESTMDOwnerUserID"].asString();
     if (owner_id.empty()) continue;
     uint32_t uid = 0;
     try {
@@ -430,7 +517,8 @@ void SearchAPI::FillOwners() {
 
 void SearchAPI::FillIsMountPoint() {
   for (auto& hit : output_["hits"]) {
-    hit["additional"]["is_mount_point"] = IsMountPoint(hit["KESTMDPath"].asString());
+    const Json::Value& sent = hit;
+    hit["additional"]["is_mount_point"] = IsMountPoint(sent["KESTMDPath"].asString());
   }
 }
 

@@ -13,6 +13,7 @@
 #include <string>
 #include <vector>
 
+#include "common/process_mark.h"
 #include "kest/json.h"
 #include "kestondri/db.h"
 #include "kestondri/pref.h"
@@ -343,18 +344,18 @@ TEST_F(SearchTest, WithoutASocketTheSearchStepIsEmptyButTheStatusStepFails) {
 
 TEST_F(SearchTest, HitsGainSharePathReadabilityOwnerAndMountFlag) {
   FakeDaemon daemon;
-  daemon.On(
-      "search",
-      Hits({R"({"total": 6})",
-            R"({"KESTMDPath": "/volume1/docs/open.txt", "KESTMDOwnerUserID": "2002"})",
-            R"({"KESTMDPath": "/volume1/docs/closed.txt", "KESTMDOwnerUserID": "2002",
+  daemon.On("search",
+            Hits({R"({"total": 6})",
+                  R"({"KESTMDPath": "/volume1/docs/open.txt", "KESTMDOwnerUserID": "2002"})",
+                  R"({"KESTMDPath": "/volume1/docs/closed.txt", "KESTMDOwnerUserID": "2002",
                       "additional": {"kept": 1}})",
-            R"({"KESTMDPath": "/volume1/homes/ann", "KESTMDOwnerUserID": "2001"})",
-            R"({"KESTMDPath": "/volume1/docs/open.txt", "KESTMDOwnerUserID": "not a uid"})",
-            R"({"KESTMDPath": "/volume1/docs/open.txt", "KESTMDOwnerUserID": "77777"})",
-            R"({"KESTMDPath": "/volume1/docs/open.txt", "KESTMDOwnerUserID": "4294967296"})",
-            R"({"KESTMDPath": "/volume1/docs/open.txt", "KESTMDOwnerUserID": ""})",
-            R"({"KESTMDPath": "/volume1", "KESTMDOwnerUserID": "0"})", R"({"success": true})"}));
+                  R"({"KESTMDPath": "/volume1/homes/ann", "KESTMDOwnerUserID": "2001"})",
+                  R"({"KESTMDPath": "/volume1/docs/open.txt", "KESTMDOwnerUserID": "not a uid"})",
+                  R"({"KESTMDPath": "/volume1/docs/open.txt", "KESTMDOwnerUserID": "77777"})",
+                  R"({"KESTMDPath": "/volume1/docs/open.txt", "KESTMDOwnerUserID": "4294967296"})",
+                  R"({"KESTMDPath": "/volume1/docs/open.txt", "KESTMDOwnerUserID": ""})",
+                  R"({"KESTMDPath": "/volume1", "KESTMDOwnerUserID": "0"})",
+                  R"({"KESTMDFSName": "bare"})", R"({"success": true})"}));
   daemon.On("list_db_status", StatusReply());
   const auto response = Search(kAnn, Params({"docs"}));
   ASSERT_TRUE(response.IsSuccess()) << response.GetErrorCode();
@@ -373,6 +374,7 @@ TEST_F(SearchTest, HitsGainSharePathReadabilityOwnerAndMountFlag) {
       {"/docs/open.txt", true, "root", false},  // only the low 32 bits count
       {"/docs/open.txt", true, Json::Value(), false},
       {"", true, "root", true},  // in no share; the volume is a mount point
+      {"", false, Json::Value(), false},
   };
   ASSERT_EQ(sizeof(expect) / sizeof(expect[0]), hits.size());
   for (Json::ArrayIndex i = 0; i < hits.size(); ++i) {
@@ -382,6 +384,9 @@ TEST_F(SearchTest, HitsGainSharePathReadabilityOwnerAndMountFlag) {
     EXPECT_EQ(expect[i].mount_point, hits[i]["additional"]["is_mount_point"].asBool()) << i;
   }
   EXPECT_EQ(1, hits[1]["additional"]["kept"].asInt());
+  // Members the daemon did not send are not made up as null.
+  EXPECT_EQ((Json::Value::Members{"KESTMDFSName", "KESTMDSharePath", "additional", "readable"}),
+            hits[8].getMemberNames());
   EXPECT_EQ(6, response.GetData()["total"].asInt());
 }
 
@@ -395,53 +400,123 @@ TEST_F(SearchTest, QueryIdWithASlashIsRefusedBeforeAnyFile) {
   rmdir("/tmp/vyr_query_x");
 }
 
-// A process that stands for an older request of the query id.
-pid_t SpawnSleeper() {
+// Runs one search in a child process and reports its answer through a pipe.
+struct RemoteSearch {
+  pid_t pid;
+  int fd;
+};
+
+RemoteSearch StartSearch(const Json::Value& params, const Login& login = kAnn) {
+  int fds[2];
+  EXPECT_EQ(0, pipe(fds));
   const pid_t pid = fork();
   if (pid == 0) {
+    close(fds[0]);
+    const auto response = RunAPIUnguarded<SearchAPI>(login, params);
+    const std::string text = Json::toString(response.ToJson());
+    (void)!write(fds[1], text.data(), text.size());
+    _exit(0);
+  }
+  close(fds[1]);
+  return {pid, fds[0]};
+}
+
+std::string ReadAll(int fd) {
+  std::string out;
+  char buf[4096];
+  ssize_t n;
+  while ((n = read(fd, buf, sizeof(buf))) > 0) out.append(buf, static_cast<size_t>(n));
+  close(fd);
+  return out;
+}
+
+// A process that stands for an older request of the query id: a sibling of
+// the searches StartSearch forks, acting as `euid` as a worker does.
+pid_t SpawnSleeper(uid_t euid) {
+  int ready[2];
+  EXPECT_EQ(0, pipe(ready));
+  const pid_t pid = fork();
+  if (pid == 0) {
+    close(ready[0]);
+    if (seteuid(euid) != 0) _exit(1);
+    close(ready[1]);
     for (;;) pause();
   }
+  close(ready[1]);
+  char byte;
+  (void)!read(ready[0], &byte, 1);  // end of file once it acts as euid
+  close(ready[0]);
   return pid;
 }
 
+void ReplaceAll(std::string& text, const std::string& from, const std::string& to) {
+  for (size_t at = text.find(from); at != std::string::npos; at = text.find(from, at + to.size())) {
+    text.replace(at, from.size(), to);
+  }
+}
+
 TEST_F(SearchTest, TrackingFileDecidesWhoRuns) {
+  // A record as the module writes it; "%PID%" and "%START%" name the sleeper.
+  const std::string kRecord =
+      R"({"pid": %PID%, "query_serial": 6, "start_time": %START%, "mine": 1})";
   struct Case {
     const char* what;
-    std::string file;  // "%PID%" is replaced by a live process's pid
+    std::string file;
     int serial;
-    int code;           // 0: success
-    bool killed;        // the recorded process was stopped
-    bool file_is_gone;  // else it is left as it was
+    int code;                    // 0: success
+    bool killed;                 // the recorded process was stopped
+    bool file_is_gone;           // else it is left as it was
+    uid_t sleeper = kAnnUid;     // the identity the recorded process acts as
+    bool sleeper_ended = false;  // it ended before the request came
+    const char* refusal = nullptr;
   } cases[] = {
-      {"newer serial stops the older", R"({"pid": %PID%, "query_serial": 6, "mine": 1})", 7, 0,
-       true, true},
-      {"older serial is outdated", R"({"pid": %PID%, "query_serial": 6})", 5, 1600, false, false},
-      {"equal serial is outdated", R"({"pid": %PID%, "query_serial": 6})", 6, 1600, false, false},
+      {"newer serial stops the older", kRecord, 7, 0, true, true},
+      {"older serial is outdated", kRecord, 5, 1600, false, false},
+      {"equal serial is outdated", kRecord, 6, 1600, false, false},
       {"pid 0 is outdated", R"({"pid": 0, "query_serial": 1})", 6, 1600, false, false},
       {"negative pid is outdated", R"({"pid": -3, "query_serial": 1})", 6, 1600, false, false},
       {"no pid is outdated", R"({"query_serial": 1})", 6, 1600, false, false},
       {"unreadable record is ignored", "{not json", 6, 0, false, true},
+      // A failed or killed request blocks nobody, and its pid is no target.
+      {"an ended request", kRecord, 5, 0, false, true, kAnnUid, true},
+      {"a reused pid", R"({"pid": %PID%, "query_serial": 6, "start_time": 1})", 5, 0, false, true},
+      {"a record without start time", R"({"pid": %PID%, "query_serial": 6})", 7, 0, false, true},
+      // What a user with a shell writes into a record of their own.
+      {"a root process", kRecord, 7, 0, false, true, 0, false, "acts for another identity"},
+      {"another user's search", kRecord, 5, 0, false, true, kBobUid, false,
+       "acts for another identity"},
   };
   for (const auto& c : cases) {
     FakeDaemon daemon;
     daemon.On("search", Hits({R"({"success": true})"}));
     daemon.On("list_db_status", StatusReply());
-    const pid_t sleeper = SpawnSleeper();
+    SyslogCapture::Instance().Clear();
+    const pid_t sleeper = SpawnSleeper(c.sleeper);
+    kestondri::ProcessMark mark;
+    ASSERT_TRUE(kestondri::ReadProcessMark(sleeper, &mark)) << c.what;
     std::string text = c.file;
-    const auto at = text.find("%PID%");
-    if (at != std::string::npos) text.replace(at, 5, std::to_string(sleeper));
+    ReplaceAll(text, "%PID%", std::to_string(sleeper));
+    ReplaceAll(text, "%START%", std::to_string(mark.start_time));
+    int status = 0;
+    if (c.sleeper_ended) {
+      kill(sleeper, SIGKILL);
+      ASSERT_EQ(sleeper, waitpid(sleeper, &status, 0)) << c.what;
+    }
     const std::string path = TrackingFile("q1");
     WriteFile(path, text);
     chown(path.c_str(), kAnnUid, kAnnUid);  // left by an earlier request of ann's
 
-    const auto response = RunAPIUnguarded<SearchAPI>(kAnn, Params({"docs"}, "q1", c.serial));
-    EXPECT_EQ(c.code, response.IsSuccess() ? 0 : response.GetErrorCode()) << c.what;
-    // Ends a sleeper that the request left alone; a killed one is a zombie.
-    kill(sleeper, SIGTERM);
-    int status = 0;
-    ASSERT_EQ(sleeper, waitpid(sleeper, &status, 0)) << c.what;
-    ASSERT_TRUE(WIFSIGNALED(status)) << c.what;
-    EXPECT_EQ(c.killed ? SIGKILL : SIGTERM, WTERMSIG(status)) << c.what;
+    const RemoteSearch search = StartSearch(Params({"docs"}, "q1", c.serial));
+    const auto answer = ParseJson(ReadAll(search.fd));
+    ASSERT_EQ(search.pid, waitpid(search.pid, &status, 0)) << c.what;
+    EXPECT_EQ(c.code, answer["success"].asBool() ? 0 : answer["error"]["code"].asInt()) << c.what;
+    if (!c.sleeper_ended) {
+      // Ends a sleeper that the request left alone; a killed one is a zombie.
+      kill(sleeper, SIGTERM);
+      ASSERT_EQ(sleeper, waitpid(sleeper, &status, 0)) << c.what;
+      ASSERT_TRUE(WIFSIGNALED(status)) << c.what;
+      EXPECT_EQ(c.killed ? SIGKILL : SIGTERM, WTERMSIG(status)) << c.what;
+    }
     if (c.file_is_gone) {
       EXPECT_EQ(-1, access(path.c_str(), F_OK)) << c.what;
     } else {
@@ -449,6 +524,12 @@ TEST_F(SearchTest, TrackingFileDecidesWhoRuns) {
     }
     if (c.code == 1600) {
       EXPECT_EQ(0, daemon.Connections()) << c.what;
+    }
+    if (c.refusal) {
+      EXPECT_TRUE(SyslogCapture::Instance().WaitFor(
+          "Failed [IsOlderRequest(pid)], reason: refused to stop pid " + std::to_string(sleeper) +
+          ": " + c.refusal))
+          << c.what;
     }
     unlink(path.c_str());
   }
@@ -462,7 +543,7 @@ TEST_F(SearchTest, TrackingFileNotWrittenByTheModuleIsIgnored) {
   // Planted by another user: nobody is stopped, and it is not replaced.
   daemon.On("search", Hits({R"({"success": true})"}));
   daemon.On("list_db_status", StatusReply());
-  const pid_t sleeper = SpawnSleeper();
+  const pid_t sleeper = SpawnSleeper(kAnnUid);
   const std::string planted = R"({"pid": )" + std::to_string(sleeper) + R"(, "query_serial": 1})";
   WriteFile(path, planted);
   chown(path.c_str(), kBobUid, kBobUid);
@@ -500,36 +581,6 @@ TEST_F(SearchTest, FailedSearchLeavesItsClaimWhichDoesNotStopItsOwnProcess) {
   daemon.On("list_db_status", StatusReply());
   EXPECT_TRUE(Search(kAnn, Params({"docs"}, "q2", 10)).IsSuccess());
   EXPECT_EQ(-1, access(TrackingFile("q2").c_str(), F_OK));
-}
-
-// Runs one search in a child process and reports its answer through a pipe.
-struct RemoteSearch {
-  pid_t pid;
-  int fd;
-};
-
-RemoteSearch StartSearch(const Json::Value& params) {
-  int fds[2];
-  EXPECT_EQ(0, pipe(fds));
-  const pid_t pid = fork();
-  if (pid == 0) {
-    close(fds[0]);
-    const auto response = RunAPIUnguarded<SearchAPI>(kAnn, params);
-    const std::string text = Json::toString(response.ToJson());
-    (void)!write(fds[1], text.data(), text.size());
-    _exit(0);
-  }
-  close(fds[1]);
-  return {pid, fds[0]};
-}
-
-std::string ReadAll(int fd) {
-  std::string out;
-  char buf[4096];
-  ssize_t n;
-  while ((n = read(fd, buf, sizeof(buf))) > 0) out.append(buf, static_cast<size_t>(n));
-  close(fd);
-  return out;
 }
 
 TEST_F(SearchTest, NewerRequestOfTheSameQueryKillsTheOlderProcess) {
