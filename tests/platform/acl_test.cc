@@ -7,6 +7,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <cerrno>
 #include <random>
 #include <string>
 #include <vector>
@@ -34,11 +35,11 @@ class AclTest : public ::testing::Test {
  protected:
   void TearDown() override { BecomeRoot(); }
 
-  // What the kernel grants `user` on `path`.
+  // What the kernel grants `user` on `path`: nothing when it cannot reach it.
   int KernelPerm(const char* user, const std::string& path) {
     EXPECT_TRUE(ResetCredentialsByName(user, true)) << user;
     int perm = -1;
-    EXPECT_EQ(0, KESTACLPermGet(path.c_str(), &perm));
+    if (0 != KESTACLPermGet(path.c_str(), &perm) && errno == EACCES) perm = 0;
     BecomeRoot();
     return perm;
   }
@@ -107,6 +108,27 @@ TEST_F(AclTest, RandomModesAndAclsMatchTheKernel) {
     }
   }
   EXPECT_EQ(1500, compared);
+}
+
+TEST_F(AclTest, FoldersAboveCountAndTheCallersReachDoesNot) {
+  // Readable files behind folders that not everybody may search.
+  mkdir("/volume1/walk", 0755);
+  mkdir("/volume1/walk/bob", 0700);
+  ASSERT_EQ(0, chown("/volume1/walk/bob", kBobUid, kBobUid));
+  mkdir("/volume1/walk/staff", 0710);
+  ASSERT_EQ(0, chown("/volume1/walk/staff", 0, kStaffGid));
+  for (const char* path : {"/volume1/walk/bob/open.txt", "/volume1/walk/staff/open.txt"}) {
+    WriteFile(path, "x", 0644);
+    for (const char* user : {"ann", "bob", "dave"}) {
+      for (const char* caller : {"root", "ann", "dave"}) {
+        ASSERT_TRUE(ResetCredentialsByName(caller, true));
+        int calc = -1;
+        EXPECT_EQ(0, KESTACLPermCalc(user, nullptr, path, &calc)) << user << " by " << caller;
+        BecomeRoot();
+        EXPECT_EQ(KernelPerm(user, path), calc) << user << " on " << path << " by " << caller;
+      }
+    }
+  }
 }
 
 TEST_F(AclTest, GroupListDecidesWhichGroupsCount) {

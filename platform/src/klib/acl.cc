@@ -12,15 +12,22 @@
 //     groups, the union of those entries, limited by the mask;
 //   - otherwise the "other" entry.
 // Without an ACL the mode bits are the three entries and there is no mask.
+// The user also needs search (execute) on every folder above the file, as
+// the kernel's path walk does. The file and its folders are looked at with
+// the filesystem identity of root, for this thread alone, so that the answer
+// about a user never depends on what the calling identity can reach.
 // KESTACLPermGet is about the caller, so it asks the kernel itself.
 #include <acl/libacl.h>
 #include <fcntl.h>
 #include <sys/acl.h>
+#include <sys/fsuid.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <cerrno>
+#include <climits>
+#include <cstdlib>
 #include <memory>
 #include <string>
 #include <vector>
@@ -116,6 +123,41 @@ int FromAcl(const char* path, const struct stat& st, uid_t uid, const std::vecto
   return other;
 }
 
+// Looks with the filesystem identity of root for as long as it lives, on the
+// calling thread only. A process whose saved uid is root (every service that
+// switches identities) may always do so; elsewhere nothing changes and the
+// calling identity's reach applies.
+class RootFilesystemIdentity {
+ public:
+  RootFilesystemIdentity() : previous_(static_cast<uid_t>(setfsuid(0))) {}
+  ~RootFilesystemIdentity() { setfsuid(previous_); }
+  RootFilesystemIdentity(const RootFilesystemIdentity&) = delete;
+  RootFilesystemIdentity& operator=(const RootFilesystemIdentity&) = delete;
+
+ private:
+  uid_t previous_;
+};
+
+// Whether the user may search every folder above `real_path` (a resolved
+// absolute path); -1 when a folder's ACL cannot be read.
+int CanWalkTo(const std::string& real_path, uid_t uid, const std::vector<gid_t>& groups) {
+  for (size_t slash = real_path.find('/', 1); slash != std::string::npos;
+       slash = real_path.find('/', slash + 1)) {
+    const std::string folder = real_path.substr(0, slash);
+    struct stat st;
+    if (stat(folder.c_str(), &st) != 0) return -1;
+    const int perm = FromAcl(folder.c_str(), st, uid, groups);
+    if (perm < 0) return -1;
+    if (!(perm & 1)) return 0;
+  }
+  // "/" itself: every user may search it on any system this runs on, but
+  // ask all the same.
+  struct stat st;
+  if (stat("/", &st) != 0) return -1;
+  const int perm = FromAcl("/", st, uid, groups);
+  return perm < 0 ? -1 : (perm & 1);
+}
+
 }  // namespace
 
 extern "C" int KESTACLPermCalc(const char* szUserName, PKLIBCSZLIST pGroupList, const char* szPath,
@@ -141,8 +183,10 @@ extern "C" int KESTACLPermCalc(const char* szUserName, PKLIBCSZLIST pGroupList, 
       if (kest::klib::GroupIdByName(pGroupList->ppszItem[i], &gid)) groups.push_back(gid);
     }
   }
+  RootFilesystemIdentity root_view;
   struct stat st;
-  if (stat(szPath, &st) != 0) {
+  char real_path[PATH_MAX];
+  if (stat(szPath, &st) != 0 || !realpath(szPath, real_path)) {
     KLIBCErrSet(KLIB_ERR_SYSTEM);
     errno_keeper.Keep();
     return -1;
@@ -151,7 +195,8 @@ extern "C" int KESTACLPermCalc(const char* szUserName, PKLIBCSZLIST pGroupList, 
     *pPerm = 4 | 2 | ((S_ISDIR(st.st_mode) || (st.st_mode & 0111)) ? 1 : 0);
     return 0;
   }
-  const int perm = FromAcl(szPath, st, uid, groups);
+  const int walk = CanWalkTo(real_path, uid, groups);
+  const int perm = walk <= 0 ? walk : FromAcl(real_path, st, uid, groups);
   if (perm < 0) {
     KLIBCErrSet(KLIB_ERR_SYSTEM);
     errno_keeper.Keep();
