@@ -51,7 +51,10 @@ std::string RunModuleRequest(const Route& route, Json::Value params, const std::
   } else if (known_identity) {
     KLIBUserIdentityPrime(*known_identity);
   }
-  const Json::Value answer = RunModuleRequestJson(route, std::move(params), user, uid, sid, admin);
+  Json::Value answer = RunModuleRequestJson(route, std::move(params), user, uid, sid, admin);
+  // File names and file contents are any bytes; the answer is labelled
+  // UTF-8 and strict clients refuse a whole page over one bad byte.
+  Json::makeValidUtf8(answer);
   header.code = AnswerCode(answer);
   return EncodeAnswer(header, Json::toString(answer));
 }

@@ -3,6 +3,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <cctype>
 #include <cerrno>
 #include <climits>
 #include <cstdlib>
@@ -158,6 +159,35 @@ void ProcessDir(const std::string& full_path,
     if (IsDirExist(full, false)) ProcessDir(full, callback);
   }
   if (errno != 0) errno = 0;
+}
+
+namespace {
+constexpr char kPathRefPrefix[] = "hex:";
+constexpr char kHexDigits[] = "0123456789abcdef";
+}  // namespace
+
+std::string PathRef(const std::string& path) {
+  std::string ref = kPathRefPrefix;
+  for (const char c : path) {
+    const auto byte = static_cast<unsigned char>(c);
+    ref += kHexDigits[byte >> 4];
+    ref += kHexDigits[byte & 15];
+  }
+  return ref;
+}
+
+std::string PathFromParam(const std::string& param) {
+  const std::string prefix = kPathRefPrefix;
+  if (!StringStartWith(param, prefix) || (param.size() - prefix.size()) % 2 != 0) return param;
+  std::string path;
+  for (size_t at = prefix.size(); at < param.size(); at += 2) {
+    const char* high = std::strchr(kHexDigits, std::tolower(static_cast<unsigned char>(param[at])));
+    const char* low =
+        std::strchr(kHexDigits, std::tolower(static_cast<unsigned char>(param[at + 1])));
+    if (!high || !low || !*high || !*low) return param;
+    path += static_cast<char>(((high - kHexDigits) << 4) | (low - kHexDigits));
+  }
+  return path;
 }
 
 }  // namespace kestondri

@@ -5,6 +5,7 @@
 #include "common/constants.h"
 #include "common/log.h"
 #include "common/permission.h"
+#include "common/util.h"
 #include "kest/json.h"
 #include "kestdaemon/sock_connection.h"
 #include "kestondri/fileindex.h"
@@ -26,16 +27,18 @@ void HighlightAPI::ParseParams() {
   const auto full_path = request_->GetAndCheckString("full_path", Req::PARAM_REQUIRED);
   const auto keyword = request_->GetAndCheckString("keyword", Req::PARAM_REQUIRED);
   const auto highlight = request_->GetAndCheckObject("highlight", Req::PARAM_REQUIRED);
+  // A hit whose path is not UTF-8 carries a reference to its bytes.
+  const std::string path = PathFromParam(full_path.Get());
 
-  if (!file_perm.CheckRead(full_path.Get())) {
+  if (!file_perm.CheckRead(path)) {
     ThrowFailed({kFile, 31, "ParseParams"}, "!file_perm.CheckRead(full_path.Get())",
-                Error(kErrNoPermission, "No file permission, path: " + full_path.Get() +
+                Error(kErrNoPermission, "No file permission, path: " + path +
                                             ", user: " + request_->GetLoginUserName()));
   }
 
   std::string share_name;
   std::string share_path;
-  fileindex::GetShareNamePathByFullPath(full_path.Get(), share_name, share_path);
+  fileindex::GetShareNamePathByFullPath(path, share_name, share_path);
 
   daemon_request_["command"] = "highlight";
   Json::Value& data = daemon_request_["data"];

@@ -53,6 +53,12 @@ class Client {
   // POSTs `params` (a JSON object) to api/method, version 1.
   Json::Value Call(const std::string& api, const std::string& method,
                    Json::Value params = Json::Value(Json::objectValue)) {
+    const HttpReply reply = CallRaw(api, method, std::move(params));
+    // Every answer is UTF-8, whatever bytes the names of files hold.
+    EXPECT_TRUE(Json::isValidUtf8(reply.body)) << reply.body;
+    return reply.json;
+  }
+  HttpReply CallRaw(const std::string& api, const std::string& method, Json::Value params) {
     params["api"] = std::string(kApi) + api;
     params["method"] = method;
     params["version"] = 1;
@@ -61,7 +67,7 @@ class Client {
     request.method = "POST";
     request.content_type = "application/json";
     request.body = Json::FastWriter().write(params);
-    return SendHttp(request).json;
+    return SendHttp(request);
   }
 
   Json::Value Search(const std::string& keyword,
@@ -193,21 +199,27 @@ TEST_F(ProductTest, EditsMovesAndDeletesFollow) {
 
 TEST_F(ProductTest, HighlightAndIndicate) {
   Client bob("bob");
+  // A name that is not UTF-8 shows with replacement characters, and its
+  // reference still names the file.
+  WriteFile("/volume1/docs/team/bad\xff\xfe.txt", "a tapir hides here\n");
   AddAndWait(bob, R"([{"path": "/volume1/docs/team"}])");
-  const Json::Value found = bob.Search("okapi");
-  ASSERT_EQ(1u, found["data"]["hits"].size()) << Json::FastWriter().write(found);
-  const Json::Value& hit = found["data"]["hits"][0];
+  for (const char* word : {"okapi", "tapir"}) {
+    const Json::Value found = bob.Search(word);
+    ASSERT_EQ(1u, found["data"]["hits"].size()) << Json::FastWriter().write(found);
+    const Json::Value& hit = found["data"]["hits"][0];
 
-  Json::Value p;
-  p["doc_id"] = hit["doc_id"];
-  p["full_path"] = hit["KESTMDPath"];
-  p["keyword"] = "okapi";
-  p["highlight"] = Parse(R"({"field": "KESTMDTextContent", "frag_length": 100,
-                             "num_fragments": 3})");
-  const Json::Value highlighted = bob.Call("Highlight", "highlight", p);
-  ASSERT_TRUE(highlighted["success"].asBool()) << Json::FastWriter().write(highlighted);
-  const std::string fragments = Json::FastWriter().write(highlighted["data"]);
-  EXPECT_NE(std::string::npos, fragments.find("okapi")) << fragments;
+    Json::Value p;
+    p["doc_id"] = hit["doc_id"];
+    p["full_path"] = hit["additional"].get("path_ref", hit["KESTMDPath"]);
+    p["keyword"] = word;
+    p["highlight"] = Parse(R"({"field": "KESTMDTextContent", "frag_length": 100,
+                               "num_fragments": 3})");
+    const Json::Value highlighted = bob.Call("Highlight", "highlight", p);
+    ASSERT_TRUE(highlighted["success"].asBool()) << Json::FastWriter().write(highlighted);
+    const std::string fragments = Json::FastWriter().write(highlighted["data"]);
+    EXPECT_NE(std::string::npos, fragments.find(word)) << fragments;
+  }
+  EXPECT_EQ(Names{"bad\xef\xbf\xbd\xef\xbf\xbd.txt"}, bob.Names("tapir"));
 
   // Counts per type of what bob may see.
   Json::Value q = Parse(R"({"criteria_list": [], "search_weight_list": [],

@@ -20,6 +20,15 @@ bool fromFile(Value& value, const std::string& path);
 // Writes toString(value) to `path` (replacing it); false on any I/O failure.
 bool toFile(const Value& value, const std::string& path);
 
+// Whether `text` is well-formed UTF-8 (no overlong forms, surrogates or code
+// points past U+10FFFF).
+bool isValidUtf8(const std::string& text);
+// `text` with every byte that is not part of a well-formed sequence replaced
+// by U+FFFD; well-formed text comes back unchanged.
+std::string toValidUtf8(const std::string& text);
+// Applies toValidUtf8 to every string and member name inside `value`.
+void makeValidUtf8(Value& value);
+
 }  // namespace Json
 
 #endif  // KEST_JSON_H_

@@ -105,4 +105,88 @@ bool toFile(const Value& value, const std::string& path) {
   return static_cast<bool>(out);
 }
 
+namespace {
+
+// Length of the well-formed UTF-8 sequence at `at`, 0 when there is none
+// (the ranges of the Unicode standard's table 3-7).
+size_t SequenceLength(const std::string& text, size_t at) {
+  const auto byte = [&](size_t i) { return static_cast<unsigned char>(text[at + i]); };
+  const size_t left = text.size() - at;
+  const unsigned char b0 = byte(0);
+  if (b0 < 0x80) return 1;
+  unsigned char low = 0x80;
+  unsigned char high = 0xBF;
+  size_t length = 0;
+  if (b0 >= 0xC2 && b0 <= 0xDF) {
+    length = 2;
+  } else if (b0 >= 0xE0 && b0 <= 0xEF) {
+    length = 3;
+    if (b0 == 0xE0) low = 0xA0;   // overlong
+    if (b0 == 0xED) high = 0x9F;  // surrogates
+  } else if (b0 >= 0xF0 && b0 <= 0xF4) {
+    length = 4;
+    if (b0 == 0xF0) low = 0x90;   // overlong
+    if (b0 == 0xF4) high = 0x8F;  // past U+10FFFF
+  } else {
+    return 0;
+  }
+  if (left < length || byte(1) < low || byte(1) > high) return 0;
+  for (size_t i = 2; i < length; ++i) {
+    if (byte(i) < 0x80 || byte(i) > 0xBF) return 0;
+  }
+  return length;
+}
+
+}  // namespace
+
+bool isValidUtf8(const std::string& text) {
+  for (size_t at = 0; at < text.size();) {
+    const size_t length = SequenceLength(text, at);
+    if (length == 0) return false;
+    at += length;
+  }
+  return true;
+}
+
+std::string toValidUtf8(const std::string& text) {
+  if (isValidUtf8(text)) return text;
+  std::string out;
+  out.reserve(text.size() + 8);
+  for (size_t at = 0; at < text.size();) {
+    const size_t length = SequenceLength(text, at);
+    if (length == 0) {
+      out += "\xEF\xBF\xBD";
+      ++at;
+    } else {
+      out.append(text, at, length);
+      at += length;
+    }
+  }
+  return out;
+}
+
+void makeValidUtf8(Value& value) {
+  if (value.isString()) {
+    const char* begin = nullptr;
+    const char* end = nullptr;
+    value.getString(&begin, &end);
+    const std::string text(begin, end);
+    if (!isValidUtf8(text)) value = toValidUtf8(text);
+  } else if (value.isArray()) {
+    for (auto& item : value) makeValidUtf8(item);
+  } else if (value.isObject()) {
+    bool names_valid = true;
+    for (const auto& name : value.getMemberNames()) names_valid = names_valid && isValidUtf8(name);
+    if (!names_valid) {
+      // Two names may become one: the later member wins, as a parser would.
+      Value renamed(objectValue);
+      for (const auto& name : value.getMemberNames()) {
+        renamed[toValidUtf8(name)] = std::move(value[name]);
+      }
+      value.swap(renamed);
+    }
+    for (auto& member : value) makeValidUtf8(member);
+  }
+}
+
 }  // namespace Json

@@ -46,6 +46,13 @@ bool ChownKestOndri(const std::string& path);
 // are not followed. Throws Error 502 when a folder cannot be opened.
 void ProcessDir(const std::string& dir, const std::function<void(const std::string&)>& callback);
 
+// Answers are UTF-8, and a path that is not shows a replacement character
+// where its bad bytes stand. Such a path travels as a reference that keeps
+// its bytes: "hex:" and the bytes in hexadecimal. No absolute path begins so.
+std::string PathRef(const std::string& path);
+// The path a parameter names: a reference decoded, anything else as it is.
+std::string PathFromParam(const std::string& param);
+
 }  // namespace kestondri
 
 #endif  // KESTONDRI_COMMON_UTIL_H_
