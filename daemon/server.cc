@@ -244,21 +244,25 @@ void Server::Wait() {
   }
 }
 
-void Server::LogRefusal(uid_t uid, int kind, const char* what, long limit) {
+void Server::LogRefusal(uid_t uid, int kind, long limit) {
+  static const char* const kWhat[][2] = {{"connection", "open connections"},
+                                         {"request", "requests in progress"},
+                                         {"request", "bytes of requests still arriving"}};
   RefusalLog& log = refusals_[{uid, kind}];
   time_t now = time(nullptr);
   if (log.last != 0 && now - log.last < kRefusalLogSeconds) {
     ++log.unlogged;
     return;
   }
-  syslog(LOG_WARNING, "refused a %s of uid %u: at most %ld per uid (%ld more refused unlogged)",
-         what, static_cast<unsigned>(uid), limit, log.unlogged);
+  syslog(LOG_WARNING, "refused a %s of uid %u: at most %ld %s per uid (%ld more refused unlogged)",
+         kWhat[kind][0], static_cast<unsigned>(uid), limit, kWhat[kind][1], log.unlogged);
   log.last = now;
   log.unlogged = 0;
 }
 
 void Server::PollLoop() {
   epoll_event events[64];
+  time_t last_sweep = 0;
   while (!stopping_) {
     int n = epoll_wait(epoll_fd_, events, 64, 1000);
     if (n < 0 && errno != EINTR) break;
@@ -277,7 +281,10 @@ void Server::PollLoop() {
       }
     }
     TakeBack();
-    CloseIdle(time(nullptr));
+    // Once a second is enough for time-outs counted in seconds.
+    const time_t now = time(nullptr);
+    if (now != last_sweep) CloseIdle(now);
+    last_sweep = now;
   }
   stopping_ = true;
   std::lock_guard<std::mutex> lock(mutex_);
@@ -302,7 +309,7 @@ void Server::Accept() {
     // Root is the module, acting for the web's users and bounded by the
     // web server; any other uid is a local user whose share is bounded.
     if (cred.uid != 0 && uid_conns_[cred.uid] >= options_.max_connections_per_uid) {
-      LogRefusal(cred.uid, kTooManyConnections, "connection", options_.max_connections_per_uid);
+      LogRefusal(cred.uid, kTooManyConnections, options_.max_connections_per_uid);
       close(fd);
       continue;
     }
@@ -335,8 +342,7 @@ Server::ReadResult Server::ReadRequest(Connection& c) {
     const size_t want = std::min(target - have, kReadChunk);
     size_t& partial = uid_partial_bytes_[c.peer.uid];
     if (limited && partial + want > kMaxPartialBytesPerUid) {
-      LogRefusal(c.peer.uid, kTooManyBytes, "request of this many bytes still arriving",
-                 static_cast<long>(kMaxPartialBytesPerUid));
+      LogRefusal(c.peer.uid, kTooManyBytes, static_cast<long>(kMaxPartialBytesPerUid));
       return ReadResult::kClose;
     }
     c.in.resize(have + want);
@@ -378,7 +384,7 @@ void Server::OnReadable(int fd) {
   if ((uid_partial_bytes_[c.peer.uid] -= c.in.size()) == 0) uid_partial_bytes_.erase(c.peer.uid);
   int& requests = uid_requests_[c.peer.uid];
   if (c.peer.uid != 0 && requests >= options_.max_requests_per_uid) {
-    LogRefusal(c.peer.uid, kTooManyRequests, "request", options_.max_requests_per_uid);
+    LogRefusal(c.peer.uid, kTooManyRequests, options_.max_requests_per_uid);
     c.in.clear();
     Close(fd);
     return;

@@ -105,9 +105,9 @@ class Server {
   // Closes a connection the poller holds, or one a worker gave back.
   void Close(int fd);
   void CloseReturned(Connection& c);
-  // Logs a refusal of `uid`'s (what, limit), at most once a minute per uid
-  // and kind, with the count of those left unlogged.
-  void LogRefusal(uid_t uid, int kind, const char* what, long limit);
+  // Logs a refusal of `uid`'s connection or request (kind, bound), at most
+  // once a minute per uid and kind, with the count of those left unlogged.
+  void LogRefusal(uid_t uid, int kind, long limit);
   void WorkerLoop(IdleWorker& self);
   // Gives a request to the last worker to become idle, or queues it when
   // all are busy. Called with mutex_ held.
