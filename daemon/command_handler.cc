@@ -417,6 +417,7 @@ void CommandHandler::Search(const Json::Value& data, const Peer& peer, IndexCach
     if (out.Send(count)) out.Send(Success());
     return;
   }
+  if (out.Abandoned()) return;
   std::unique_ptr<UserAccess> access = MakeAccess(filter_uid, peer);
   MarkTerms marks = KeywordMarkTerms(parts.keyword);
   MatchPage page;
@@ -446,6 +447,8 @@ void CommandHandler::Search(const Json::Value& data, const Peer& peer, IndexCach
   }
   std::vector<HitValues> values = PageValues(shards.combined, page.hits, slots);
   for (size_t i = 0; i < page.hits.size(); ++i) {
+    // A page with fragments is long to build: not for a client that left.
+    if (i % 16 == 15 && out.Abandoned()) return;
     const Match& match = page.hits[i];
     Json::Value hit(Json::objectValue);
     size_t shard = (match.docid - 1) % n;
@@ -551,6 +554,14 @@ void CommandHandler::Indicate(const Json::Value& data, const Peer& peer, IndexCa
   // that the client always has something to show.
   Json::Value counts(Json::objectValue);
   const Json::Value& queries = data["queries"];
+  if (queries.isArray() && queries.size() > kMaxIndicateQueries) {
+    Json::Value reply =
+        ErrorReply(kErrTooManyQueries, "too many queries: " + std::to_string(queries.size()) +
+                                           ", at most " + std::to_string(kMaxIndicateQueries));
+    reply["data"] = Json::Value(Json::objectValue);
+    out.Send(reply);
+    return;
+  }
   if (queries.isArray()) {
     for (const auto& q : queries) {
       if (q.isObject() && q["name"].isString()) counts[q["name"].asString()] = 0;
@@ -562,6 +573,9 @@ void CommandHandler::Indicate(const Json::Value& data, const Peer& peer, IndexCa
     Shards shards = OpenShards(data["indice"], cache);
     std::unique_ptr<UserAccess> peer_access;
     std::map<uid_t, std::unique_ptr<UserAccess>> accesses;
+    // Queries that differ only in their names, in repeated types or in the
+    // spelling of their operator count the same: each is matched once.
+    std::map<std::string, Json::UInt64> done;
     for (const auto& q : queries) {
       if (!q.isObject() || !q["name"].isString() ||
           (!q["query"].isNull() && !q["query"].isObject())) {
@@ -572,11 +586,22 @@ void CommandHandler::Indicate(const Json::Value& data, const Peer& peer, IndexCa
       QueryParts parts = ReadQueryParts(keyword, data["criteria_list"], data["search_weight_list"],
                                         OptionalString(query, "default_search_op", "AND"));
       std::vector<std::string> types = FilterTypes(query["filters"]);
+      std::sort(types.begin(), types.end());
+      types.erase(std::unique(types.begin(), types.end()), types.end());
       bool unknown_type = false;
       for (const auto& t : types) unknown_type |= !t.empty() && !index::IsKnownType(t);
       // A type this index does not know matches nothing.
       if (unknown_type) continue;
       std::optional<uid_t> uid = FilterUid(query["filters"], peer);
+      std::string key = (uid ? std::to_string(*uid) : "-") + (parts.default_or ? "|OR" : "|AND");
+      for (const auto& t : types) key += "|" + t;
+      auto known = done.find(key);
+      if (known != done.end()) {
+        counts[q["name"].asString()] = known->second;
+        continue;
+      }
+      // Nobody reads the counts of a client that left.
+      if (out.Abandoned()) return;
       UserAccess* access = nullptr;
       if (uid) {
         auto& slot = accesses[*uid];
@@ -585,7 +610,7 @@ void CommandHandler::Indicate(const Json::Value& data, const Peer& peer, IndexCa
       }
       Xapian::Query xq = WithTypes(BuildQuery(parts, shards.combined), types, shards.combined);
       MatchPage page = RunQuery(shards.combined, xq, 0, 0, access);
-      counts[q["name"].asString()] = static_cast<Json::UInt64>(page.total);
+      counts[q["name"].asString()] = done[key] = static_cast<Json::UInt64>(page.total);
     }
   } catch (const Xapian::WildcardError&) {
     Json::Value reply = ErrorReply(kErrMalformedQuery, "wildcard matches too many terms");

@@ -31,6 +31,10 @@ class ReplySink {
   virtual ~ReplySink() = default;
   // False when the message could not be delivered (the client went away).
   virtual bool Send(const Json::Value& message) = 0;
+  // True when nobody will read the rest of the reply (the client went away,
+  // or the daemon stops): long requests look between units of work and
+  // give up.
+  virtual bool Abandoned() { return false; }
 };
 
 // Hits a search may ask for at once; larger pages are cut to this.
@@ -42,6 +46,10 @@ constexpr size_t kHitScanLimit = 64u << 10;
 // most this many fragments.
 constexpr size_t kMaxHitHighlights = 3;
 constexpr size_t kMaxHitFragments = 5;
+// Queries one "indicate" may hold: one per file type with ample room for
+// repeats. Each costs a filtered match over the indices, so a longer list
+// is refused (kErrTooManyQueries) rather than answered.
+constexpr unsigned kMaxIndicateQueries = 64;
 
 class CommandHandler {
  public:

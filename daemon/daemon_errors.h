@@ -17,6 +17,7 @@ enum DaemonErrorCode {
   kErrNoDocument = 1003,        // highlight: no such index or document, or not visible
   kErrIndexUnavailable = 1004,  // highlight: the index is missing, checked or damaged
   kErrInternal = 1005,          // anything else; the daemon goes on serving
+  kErrTooManyQueries = 1006,    // indicate: more queries than one request may hold
 };
 
 // Thrown while handling one request; becomes the request's error reply.

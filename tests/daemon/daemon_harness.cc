@@ -13,13 +13,14 @@
 #include <algorithm>
 #include <chrono>
 #include <cstring>
+#include <memory>
 #include <thread>
 
 #include "support/sandbox.h"
 
 namespace kesttest {
 
-bool DaemonProcess::Start(const std::vector<std::string>& args) {
+bool DaemonProcess::Start(const std::vector<std::string>& args, const std::string& socket) {
   std::string program = std::string(KEST_BINARY_DIR) + "/daemon/kestelasticd";
   pid_ = fork();
   if (pid_ == 0) {
@@ -32,7 +33,7 @@ bool DaemonProcess::Start(const std::vector<std::string>& args) {
   }
   if (pid_ < 0) return false;
   for (int i = 0; i < 500; ++i) {
-    kestdaemon::DomainSockConnection conn(kDaemonSocket);
+    kestdaemon::DomainSockConnection conn(socket);
     if (conn.Connect(5)) return true;
     int status;
     if (waitpid(pid_, &status, WNOHANG) == pid_) {
@@ -90,20 +91,30 @@ std::vector<Json::Value> ExchangeRaw(const std::string& bytes) {
   return ReadReply(conn);
 }
 
+namespace {
+
+// In a child: takes the uid, gid and groups of the sandbox's `user`.
+void BecomeUser(const std::string& user) {
+  if (user == "root") return;
+  const TestUser& u = UserByName(user);
+  std::vector<gid_t> groups = {u.gid};
+  for (const char* g : u.groups) {
+    if (struct group* gr = getgrnam(g)) groups.push_back(gr->gr_gid);
+  }
+  if (setgroups(groups.size(), groups.data()) != 0 || setgid(u.gid) != 0 || setuid(u.uid) != 0) {
+    _exit(3);
+  }
+}
+
+}  // namespace
+
 std::vector<Json::Value> ExchangeAs(const std::string& user, const Json::Value& request) {
   int fds[2];
   if (pipe(fds) != 0) return {};
   pid_t child = fork();
   if (child == 0) {
     close(fds[0]);
-    const TestUser& u = UserByName(user);
-    std::vector<gid_t> groups = {u.gid};
-    for (const char* g : u.groups) {
-      if (struct group* gr = getgrnam(g)) groups.push_back(gr->gr_gid);
-    }
-    if (setgroups(groups.size(), groups.data()) != 0 || setgid(u.gid) != 0 || setuid(u.uid) != 0) {
-      _exit(3);
-    }
+    BecomeUser(user);
     Json::Value all(Json::arrayValue);
     for (auto& m : Exchange(request)) all.append(m);
     std::string text = Json::toString(all);
@@ -128,6 +139,34 @@ std::vector<Json::Value> ExchangeAs(const std::string& user, const Json::Value& 
   if (!WIFEXITED(status) || WEXITSTATUS(status) != 0 || !Json::fromString(all, text)) return out;
   for (const auto& m : all) out.push_back(m);
   return out;
+}
+
+pid_t HoldConnectionsAs(const std::string& user, int count, const std::string& bytes,
+                        const std::string& socket) {
+  int ready[2];
+  if (pipe(ready) != 0) return -1;
+  pid_t child = fork();
+  if (child == 0) {
+    close(ready[0]);
+    BecomeUser(user);
+    std::vector<std::unique_ptr<kestdaemon::DomainSockConnection>> held;
+    for (int i = 0; i < count; ++i) {
+      held.push_back(std::make_unique<kestdaemon::DomainSockConnection>(socket));
+      // Refused ones (closed by the daemon) fail here or later: no matter.
+      if (held.back()->Connect(5)) {
+        ssize_t n = send(held.back()->fd(), bytes.data(), bytes.size(), MSG_NOSIGNAL);
+        (void)n;
+      }
+    }
+    close(ready[1]);
+    for (;;) pause();
+  }
+  close(ready[1]);
+  char c;
+  ssize_t n = read(ready[0], &c, 1);  // end of file once all are sent
+  (void)n;
+  close(ready[0]);
+  return child;
 }
 
 Json::Value Request(const std::string& command, const Json::Value& data) {

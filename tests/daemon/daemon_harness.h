@@ -24,9 +24,9 @@ class DaemonProcess {
   DaemonProcess(const DaemonProcess&) = delete;
   DaemonProcess& operator=(const DaemonProcess&) = delete;
 
-  // Extra arguments after the program name; waits until the socket accepts.
+  // Extra arguments after the program name; waits until `socket` accepts.
   // False when the daemon did not come up.
-  bool Start(const std::vector<std::string>& args = {});
+  bool Start(const std::vector<std::string>& args = {}, const std::string& socket = kDaemonSocket);
   // Exit status of the daemon (as from waitpid), -1 when it was not running.
   int Stop();
   pid_t pid() const { return pid_; }
@@ -42,6 +42,11 @@ std::vector<Json::Value> Exchange(const Json::Value& request);
 // The same from a child process running as `user` (uid, gid and groups of
 // the sandbox's test user), so the daemon sees that user as its peer.
 std::vector<Json::Value> ExchangeAs(const std::string& user, const Json::Value& request);
+// A child process running as `user` ("root" for the module's view) that
+// opens `count` connections to `socket`, sends `bytes` on each, never reads
+// and holds them until killed. Returns once all are sent; its pid.
+pid_t HoldConnectionsAs(const std::string& user, int count, const std::string& bytes,
+                        const std::string& socket = kDaemonSocket);
 // Sends raw bytes (framing included) and returns the reply messages.
 std::vector<Json::Value> ExchangeRaw(const std::string& bytes);
 

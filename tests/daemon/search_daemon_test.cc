@@ -18,6 +18,7 @@
 
 #include <algorithm>
 #include <atomic>
+#include <chrono>
 #include <cstdlib>
 #include <cstring>
 #include <map>
@@ -29,6 +30,7 @@
 #include "daemon/daemon_harness.h"
 #include "index_schema.h"
 #include "support/sandbox.h"
+#include "support/syslog_capture.h"
 
 namespace kesttest {
 namespace {
@@ -563,6 +565,119 @@ TEST_F(SearchDaemonTest, ServesFiftyClientsAtOnce) {
   }
   for (auto& t : clients) t.join();
   EXPECT_EQ(50, good.load());
+}
+
+double SecondsSince(std::chrono::steady_clock::time_point start) {
+  return std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
+}
+
+// What one local user can leave half done on the socket, 160 times over,
+// holds no worker: another user's search answers at once, the refusals
+// are logged, and the user is served again once his connections are gone.
+TEST_F(SearchDaemonTest, OneUsersStalledConnectionsDoNotHoldUpAnother) {
+  const std::string search = Frame(Json::toString(SearchRequest({kDocs}, "zebra")));
+  const std::string cases[] = {
+      std::string(1, '\0'), search.substr(0, search.size() / 2),
+      std::string("\x04\0\0\0", 4),  // 64 MiB announced, nothing sent
+  };
+  SyslogCapture::Instance().Clear();
+  for (const auto& bytes : cases) {
+    pid_t bob = HoldConnectionsAs("bob", 160, bytes);
+    ASSERT_GT(bob, 0);
+    const auto start = std::chrono::steady_clock::now();
+    auto ann = ExchangeAs("ann", SearchRequest({kDocs}, "zebra"));
+    EXPECT_LT(SecondsSince(start), 5.0);
+    EXPECT_EQ((Names{"ann-private.txt", "secret.txt"}), HitNames(ann));
+    kill(bob, SIGKILL);
+    waitpid(bob, nullptr, 0);
+  }
+  EXPECT_TRUE(SyslogCapture::Instance().WaitFor("refused a connection of uid 2002"));
+  Names again;
+  for (int i = 0; i < 250 && again.empty(); ++i) {
+    again = HitNames(ExchangeAs("bob", SearchRequest({kDocs}, "quarterly")));
+    if (again.empty()) usleep(20000);
+  }
+  EXPECT_EQ(Names{"report.txt"}, again);
+}
+
+Json::Value IndicateQuery(const std::string& name, const std::vector<std::string>& types,
+                          const char* op = "AND") {
+  Json::Value q;
+  q["name"] = name;
+  q["query"]["default_search_op"] = op;
+  for (const auto& t : types) {
+    Json::Value f;
+    f["name"] = "file_type";
+    f["data"] = t;
+    q["query"]["filters"].append(f);
+  }
+  return q;
+}
+
+// One indicate may not buy minutes of the daemon's time: repeats of a query
+// are matched once and count the same, and a list longer than any client
+// asks for is refused with its own code.
+TEST_F(SearchDaemonTest, IndicateMatchesRepeatsOnceAndRefusesHugeLists) {
+  const Json::Value base = ParseJson(R"({"keyword": "mutex", "indice": ["fileindex_docs"]})");
+  const char* types[] = {"document", "folder", "all", "photo"};
+  Json::Value single = base;
+  for (const char* t : types) single["queries"].append(IndicateQuery(t, {t}));
+  const Json::Value counts = ExchangeAs("bob", Request("indicate", single))[0]["data"];
+  ASSERT_GT(counts["document"].asInt(), 0) << Json::toString(counts);
+  // The most a request may hold: the same few queries under many names,
+  // with repeated filters and their operator spelled in two ways.
+  Json::Value repeats = base;
+  for (int i = 0; i < 64; ++i) {
+    const std::string t = types[i % 4];
+    repeats["queries"].append(IndicateQuery(
+        "q" + std::to_string(i), std::vector<std::string>(i % 3 + 1, t), i % 2 ? "AND" : "and"));
+  }
+  auto reply = ExchangeAs("bob", Request("indicate", repeats));
+  ASSERT_EQ(1u, reply.size());
+  EXPECT_TRUE(reply[0]["success"].asBool()) << Json::toString(reply[0]);
+  for (int i = 0; i < 64; ++i) {
+    EXPECT_EQ(counts[types[i % 4]], reply[0]["data"]["q" + std::to_string(i)]) << i;
+  }
+  Json::Value huge = base;
+  for (int i = 0; i < 4000; ++i) huge["queries"].append(repeats["queries"][i % 64]);
+  reply = ExchangeAs("bob", Request("indicate", huge));
+  ASSERT_EQ(1u, reply.size());
+  EXPECT_FALSE(reply[0]["success"].asBool());
+  EXPECT_EQ(1006, reply[0]["error"]["code"].asInt());
+  EXPECT_NE(std::string::npos, reply[0]["error"]["msg"].asString().find("4000"));
+  EXPECT_EQ(Json::Value(Json::objectValue), reply[0]["data"]);
+}
+
+// Clients that leave requests and replies half done, some of them killed
+// and some still there: SIGTERM ends the daemon at once, and in order.
+TEST_F(SearchDaemonTest, StopsAtOnceWhateverClientsLeftHalfDone) {
+  const std::string sock = "/run/stopping.sock";
+  DaemonProcess daemon;
+  ASSERT_TRUE(daemon.Start({"--socket", sock, "--workers", "4", "--index",
+                            std::string(kDocs) + "=/volume1/@kestondri/index/docs"},
+                           sock));
+  // A reply far larger than the socket's buffers: long query names.
+  Json::Value big = ParseJson(R"({"keyword": "mutex", "indice": ["fileindex_docs"]})");
+  for (char c = 'a'; c < 'e'; ++c)
+    big["queries"].append(IndicateQuery(std::string(1 << 18, c), {}));
+  const std::string search = Frame(Json::toString(SearchRequest({kDocs}, "mutex")));
+  const std::string cases[] = {std::string(1, '\0'), search.substr(0, 20),
+                               Frame(Json::toString(Request("indicate", big)))};
+  std::vector<pid_t> killed, alive;
+  for (const auto& bytes : cases) {
+    killed.push_back(HoldConnectionsAs("root", 8, bytes, sock));
+    alive.push_back(HoldConnectionsAs("root", 8, bytes, sock));
+  }
+  for (pid_t p : killed) kill(p, SIGKILL);
+  for (pid_t p : killed) waitpid(p, nullptr, 0);
+  usleep(200000);
+  const auto start = std::chrono::steady_clock::now();
+  const int status = daemon.Stop();
+  EXPECT_LT(SecondsSince(start), 3.0);
+  EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << status;
+  EXPECT_NE(0, access(sock.c_str(), F_OK));
+  for (pid_t p : alive) kill(p, SIGKILL);
+  for (pid_t p : alive) waitpid(p, nullptr, 0);
 }
 
 TEST_F(SearchDaemonTest, ReadersSeeWhatTheIndexerCommits) {
