@@ -81,6 +81,24 @@ std::vector<std::string> Search(const std::string& user, const std::string& keyw
                                            : kesttest::ExchangeAs(user, request));
 }
 
+// Adds folders as `user` would through the web API: in a process whose
+// effective identity is the user's.
+bool AddAs(const std::string& user, const Json::Value& folders) {
+  const pid_t child = fork();
+  if (child == 0) {
+    try {
+      if (!ResetCredentialsByName(user, true)) _exit(2);
+      fileindex::FolderAdd(folders, false);
+    } catch (...) {
+      _exit(1);
+    }
+    _exit(0);
+  }
+  int status = 0;
+  return child > 0 && waitpid(child, &status, 0) == child && WIFEXITED(status) &&
+         WEXITSTATUS(status) == 0;
+}
+
 Json::Value Parse(const std::string& text) {
   Json::Value value;
   Json::Reader().parse(text, value);
@@ -197,6 +215,41 @@ TEST_F(IndexerServiceTest, ChangesFollowWithinSeconds) {
     Xapian::Database db(kDb);
     return db.term_exists(index::ExactTerm(index::kPrefixOwner, "2001"));
   }));
+}
+
+// Folders of different users nest. A user's folder inside an administrator's
+// may switch every type off or be paused: the administrator's documents stay
+// indexed, and new ones are indexed, for everybody.
+TEST_F(IndexerServiceTest, NoUsersFolderTakesDocumentsOutOfAnothers) {
+  const struct {
+    const char* dir;
+    const char* settings;
+  } nested[] = {
+      {"off", R"("video": false, "audio": false, "photo": false, "document": false)"},
+      {"paused", R"("paused": true)"},
+      {"paused-off", R"("paused": true, "document": false, "photo": false)"},
+  };
+  for (const auto& n : nested) {
+    WriteFile(std::string(kFolder) + "/" + n.dir + "/old.txt", "old\n");
+    WriteFile(std::string(kFolder) + "/" + n.dir + "/pic.jpg", "\xff\xd8\xff\xe0");
+  }
+  ASSERT_EQ(0, system("chmod -R 0777 /volume1/docs"));
+  AddFolder();
+  StartAndWaitForCrawl();
+  for (const auto& n : nested) {
+    ASSERT_TRUE(AddAs("ann", Parse(std::string(R"([{"path": ")") + kFolder + "/" + n.dir + "\", " +
+                                   n.settings + "}]")))
+        << n.dir;
+  }
+  std::this_thread::sleep_for(std::chrono::seconds(2));  // the indexer rereads the store
+  ASSERT_TRUE(WaitFor([] { return !Exists(kQueue); }));
+  for (const auto& n : nested) {
+    const std::string dir = std::string(kFolder) + "/" + n.dir;
+    EXPECT_TRUE(IsIndexed(dir + "/old.txt")) << n.dir;
+    EXPECT_TRUE(IsIndexed(dir + "/pic.jpg")) << n.dir;
+    WriteFile(dir + "/new.txt", "new\n");
+    EXPECT_TRUE(WaitFor([&] { return IsIndexed(dir + "/new.txt"); })) << n.dir;
+  }
 }
 
 TEST_F(IndexerServiceTest, UsersSeeOnlyWhatTheyMayRead) {
