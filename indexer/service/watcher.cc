@@ -263,6 +263,12 @@ void Watcher::Run() {
     if (fds[0].revents & POLLIN) HandleEvents();
   }
   Flush();
+  // Nothing applies requests any more: whoever waits for one must not hang.
+  {
+    std::lock_guard<std::mutex> guard(mutex_);
+    stop_ = true;
+  }
+  applied_cv_.notify_all();
 }
 
 }  // namespace indexer
