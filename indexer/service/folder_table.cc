@@ -26,6 +26,22 @@ bool PathWithin(const std::string& path, const std::string& dir) {
 FolderTable::FolderTable(std::vector<IndexedFolder> folders) : folders_(std::move(folders)) {
   std::sort(folders_.begin(), folders_.end(),
             [](const IndexedFolder& a, const IndexedFolder& b) { return a.path < b.path; });
+  // Folders sort before the folders they hold, so the nearest holder of
+  // each is merged already; only folders that are not paused add wishes.
+  merged_.reserve(folders_.size());
+  for (size_t i = 0; i < folders_.size(); ++i) {
+    IndexedFolder m = folders_[i];
+    if (m.paused) m.video = m.audio = m.photo = m.document = false;
+    const size_t slash = m.path.rfind('/');
+    if (const IndexedFolder* holder = slash > 0 ? Governing(m.path.substr(0, slash)) : nullptr) {
+      m.paused = m.paused && holder->paused;
+      m.video = m.video || holder->video;
+      m.audio = m.audio || holder->audio;
+      m.photo = m.photo || holder->photo;
+      m.document = m.document || holder->document;
+    }
+    merged_.push_back(m);
+  }
 }
 
 std::shared_ptr<const FolderTable> FolderTable::Load() {
@@ -53,11 +69,17 @@ std::shared_ptr<const FolderTable> FolderTable::Load() {
 }
 
 const IndexedFolder* FolderTable::Governing(const std::string& path) const {
-  const IndexedFolder* best = nullptr;
-  for (const auto& f : folders_) {
-    if (PathWithin(path, f.path) && (!best || f.path.size() > best->path.size())) best = &f;
+  // The deepest folder holding `path` is the longest of its leading parts
+  // that is a folder: a few binary searches rather than a look at each.
+  for (size_t end = path.size(); end != std::string::npos && end > 0;
+       end = path.rfind('/', end - 1)) {
+    const std::string part = path.substr(0, end);
+    auto it =
+        std::lower_bound(merged_.begin(), merged_.end(), part,
+                         [](const IndexedFolder& f, const std::string& p) { return f.path < p; });
+    if (it != merged_.end() && it->path == part) return &*it;
   }
-  return best;
+  return nullptr;
 }
 
 std::vector<const IndexedFolder*> FolderTable::Within(const std::string& path) const {

@@ -41,7 +41,12 @@ class FolderTable {
   static std::shared_ptr<const FolderTable> Load();
 
   const std::vector<IndexedFolder>& folders() const { return folders_; }
-  // The deepest indexed folder holding `path`; null when none does.
+  // What governs `path`: the wishes of every indexed folder holding it,
+  // merged (docs/indexer.md): paused only when all of them are paused; a
+  // file type is wanted when any of those not paused wants it. `path` is the
+  // deepest of them. Null when no folder holds `path`. Folders belong to
+  // different users, and no user's choice may take a document out of
+  // another's folder.
   const IndexedFolder* Governing(const std::string& path) const;
   // Folders at or below `path`.
   std::vector<const IndexedFolder*> Within(const std::string& path) const;
@@ -52,6 +57,9 @@ class FolderTable {
 
  private:
   std::vector<IndexedFolder> folders_;  // sorted by path
+  // Per folder of folders_, its wishes merged with those of the folders
+  // holding it: every folder holding a path holds the deepest of them.
+  std::vector<IndexedFolder> merged_;
 };
 
 }  // namespace indexer

@@ -318,8 +318,10 @@ int IndexerService::Run() {
   Watcher watcher([this](const std::map<std::string, std::vector<std::string>>& changes) {
     OnChanges(changes);
   });
-  watcher.SetFolders(folders_);
   std::thread watching([&watcher] { watcher.Run(); });
+  // Returns once every folder is watched: a walk that began before its
+  // folder's watch would miss for good a file created between the two.
+  watcher.SetFolders(folders_);
   syslog(LOG_INFO, "index: started, %zu folders", folders_->folders().size());
 
   // The first walk of every folder: after a restart it only looks at what
@@ -341,8 +343,8 @@ int IndexerService::Run() {
     }
     if (now - last_check >= options_.check_interval) {
       last_check = now;
+      watcher.Rescan();  // watches renewed before the walks they must cover
       QueueAllFolders();
-      watcher.Rescan();
     }
     bool busy = false;
     if (!SuggestRunning() && !Paused()) {

@@ -16,8 +16,6 @@ namespace kestondri {
 namespace indexer {
 namespace {
 
-constexpr char kHeader[] = "# kestondri queue 1";
-
 [[noreturn]] void Fail(const std::string& what) {
   throw std::runtime_error(what + ": " + strerror(errno));
 }
@@ -34,8 +32,7 @@ void ReadInto(const std::string& file, std::vector<QueueItem>* out) {
   std::vector<fileindex::QueueEntry> entries;
   fileindex::ReadQueueFile(file, &entries);
   for (const auto& entry : entries) {
-    // The indexer acts on absolute volume paths only.
-    if (entry.path[0] == '/') out->push_back(QueueItem{entry.op, entry.path});
+    out->push_back(QueueItem{entry.op, entry.path});  // absolute paths only
   }
 }
 
@@ -104,8 +101,9 @@ void QueueFile::WriteLocked(const std::vector<QueueItem>& items) {
     known_ = StampNow();
     return;
   }
-  std::string text = std::string(kHeader) + "\n";
-  for (const auto& item : items) text += item.op + "\t" + item.path + "\n";
+  std::vector<fileindex::QueueEntry> entries;
+  for (const auto& item : items) entries.push_back({item.op, item.path});
+  const std::string text = fileindex::FormatQueueText(entries);
   const int fd = open(tmp.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC | O_NOFOLLOW, 0600);
   if (fd < 0) Fail("cannot write " + tmp);
   size_t done = 0;

@@ -47,25 +47,27 @@ Watcher::~Watcher() {
 }
 
 void Watcher::SetFolders(std::shared_ptr<const FolderTable> folders) {
-  {
-    std::lock_guard<std::mutex> guard(mutex_);
-    next_folders_ = std::move(folders);
-  }
-  const uint64_t one = 1;
-  (void)!write(wake_fd_, &one, sizeof one);
+  Request(std::move(folders), false, true);
 }
 
-void Watcher::Rescan() {
-  {
-    std::lock_guard<std::mutex> guard(mutex_);
-    rescan_ = true;
-  }
+void Watcher::Rescan() { Request(nullptr, true, true); }
+
+void Watcher::Request(std::shared_ptr<const FolderTable> folders, bool rescan, bool wait) {
+  std::unique_lock<std::mutex> lock(mutex_);
+  if (folders) next_folders_ = std::move(folders);
+  rescan_ = rescan_ || rescan;
+  const uint64_t mine = ++requested_;
   const uint64_t one = 1;
   (void)!write(wake_fd_, &one, sizeof one);
+  if (wait) applied_cv_.wait(lock, [&] { return applied_ >= mine || stop_; });
 }
 
 void Watcher::Stop() {
-  stop_ = true;
+  {
+    std::lock_guard<std::mutex> guard(mutex_);
+    stop_ = true;
+  }
+  applied_cv_.notify_all();
   const uint64_t one = 1;
   (void)!write(wake_fd_, &one, sizeof one);
 }
@@ -125,11 +127,13 @@ void Watcher::RemoveTree(const std::string& root) {
 void Watcher::Apply() {
   std::shared_ptr<const FolderTable> next;
   bool rescan;
+  uint64_t requested;
   {
     std::lock_guard<std::mutex> guard(mutex_);
     next = std::move(next_folders_);
     rescan = rescan_;
     rescan_ = false;
+    requested = requested_;
   }
   if (next) {
     std::shared_ptr<const FolderTable> old = folders_;
@@ -155,6 +159,12 @@ void Watcher::Apply() {
     warned_limit_ = false;
     for (const auto& f : folders_->folders()) AddTree(f.path);
   }
+  if (requested == applied_) return;
+  {
+    std::lock_guard<std::mutex> guard(mutex_);
+    applied_ = requested;
+  }
+  applied_cv_.notify_all();
 }
 
 void Watcher::Note(const std::string& path) {
@@ -198,15 +208,17 @@ void Watcher::HandleEvents() {
       if (ev->mask & IN_Q_OVERFLOW) {
         syslog(LOG_WARNING, "index: inotify queue overflowed; folders are checked again");
         overflowed_ = true;
-        Rescan();
+        Request(nullptr, true, false);  // applied by this thread's next Apply()
         continue;
       }
       auto it = dirs_.find(ev->wd);
       if (it == dirs_.end()) continue;
       const std::string dir = it->second;
       if (ev->mask & IN_IGNORED) {
-        // The folder went away, or its volume was unmounted.
-        watches_.erase(dir);
+        // The folder went away, or its volume was unmounted. A folder made
+        // again under the same name may have its own watch already.
+        auto watch = watches_.find(dir);
+        if (watch != watches_.end() && watch->second == ev->wd) watches_.erase(watch);
         dirs_.erase(it);
         continue;
       }
@@ -251,6 +263,12 @@ void Watcher::Run() {
     if (fds[0].revents & POLLIN) HandleEvents();
   }
   Flush();
+  // Nothing applies requests any more: whoever waits for one must not hang.
+  {
+    std::lock_guard<std::mutex> guard(mutex_);
+    stop_ = true;
+  }
+  applied_cv_.notify_all();
 }
 
 }  // namespace indexer

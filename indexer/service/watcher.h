@@ -6,11 +6,15 @@
 // what appeared again.
 //
 // Run() belongs to one thread; SetFolders(), Rescan() and Stop() may be
-// called from any other.
+// called from any other. SetFolders() and Rescan() return once the watches
+// are in place: a folder must be watched before it is walked, or what
+// changes between the walk's look at a folder and its watch is never seen.
 #ifndef KESTONDRI_INDEXER_SERVICE_WATCHER_H_
 #define KESTONDRI_INDEXER_SERVICE_WATCHER_H_
 
 #include <atomic>
+#include <condition_variable>
+#include <cstdint>
 #include <functional>
 #include <map>
 #include <memory>
@@ -37,12 +41,14 @@ class Watcher {
 
   void SetFolders(std::shared_ptr<const FolderTable> folders);
   void Rescan();
+  // Stops Run(); a SetFolders() or Rescan() waiting returns.
   void Stop();
   void Run();
 
  private:
   void AddTree(const std::string& root);
   void RemoveTree(const std::string& root);
+  void Request(std::shared_ptr<const FolderTable> folders, bool rescan, bool wait);
   void Apply();
   void Note(const std::string& path);
   void Flush();
@@ -53,9 +59,12 @@ class Watcher {
   int wake_fd_ = -1;
   std::atomic<bool> stop_{false};
 
-  std::mutex mutex_;  // guards next_folders_ and rescan_
+  std::mutex mutex_;  // guards next_folders_, rescan_ and the generations
+  std::condition_variable applied_cv_;
   std::shared_ptr<const FolderTable> next_folders_;
   bool rescan_ = false;
+  uint64_t requested_ = 0;  // requests of SetFolders() and Rescan()
+  uint64_t applied_ = 0;    // of those, the ones whose watches are in place
 
   // Run()'s own state.
   std::shared_ptr<const FolderTable> folders_;

@@ -1,8 +1,10 @@
 // kest-indexer as it runs: the real service process over real folders, the
 // real folder store and queue files, a real Xapian index, and kestelasticd
 // answering searches over its socket.
+#include <fcntl.h>
 #include <gtest/gtest.h>
 #include <signal.h>
+#include <sys/file.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -21,6 +23,7 @@
 #include "indexer/fixtures.h"
 #include "kest/klib.h"
 #include "kestondri/fileindex.h"
+#include "service/folder_table.h"
 #include "support/indexer_process.h"
 #include "support/sandbox.h"
 
@@ -69,6 +72,14 @@ std::map<std::string, std::string> Indexed() {
 
 bool IsIndexed(const std::string& path) { return Indexed().count(path) > 0; }
 
+// Gives `done` 2 s to come true, without asking that it does.
+void WaitFor2s(const std::function<bool()>& done) {
+  const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(2);
+  while (!done() && std::chrono::steady_clock::now() < deadline) {
+    std::this_thread::sleep_for(std::chrono::milliseconds(50));
+  }
+}
+
 std::string TextOf(const std::string& path) {
   auto all = Indexed();
   auto it = all.find(path);
@@ -79,6 +90,32 @@ std::vector<std::string> Search(const std::string& user, const std::string& keyw
   Json::Value request = kesttest::SearchRequest({"fileindex_docs"}, keyword);
   return kesttest::HitNames(user == "root" ? kesttest::Exchange(request)
                                            : kesttest::ExchangeAs(user, request));
+}
+
+// When the document of `path` was written (kSlotWritten); 0 when none.
+double WrittenOf(const std::string& path) {
+  Xapian::Database db(kDb);
+  auto p = db.postlist_begin(index::UniqueTerm(path));
+  if (p == db.postlist_end(index::UniqueTerm(path))) return 0;
+  return Xapian::sortable_unserialise(db.get_document(*p).get_value(index::kSlotWritten));
+}
+
+// Adds folders as `user` would through the web API: in a process whose
+// effective identity is the user's.
+bool AddAs(const std::string& user, const Json::Value& folders) {
+  const pid_t child = fork();
+  if (child == 0) {
+    try {
+      if (!ResetCredentialsByName(user, true)) _exit(2);
+      fileindex::FolderAdd(folders, false);
+    } catch (...) {
+      _exit(1);
+    }
+    _exit(0);
+  }
+  int status = 0;
+  return child > 0 && waitpid(child, &status, 0) == child && WIFEXITED(status) &&
+         WEXITSTATUS(status) == 0;
 }
 
 Json::Value Parse(const std::string& text) {
@@ -197,6 +234,101 @@ TEST_F(IndexerServiceTest, ChangesFollowWithinSeconds) {
     Xapian::Database db(kDb);
     return db.term_exists(index::ExactTerm(index::kPrefixOwner, "2001"));
   }));
+}
+
+// A file created between the first walk of a folder and its watch was never
+// seen. Here the watcher is held up (blocked on a queue lock of another
+// volume) while a folder is added: its walk must wait for its watch.
+TEST_F(IndexerServiceTest, AFolderIsWatchedBeforeItIsWalked) {
+  kesttest::WriteSharesConf(
+      "[global]\nadmin group = administrators\n[docs]\npath = /volume1/docs\n"
+      "[media]\npath = /volume2/media\n");
+  ASSERT_EQ(0, system("rm -rf /volume2/* /volume2/@kestondri && mkdir -p /volume2/media/m "
+                      "/volume1/docs/late && echo first > /volume1/docs/late/first.txt"));
+  AddFolder();
+  fileindex::FolderAdd(Parse(R"([{"path": "/volume2/media/m"}])"), false);
+  StartAndWaitForCrawl();
+  ASSERT_TRUE(WaitFor([] { return !Exists("/volume2/@kestondri/queue/media.queue"); }));
+
+  const int lock = open("/volume2/@kestondri/queue", O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+  ASSERT_EQ(0, flock(lock, LOCK_EX));
+  WriteFile("/volume2/media/m/poke.txt", "poke\n");
+  std::this_thread::sleep_for(std::chrono::seconds(1));  // the watcher now waits for the lock
+  fileindex::FolderAdd(Parse(R"([{"path": "/volume1/docs/late"}])"), false);
+  WaitFor2s([] { return IsIndexed("/volume1/docs/late/first.txt"); });
+  WriteFile("/volume1/docs/late/second.txt", "second\n");
+  close(lock);
+  EXPECT_TRUE(WaitFor([] {
+    return IsIndexed("/volume1/docs/late/first.txt") && IsIndexed("/volume1/docs/late/second.txt");
+  }));
+}
+
+// Folders of different users nest. A user's folder inside an administrator's
+// may switch every type off or be paused: the administrator's documents stay
+// indexed, and new ones are indexed, for everybody.
+TEST_F(IndexerServiceTest, NoUsersFolderTakesDocumentsOutOfAnothers) {
+  const struct {
+    const char* dir;
+    const char* settings;
+  } nested[] = {
+      {"off", R"("video": false, "audio": false, "photo": false, "document": false)"},
+      {"paused", R"("paused": true)"},
+      {"paused-off", R"("paused": true, "document": false, "photo": false)"},
+  };
+  for (const auto& n : nested) {
+    WriteFile(std::string(kFolder) + "/" + n.dir + "/old.txt", "old\n");
+    WriteFile(std::string(kFolder) + "/" + n.dir + "/pic.jpg", "\xff\xd8\xff\xe0");
+  }
+  ASSERT_EQ(0, system("chmod -R 0777 /volume1/docs"));
+  AddFolder();
+  StartAndWaitForCrawl();
+  for (const auto& n : nested) {
+    ASSERT_TRUE(AddAs("ann", Parse(std::string(R"([{"path": ")") + kFolder + "/" + n.dir + "\", " +
+                                   n.settings + "}]")))
+        << n.dir;
+  }
+  std::this_thread::sleep_for(std::chrono::seconds(2));  // the indexer rereads the store
+  ASSERT_TRUE(WaitFor([] { return !Exists(kQueue); }));
+  for (const auto& n : nested) {
+    const std::string dir = std::string(kFolder) + "/" + n.dir;
+    EXPECT_TRUE(IsIndexed(dir + "/old.txt")) << n.dir;
+    EXPECT_TRUE(IsIndexed(dir + "/pic.jpg")) << n.dir;
+    WriteFile(dir + "/new.txt", "new\n");
+    EXPECT_TRUE(WaitFor([&] { return IsIndexed(dir + "/new.txt"); })) << n.dir;
+  }
+}
+
+// File names are the users' to choose: each travels through the queue as
+// its own bytes, is indexed under them, and queues nothing else. The folder
+// chain below once wrote "reindex<TAB>/volume1/docs" into the queue as a line
+// of its own, and every file of the share was extracted again.
+TEST_F(IndexerServiceTest, HostileNamesAreIndexedAsTheyAreAndQueueNothingElse) {
+  AddFolder();
+  StartAndWaitForCrawl();
+  const std::string dir = kFolder;
+  const double notes_written = WrittenOf(dir + "/notes.txt");
+  ASSERT_GT(notes_written, 0);
+  std::vector<std::string> paths;
+  std::string chain = dir + "/x\nreindex\t";
+  for (const char* level : {"", "/volume1", "/docs", "/team"}) {
+    chain += level;
+    ASSERT_EQ(0, mkdir(chain.c_str(), 0755));
+    paths.push_back(chain);
+    std::this_thread::sleep_for(std::chrono::milliseconds(400));  // watched before the next
+  }
+  for (const std::string& name :
+       {std::string("new\nline.txt"), std::string("tab\there.txt"), std::string("ctl\x01\x1b\x7f"),
+        std::string("bad\xff\xfeutf8.txt"), std::string("back\\slash\\x0a\\\\.txt"),
+        std::string("pct%0a.txt"), std::string(251, 'n') + ".txt"}) {
+    paths.push_back(dir + "/" + name);
+    WriteFile(paths.back(), "hostile\n");
+  }
+  for (const auto& path : paths) {
+    EXPECT_TRUE(WaitFor([&] { return IsIndexed(path); })) << path;
+  }
+  ASSERT_TRUE(WaitFor([] { return !Exists(kQueue); }));
+  EXPECT_EQ(notes_written, WrittenOf(dir + "/notes.txt")) << "nothing was extracted again";
+  for (const auto& doc : Indexed()) EXPECT_TRUE(PathWithin(doc.first, dir)) << doc.first;
 }
 
 TEST_F(IndexerServiceTest, UsersSeeOnlyWhatTheyMayRead) {

@@ -7,10 +7,12 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cstdlib>
 #include <string>
 #include <vector>
 
+#include "kestondri/fileindex.h"
 #include "support/sandbox.h"
 
 namespace kestondri {
@@ -43,7 +45,7 @@ TEST_F(QueueFileTest, FinishedEntriesLeaveAndTheFilesGoWhenEmpty) {
   EXPECT_FALSE(queue.HasWork());
   queue.Append({{"reindex", "/volume1/docs/a"}, {"remove", "/volume1/docs/b"}});
   EXPECT_TRUE(queue.HasWork());
-  EXPECT_EQ("# kestondri queue 1\nreindex\t/volume1/docs/a\nremove\t/volume1/docs/b\n",
+  EXPECT_EQ("# kestondri queue 2\nreindex\t/volume1/docs/a\nremove\t/volume1/docs/b\n",
             ReadFile(kQueue));
   struct stat st;
   ASSERT_EQ(0, stat(kQueue, &st));
@@ -120,6 +122,46 @@ TEST_F(QueueFileTest, ReadsTheTwinFirstAndIgnoresCutAndForeignLines) {
             Paths(queue.Take()));
   queue.Finish(queue.Take());
   EXPECT_FALSE(queue.HasWork());
+}
+
+// Every byte a file name may hold travels through the file as itself, one
+// entry per line; what no writer writes is refused, not guessed at.
+TEST_F(QueueFileTest, NamesOfAnyBytesStayOneEntryAndLinesNoWriterWritesAreRefused) {
+  const std::string names[] = {
+      "x\nreindex\t/volume1/docs", "tab\there", "ctl\x01\x1b\x7f",     "bad\xff\xfeutf8",
+      "back\\slash\\x0a\\\\",      "pct%0a",    std::string(255, 'n'),
+  };
+  std::vector<QueueItem> items;
+  for (const auto& name : names) items.push_back({"update", "/volume1/docs/" + name});
+  QueueFile(kQueue).Append(items);
+  const std::string text = ReadFile(kQueue);
+  EXPECT_EQ(1 + items.size(), static_cast<size_t>(std::count(text.begin(), text.end(), '\n')));
+  EXPECT_EQ(items, QueueFile(kQueue).Take());
+
+  const struct {
+    const char* line;
+    size_t refused;
+  } lines[] = {
+      {"update\t/a\\x0ab\\\\\n", 0},
+      {"update\t/raw\ttab\n", 1},
+      {"update\t/bad\\q\n", 1},
+      {"update\t/cut\\x0\n", 1},
+      {"update\t/nul\\x00\n", 1},
+      {"update\trelative\n", 1},
+      {"bogus\t/x\n", 1},
+      {"update\t/\x01\n", 1},
+  };
+  for (const auto& l : lines) {
+    std::vector<fileindex::QueueEntry> out;
+    EXPECT_EQ(l.refused,
+              fileindex::ParseQueueText(std::string("# kestondri queue 2\n") + l.line, &out))
+        << l.line;
+    EXPECT_EQ(1 - l.refused, out.size()) << l.line;
+  }
+  std::vector<fileindex::QueueEntry> out;
+  EXPECT_EQ(2u, fileindex::ParseQueueText("# kestondri queue 9\nupdate\t/x\n", &out));
+  ASSERT_EQ(0u, fileindex::ParseQueueText("update\t/a\\x0ab\\\\\n", &out)) << "no header: raw";
+  EXPECT_EQ("/a\\x0ab\\\\", out[0].path);
 }
 
 }  // namespace

@@ -126,7 +126,7 @@ TEST_F(FolderAPITest, GroupsSummaryAndReindexPassThrough) {
   auto reindex = Request<FolderReIndexAPI>(kAnn, R"({"path": ["/volume1/photo/a"]})");
   EXPECT_TRUE(reindex.IsSuccess());
   EXPECT_TRUE(reindex.GetData().isNull());
-  EXPECT_EQ("# kestondri queue 1\nreindex\t/volume1/photo/a\n",
+  EXPECT_EQ("# kestondri queue 2\nreindex\t/volume1/photo/a\n",
             ReadFile("/volume1/@kestondri/queue/photo.queue"));
   // bob may read the folder but not reindex it.
   EXPECT_EQ(507,

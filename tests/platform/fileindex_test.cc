@@ -5,6 +5,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <climits>
 #include <cstdio>
 #include <ctime>
@@ -15,6 +16,7 @@
 #include "kest/klib.h"
 #include "kestondri/fileindex.h"
 #include "support/sandbox.h"
+#include "support/syslog_capture.h"
 
 namespace kestondri {
 namespace fileindex {
@@ -136,7 +138,7 @@ TEST_F(FileIndexTest, AddMakesTheCallerOwnerAndQueuesTheFolder) {
   EXPECT_TRUE(entry["video"].asBool());
   EXPECT_EQ("processing", entry["additional"]["status"].asString());
 
-  EXPECT_EQ("# kestondri queue 1\nupdate\t/volume1/photo/ann\n",
+  EXPECT_EQ("# kestondri queue 2\nupdate\t/volume1/photo/ann\n",
             ReadFile("/volume1/@kestondri/queue/photo.queue"));
   struct stat st;
   ASSERT_EQ(0, stat("/var/packages/KestOndri/var/fileindex", &st));
@@ -382,7 +384,7 @@ TEST_F(FileIndexTest, QueueKeepsOrderSurvivesAnInterruptedRewriteAndDropsCutLine
               CodeOf("root", [&] { FolderReindex(ParseJson(std::string("[\"") + path + "\"]")); }));
   }
   EXPECT_EQ(
-      "# kestondri queue 1\nremove\t/volume1/photo/old\nupdate\t/volume1/photo/shared\n"
+      "# kestondri queue 2\nremove\t/volume1/photo/old\nupdate\t/volume1/photo/shared\n"
       "update\t/volume1/photo/ann\nreindex\t/volume1/photo/ann\nreindex\t/volume1/photo/shared\n",
       ReadFile("/volume1/@kestondri/queue/photo.queue"));
   struct stat st;
@@ -445,11 +447,38 @@ TEST_F(FileIndexTest, SnapshotServesReadsUntilTheNextCommit) {
       InAnotherProcess([] { FolderAdd(ParseJson(R"([{"path": "/volume1/docs/open"}])"), false); }));
   EXPECT_EQ((std::set<std::string>{"docs", "photo"}), FolderMgr().GetIndexedShares());
 
-  // A damaged snapshot is not used, and is replaced.
-  for (const char* damaged : {"", "{", "[]", R"({"stamp": 1, "rows": [], "pause": []})"}) {
-    WriteFile(snapshot, damaged);
-    EXPECT_EQ((std::set<std::string>{"docs", "photo"}), FolderMgr().GetIndexedShares()) << damaged;
-    EXPECT_TRUE(ParseJson(ReadFile(snapshot))["rows"].isArray()) << damaged;
+  // A damaged or hostile snapshot is logged, not used, and replaced.
+  const std::string stamp = ParseJson(ReadFile(snapshot))["stamp"].asString();
+  const std::string head = R"({"format": 2, "stamp": ")" + stamp + R"(", "pause": [false, 1, 0], )";
+  const std::string damaged[] = {
+      "",
+      "{",
+      "[]",
+      R"({"stamp": 1, "rows": [], "pause": []})",
+      std::string(100000, '['),
+      head + R"("rows": [["/p", "n", "o", "s", true, true, true, true, true, "x"]]})",
+      head + R"("rows": [[1e999, "n", "o", "s", true, true, true, true, true, 1]]})",
+      head + R"("rows": {"a": 1}})",
+  };
+  for (const auto& text : damaged) {
+    WriteFile(snapshot, text);
+    kesttest::SyslogCapture::Instance().Clear();
+    EXPECT_EQ((std::set<std::string>{"docs", "photo"}), FolderMgr().GetIndexedShares())
+        << text.substr(0, 80);
+    EXPECT_TRUE(kesttest::SyslogCapture::Instance().WaitFor("snapshot " + snapshot + " ignored"))
+        << text.substr(0, 80);
+    EXPECT_TRUE(ParseJson(ReadFile(snapshot))["rows"].isArray()) << text.substr(0, 80);
+  }
+
+  // A path of any bytes reads back from the snapshot as it was stored.
+  const std::string odd = "/volume1/photo/shared/\xff\xfe\xc3(";
+  MakeDir(odd, 0, 0755);
+  Json::Value entry;
+  entry[0]["path"] = odd;
+  ASSERT_EQ(0, CodeOf("root", [&] { FolderAdd(entry, false); }));
+  for (int read = 0; read < 2; ++read) {  // from the store, then from the snapshot
+    const auto paths = ListedPaths("root");
+    EXPECT_NE(paths.end(), std::find(paths.begin(), paths.end(), odd)) << read;
   }
 
   // A new database never inherits the snapshot of the one it replaces.

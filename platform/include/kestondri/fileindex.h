@@ -31,7 +31,8 @@ void FolderListGroups(Json::Value& output);
 void FolderSummary(Json::Value& output);
 void FolderReindex(const Json::Value& paths);
 
-// Share queue files (see docs/fileindex.md): one "op<TAB>path" line per entry.
+// Share queue files (see docs/fileindex.md): one "op<TAB>path" line per entry,
+// the path escaped.
 // "update": the index follows the disk, touching only what differs (a folder
 // added, its types changed, its pause ended); "reindex": every file is
 // extracted again (a user's request); "remove": the folder leaves the index.
@@ -44,10 +45,22 @@ struct QueueEntry {
   std::string path;  // a folder's or file's volume path
 };
 
-// Appends to `out`, in file order, the complete entries of one queue file:
-// lines of a known operation with a non-empty path. Blank, comment and
-// unknown lines are skipped, and so is a last line without its newline (the
-// cut end of an interrupted write). A missing file adds nothing.
+// The whole text of a queue file holding `entries`: the header, then one
+// line per entry whose path has its control bytes, DEL and backslash
+// escaped, so that no file name can end a line or split one.
+std::string FormatQueueText(const std::vector<QueueEntry>& entries);
+
+// Appends to `out`, in text order, the complete entries of a queue file's
+// text: lines of a known operation with an absolute path, decoded as the
+// header's version says (files of version 1 hold raw paths). Blank and
+// comment lines are skipped, and so is a last line without its newline (the
+// cut end of an interrupted write). Returns the number of other lines
+// refused (unknown operation, bad escape, a path that is not absolute or
+// holds NUL, a header of an unknown version): never throws.
+size_t ParseQueueText(const std::string& text, std::vector<QueueEntry>* out);
+
+// ParseQueueText over one file; refused lines and a file that is not a
+// regular file are logged to syslog. A missing file adds nothing.
 void ReadQueueFile(const std::string& file, std::vector<QueueEntry>* out);
 
 // The share that holds `full_path`: its name and its folder. Both are empty

@@ -112,8 +112,9 @@ bool Readable(const Caller& caller, const std::string& path, const std::string& 
 }
 
 // The path as given must already be canonical: absolute, no empty, "." or
-// ".." components, no control characters (the queue is line-oriented); one
-// trailing '/' is dropped.
+// ".." components, no control characters (a folder's own name is its
+// default display name, and display names hold none); one trailing '/' is
+// dropped.
 std::string NormalizePath(const Json::Value& value) {
   if (!value.isString()) BadInput("path must be a string");
   std::string path = value.asString();

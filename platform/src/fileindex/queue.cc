@@ -3,12 +3,11 @@
 #include <fcntl.h>
 #include <sys/file.h>
 #include <sys/stat.h>
+#include <syslog.h>
 #include <unistd.h>
 
 #include <cerrno>
 #include <cstring>
-#include <fstream>
-#include <sstream>
 
 #include "common/error.h"
 #include "kest/klib.h"
@@ -17,7 +16,10 @@ namespace kestondri {
 namespace fileindex {
 namespace {
 
-constexpr char kHeader[] = "# kestondri queue 1";
+constexpr char kHeader[] = "# kestondri queue 2";
+// Far above any real queue (every folder of a share, each path at most
+// PATH_MAX), and bounded all the same.
+constexpr off_t kMaxQueueSize = off_t{256} << 20;
 
 struct Fd {
   int fd = -1;
@@ -63,29 +65,133 @@ void AddEntry(std::vector<QueueEntry>* entries, const QueueEntry& entry) {
 
 }  // namespace
 
-// Complete lines only: a line without its newline is the cut end of an
-// interrupted write.
-void ReadQueueFile(const std::string& file, std::vector<QueueEntry>* out) {
-  std::ifstream in(file, std::ios::binary);
-  if (!in) return;
-  std::stringstream buffer;
-  buffer << in.rdbuf();
-  const std::string text = buffer.str();
+std::string FormatQueueText(const std::vector<QueueEntry>& entries) {
+  static const char kHex[] = "0123456789abcdef";
+  std::string text = std::string(kHeader) + "\n";
+  for (const auto& e : entries) {
+    text += e.op;
+    text += '\t';
+    for (const char c : e.path) {
+      const auto byte = static_cast<unsigned char>(c);
+      if (byte == '\\') {
+        text += "\\\\";
+      } else if (byte < 0x20 || byte == 0x7f) {
+        text += "\\x";
+        text += kHex[byte >> 4];
+        text += kHex[byte & 15];
+      } else {
+        text += c;  // bytes of any other value, valid UTF-8 or not, as they are
+      }
+    }
+    text += '\n';
+  }
+  return text;
+}
+
+namespace {
+
+int HexValue(char c) {
+  if (c >= '0' && c <= '9') return c - '0';
+  if (c >= 'a' && c <= 'f') return c - 'a' + 10;
+  if (c >= 'A' && c <= 'F') return c - 'A' + 10;
+  return -1;
+}
+
+// False for a bad escape or a raw control byte: such a line was not written
+// by FormatQueueText.
+bool Unescape(const std::string& in, std::string* out) {
+  out->clear();
+  for (size_t i = 0; i < in.size(); ++i) {
+    const auto byte = static_cast<unsigned char>(in[i]);
+    if (byte < 0x20 || byte == 0x7f) return false;
+    if (byte != '\\') {
+      *out += in[i];
+      continue;
+    }
+    if (i + 1 < in.size() && in[i + 1] == '\\') {
+      *out += '\\';
+      i += 1;
+      continue;
+    }
+    if (i + 3 >= in.size() || in[i + 1] != 'x') return false;
+    const int high = HexValue(in[i + 2]);
+    const int low = HexValue(in[i + 3]);
+    if (high < 0 || low < 0) return false;
+    *out += static_cast<char>(high * 16 + low);
+    i += 3;
+  }
+  return true;
+}
+
+}  // namespace
+
+size_t ParseQueueText(const std::string& text, std::vector<QueueEntry>* out) {
+  // Version 1 wrote paths raw; it is read as it was written.
+  static const std::string kHeaderStem = "# kestondri queue ";
+  int version = 1;
+  size_t refused = 0;
   size_t start = 0;
-  for (;;) {
+  for (bool first = true;; first = false) {
     const size_t end = text.find('\n', start);
-    if (end == std::string::npos) break;
+    if (end == std::string::npos) break;  // the cut end of an interrupted write
     const std::string line = text.substr(start, end - start);
     start = end + 1;
+    if (first && line.compare(0, kHeaderStem.size(), kHeaderStem) == 0) {
+      const std::string number = line.substr(kHeaderStem.size());
+      version = number == "1" ? 1 : number == "2" ? 2 : 0;
+      if (version == 0) ++refused;  // a newer writer's format: nothing is guessed
+      continue;
+    }
     if (line.empty() || line[0] == '#') continue;
     const size_t tab = line.find('\t');
-    if (tab == std::string::npos) continue;
-    QueueEntry entry{line.substr(0, tab), line.substr(tab + 1)};
-    const bool known_op =
-        entry.op == kQueueUpdate || entry.op == kQueueReindex || entry.op == kQueueRemove;
-    if (known_op && !entry.path.empty()) {
-      out->push_back(entry);
+    QueueEntry entry;
+    bool ok = version != 0 && tab != std::string::npos;
+    if (ok) {
+      entry.op = line.substr(0, tab);
+      ok = entry.op == kQueueUpdate || entry.op == kQueueReindex || entry.op == kQueueRemove;
     }
+    if (ok && version == 1) entry.path = line.substr(tab + 1);
+    if (ok && version == 2) ok = Unescape(line.substr(tab + 1), &entry.path);
+    ok = ok && !entry.path.empty() && entry.path[0] == '/' &&
+         entry.path.find('\0') == std::string::npos;
+    if (ok) {
+      out->push_back(std::move(entry));
+    } else {
+      ++refused;
+    }
+  }
+  return refused;
+}
+
+void ReadQueueFile(const std::string& file, std::vector<QueueEntry>* out) {
+  // Only root writes queue files; still, what is read is never trusted: no
+  // link is followed, nothing but a regular file of sane size is read.
+  const int fd = open(file.c_str(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC);
+  if (fd < 0) {
+    if (errno != ENOENT)
+      syslog(LOG_ERR, "queue %s: cannot open: %s", file.c_str(), strerror(errno));
+    return;
+  }
+  Fd guard;
+  guard.fd = fd;
+  struct stat st;
+  if (fstat(fd, &st) != 0 || !S_ISREG(st.st_mode) || st.st_size > kMaxQueueSize) {
+    syslog(LOG_ERR, "queue %s: not a regular file of at most %lld bytes; ignored", file.c_str(),
+           static_cast<long long>(kMaxQueueSize));
+    return;
+  }
+  std::string text(static_cast<size_t>(st.st_size), '\0');
+  size_t done = 0;
+  while (done < text.size()) {
+    const ssize_t n = read(fd, &text[done], text.size() - done);
+    if (n < 0 && errno == EINTR) continue;
+    if (n <= 0) break;
+    done += static_cast<size_t>(n);
+  }
+  text.resize(done);
+  const size_t refused = ParseQueueText(text, out);
+  if (refused > 0) {
+    syslog(LOG_ERR, "queue %s: %zu malformed lines skipped", file.c_str(), refused);
   }
 }
 
@@ -129,8 +235,7 @@ void QueueAppend(const std::string& share_path, const std::vector<QueueEntry>& e
   for (const auto& e : current) AddEntry(&all, e);
   for (const auto& e : entries) AddEntry(&all, e);
 
-  std::string text = std::string(kHeader) + "\n";
-  for (const auto& e : all) text += e.op + "\t" + e.path + "\n";
+  const std::string text = FormatQueueText(all);
 
   Fd out;
   out.fd = open(tmp.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC | O_NOFOLLOW, 0600);

@@ -4,6 +4,7 @@
 #include <json/json.h>
 #include <stdlib.h>
 #include <sys/stat.h>
+#include <syslog.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -58,7 +59,7 @@ std::string StampText(const Stamp& stamp) {
 }
 
 bool ReadWhole(const char* path, std::string* text) {
-  const int fd = open(path, O_RDONLY | O_NOFOLLOW | O_CLOEXEC);
+  const int fd = open(path, O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC);
   if (fd < 0) return false;
   struct stat st;
   bool ok = fstat(fd, &st) == 0 && S_ISREG(st.st_mode) && st.st_size < kMaxSnapshotSize;
@@ -79,51 +80,21 @@ bool ReadWhole(const char* path, std::string* text) {
 bool LoadSnapshot(const Stamp& stamp, StoreContents* contents) {
   std::string text;
   if (!ReadWhole(kSnapshotPath, &text)) return false;
-  Json::CharReaderBuilder builder;
-  builder["collectComments"] = false;
-  const std::unique_ptr<Json::CharReader> reader(builder.newCharReader());
-  Json::Value root;
-  if (!reader->parse(text.data(), text.data() + text.size(), &root, nullptr) || !root.isObject() ||
-      !root["stamp"].isString() || root["stamp"].asString() != StampText(stamp) ||
-      !root["rows"].isArray() || !root["pause"].isArray() || root["pause"].size() != 3) {
-    return false;
+  std::string why;
+  if (ParseSnapshot(text, StampText(stamp), contents, &why)) return true;
+  // A stale snapshot is the normal case; a malformed one is worth a line.
+  if (!why.empty()) {
+    syslog(LOG_WARNING, "fileindex: snapshot %s ignored (%s); the store is read instead",
+           kSnapshotPath, why.c_str());
   }
-  StoreContents loaded;
-  const Json::Value& pause = root["pause"];
-  if (!pause[0].isBool() || !pause[1].isInt64() || !pause[2].isInt64()) return false;
-  loaded.paused = pause[0].asBool();
-  loaded.until = pause[1].asInt64();
-  loaded.changed = pause[2].asInt64();
-  for (const Json::Value& item : root["rows"]) {
-    if (!item.isArray() || item.size() != 10) return false;
-    for (Json::ArrayIndex i = 0; i < 4; ++i) {
-      if (!item[i].isString()) return false;
-    }
-    for (Json::ArrayIndex i = 4; i < 9; ++i) {
-      if (!item[i].isBool()) return false;
-    }
-    if (!item[9].isInt64()) return false;
-    FolderRow row;
-    row.path = item[0].asString();
-    row.name = item[1].asString();
-    row.owner = item[2].asString();
-    row.share = item[3].asString();
-    row.paused = item[4].asBool();
-    row.video = item[5].asBool();
-    row.audio = item[6].asBool();
-    row.photo = item[7].asBool();
-    row.document = item[8].asBool();
-    row.created = item[9].asInt64();
-    loaded.rows.push_back(std::move(row));
-  }
-  *contents = std::move(loaded);
-  return true;
+  return false;
 }
 
 // Best effort: a snapshot that cannot be written is read from the database
 // next time, nothing worse.
 void SaveSnapshot(const Stamp& stamp, const StoreContents& contents) {
   Json::Value root(Json::objectValue);
+  root["format"] = kSnapshotFormat;
   root["stamp"] = StampText(stamp);
   Json::Value& pause = root["pause"] = Json::Value(Json::arrayValue);
   pause.append(contents.paused);
@@ -146,6 +117,9 @@ void SaveSnapshot(const Stamp& stamp, const StoreContents& contents) {
   }
   Json::StreamWriterBuilder builder;
   builder["indentation"] = "";
+  // Strings as their bytes: the default writer replaces bytes that are not
+  // UTF-8, and a folder path read back must be the path of the same folder.
+  builder["emitUTF8"] = true;
   const std::string text = Json::writeString(builder, root);
 
   std::string temporary = std::string(kSnapshotPath) + ".XXXXXX";
@@ -163,6 +137,63 @@ void SaveSnapshot(const Stamp& stamp, const StoreContents& contents) {
 }
 
 }  // namespace
+
+bool ParseSnapshot(const std::string& text, const std::string& stamp, StoreContents* contents,
+                   std::string* why) {
+  why->clear();
+  Json::CharReaderBuilder builder;
+  builder["collectComments"] = false;
+  const std::unique_ptr<Json::CharReader> reader(builder.newCharReader());
+  Json::Value root;
+  std::string errors;
+  try {
+    if (!reader->parse(text.data(), text.data() + text.size(), &root, &errors)) {
+      *why = "not JSON: " + errors.substr(0, errors.find('\n'));
+      return false;
+    }
+    if (!root.isObject() || !root["stamp"].isString() || root["format"] != kSnapshotFormat) {
+      *why = "not a snapshot of this format";
+      return false;
+    }
+    if (root["stamp"].asString() != stamp) return false;  // stale: why stays empty
+    const Json::Value& pause = root["pause"];
+    if (!root["rows"].isArray() || !pause.isArray() || pause.size() != 3 || !pause[0].isBool() ||
+        !pause[1].isInt64() || !pause[2].isInt64()) {
+      *why = "bad rows or pause state";
+      return false;
+    }
+    StoreContents loaded;
+    loaded.paused = pause[0].asBool();
+    loaded.until = pause[1].asInt64();
+    loaded.changed = pause[2].asInt64();
+    for (const Json::Value& item : root["rows"]) {
+      bool ok = item.isArray() && item.size() == 10 && item[9].isInt64();
+      for (Json::ArrayIndex i = 0; ok && i < 9; ++i)
+        ok = i < 4 ? item[i].isString() : item[i].isBool();
+      if (!ok) {
+        *why = "bad row";
+        return false;
+      }
+      FolderRow row;
+      row.path = item[0].asString();
+      row.name = item[1].asString();
+      row.owner = item[2].asString();
+      row.share = item[3].asString();
+      row.paused = item[4].asBool();
+      row.video = item[5].asBool();
+      row.audio = item[6].asBool();
+      row.photo = item[7].asBool();
+      row.document = item[8].asBool();
+      row.created = item[9].asInt64();
+      loaded.rows.push_back(std::move(row));
+    }
+    *contents = std::move(loaded);
+    return true;
+  } catch (const std::exception& e) {
+    *why = e.what();
+    return false;
+  }
+}
 
 StoreContents ReadStoreContents() {
   const int saved_errno = errno;

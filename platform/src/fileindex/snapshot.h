@@ -15,6 +15,7 @@
 #define KESTONDRI_FILEINDEX_SNAPSHOT_H_
 
 #include <cstdint>
+#include <string>
 #include <vector>
 
 #include "store.h"
@@ -33,6 +34,16 @@ struct StoreContents {
 
 // Must be called under a PrivilegeScope; throws what Store throws.
 StoreContents ReadStoreContents();
+
+// Snapshots of another layout (earlier ones wrote paths that are not UTF-8
+// altered) are never used.
+constexpr int kSnapshotFormat = 2;
+
+// Parses a snapshot's text into `contents`: true when it is well formed and
+// stamped `stamp`. False with `why` empty when it is merely stale, with the
+// reason otherwise. Never throws.
+bool ParseSnapshot(const std::string& text, const std::string& stamp, StoreContents* contents,
+                   std::string* why);
 
 }  // namespace fileindex
 }  // namespace kestondri
