@@ -90,9 +90,9 @@ struct Shards {
   Xapian::Database combined;
 };
 
-// Where a filtered user may look in each index, by its share's rules; null
-// for an unfiltered request. Nothing is said of an index whose share leaves
-// the user out: it is skipped as if it did not exist.
+// Where a filtered user may look in each index, by its share's rules
+// (anywhere for an unfiltered request). An index whose share leaves the
+// user out is skipped as if it did not exist.
 class ShareScopes {
  public:
   ShareScopes(const IndexResolver& resolver, const std::optional<uid_t>& uid)
@@ -153,7 +153,7 @@ struct MatchPage {
 // backend has no value streams (remote indices).
 std::vector<std::string> ValuesOf(const Xapian::Database& db, const std::vector<Xapian::docid>& ids,
                                   Xapian::valueno slot) {
-  std::vector<std::string> paths(ids.size());
+  std::vector<std::string> values(ids.size());
   std::vector<size_t> order(ids.size());
   for (size_t i = 0; i < order.size(); ++i) order[i] = i;
   std::sort(order.begin(), order.end(), [&](size_t a, size_t b) { return ids[a] < ids[b]; });
@@ -163,14 +163,14 @@ std::vector<std::string> ValuesOf(const Xapian::Database& db, const std::vector<
     for (size_t i : order) {
       if (it == end) break;
       it.skip_to(ids[i]);
-      if (it != end && it.get_docid() == ids[i]) paths[i] = *it;
+      if (it != end && it.get_docid() == ids[i]) values[i] = *it;
     }
-    return paths;
+    return values;
   } catch (const Xapian::UnimplementedError&) {
   } catch (const Xapian::NetworkError&) {
   }
-  for (size_t i = 0; i < ids.size(); ++i) paths[i] = db.get_document(ids[i]).get_value(slot);
-  return paths;
+  for (size_t i = 0; i < ids.size(); ++i) values[i] = db.get_document(ids[i]).get_value(slot);
+  return values;
 }
 
 // Totals of unfiltered searches that may be estimates are exact up to here.

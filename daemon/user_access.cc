@@ -95,14 +95,6 @@ UserAccess::UserAccess(uid_t uid, gid_t fallback_gid) : uid_(uid) {
   }
 }
 
-bool UserAccess::CanRead(const std::string& path) {
-  auto it = answers_.find(path);
-  if (it != answers_.end()) return it->second;
-  bool answer = CheckAll({path})[0];
-  answers_.emplace(path, answer);
-  return answer;
-}
-
 std::vector<bool> UserAccess::CheckAll(const std::vector<std::string>& paths,
                                        const std::vector<std::string>* identities) {
   std::vector<bool> result(paths.size(), false);

@@ -17,7 +17,6 @@
 
 #include <optional>
 #include <string>
-#include <unordered_map>
 #include <vector>
 
 namespace kestondri {
@@ -32,12 +31,8 @@ class UserAccess {
   UserAccess(const UserAccess&) = delete;
   UserAccess& operator=(const UserAccess&) = delete;
 
-  // True when the user may read `path` (and search every folder leading to
-  // it). Answers are remembered for the life of this object.
-  bool CanRead(const std::string& path);
-
-  // The answer for each of `paths`, in order, under one switch of identity:
-  // much cheaper than one CanRead each for a long list. Not remembered.
+  // For each of `paths`, in order, under one switch of identity: true when
+  // the user may read it (and search every folder leading to it).
   // With `identities` (one per path, index::FileIdentity form), a path also
   // has to name that very file, looked up after the permission check from
   // the same folder handle: a file put in its place since then, or an empty
@@ -52,7 +47,6 @@ class UserAccess {
   gid_t gid_ = static_cast<gid_t>(-1);
   std::vector<gid_t> groups_;
   bool known_ = false;
-  std::unordered_map<std::string, bool> answers_;
 };
 
 // What of the shared folder `share_name` the user may search by the share's
