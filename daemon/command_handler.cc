@@ -565,8 +565,9 @@ void CommandHandler::Highlight(const Json::Value& data, const Peer& peer, IndexC
     throw DaemonError(kErrNoDocument, "no such document");
   }
   // A share the peer may not search holds no document for them.
-  std::optional<uid_t> uid;
-  if (peer.uid != 0) uid = peer.uid;
+  // The module names the user as in a search: the path it checked is the
+  // client's word, the document's own path is what counts.
+  std::optional<uid_t> uid = FilterUid(data["filters"], peer);
   ShareScopes scopes(resolver_, uid);
   std::string root;
   if (!scopes.Admit(id, &root)) throw DaemonError(kErrNoDocument, "no such document");
@@ -583,13 +584,13 @@ void CommandHandler::Highlight(const Json::Value& data, const Peer& peer, IndexC
     throw DaemonError(kErrNoDocument, "no such document");
   }
   if (uid) {
-    UserAccess access(peer.uid, peer.gid);
+    std::unique_ptr<UserAccess> access = MakeAccess(uid, peer);
     // The same answer as for a missing document: whether a hidden file
     // exists is not the peer's to learn. The text shown is that of the
     // indexed file, so the path must still name it.
     const std::string path = doc.get_value(index::kSlotPath);
     const std::vector<std::string> identity = {doc.get_value(index::kSlotIdentity)};
-    if ((!root.empty() && !PathWithin(path, root)) || !access.CheckAll({path}, &identity)[0]) {
+    if ((!root.empty() && !PathWithin(path, root)) || !access->CheckAll({path}, &identity)[0]) {
       throw DaemonError(kErrNoDocument, "no such document");
     }
   }

@@ -477,6 +477,12 @@ TEST_F(SearchDaemonTest, PrivateFilesStayInvisibleToOtherUsers) {
   ASSERT_EQ(1u, denied.size());
   EXPECT_EQ(1003, denied[0]["error"]["code"].asInt());
   EXPECT_EQ(std::string::npos, Json::toString(denied[0]).find("zebra"));
+  // Root asking on bob's behalf (the web API does) gets bob's answer.
+  Json::Value hl_for_bob = hl;
+  hl_for_bob["filters"][0]["name"] = "permission";
+  hl_for_bob["filters"][0]["data"] = kBobUid;
+  EXPECT_EQ(Json::toString(denied[0]),
+            Json::toString(Exchange(Request("highlight", hl_for_bob))[0]));
   hl["doc_id"] = 99999;
   EXPECT_EQ(Json::toString(denied[0]),
             Json::toString(ExchangeAs("bob", Request("highlight", hl))[0]));
