@@ -85,10 +85,38 @@ std::vector<std::string> FilterTypes(const Json::Value& filters) {
 
 struct Shards {
   std::vector<std::string> ids;  // in the order of the combined database
+  // Per shard, the folder its hits must lie within ("" for anywhere).
+  std::vector<std::string> roots;
   Xapian::Database combined;
 };
 
-Shards OpenShards(const Json::Value& indice, IndexCache& cache) {
+// Where a filtered user may look in each index, by its share's rules
+// (anywhere for an unfiltered request). An index whose share leaves the
+// user out is skipped as if it did not exist.
+class ShareScopes {
+ public:
+  ShareScopes(const IndexResolver& resolver, const std::optional<uid_t>& uid)
+      : resolver_(resolver), uid_(uid) {}
+  // False when the user may see nothing of `id`; else `*root` as in Shards.
+  bool Admit(const std::string& id, std::string* root) {
+    root->clear();
+    if (!uid_) return true;
+    const std::string share = resolver_.ShareName(id);
+    if (share.empty()) return true;
+    auto it = scopes_.find(share);
+    if (it == scopes_.end()) it = scopes_.emplace(share, ShareScope(share, *uid_)).first;
+    if (!it->second) return false;
+    *root = *it->second;
+    return true;
+  }
+
+ private:
+  const IndexResolver& resolver_;
+  std::optional<uid_t> uid_;
+  std::map<std::string, std::optional<std::string>> scopes_;
+};
+
+Shards OpenShards(const Json::Value& indice, IndexCache& cache, ShareScopes& scopes) {
   if (!indice.isArray()) Malformed("\"indice\" is not an array");
   Shards shards;
   std::set<std::string> seen;
@@ -96,11 +124,14 @@ Shards OpenShards(const Json::Value& indice, IndexCache& cache) {
     if (!id.isString()) Malformed("\"indice\" holds a non-string");
     std::string name = id.asString();
     if (!seen.insert(name).second) continue;
+    std::string root;
+    if (!scopes.Admit(name, &root)) continue;
     IndexState state;
     // Unavailable indices are left out here and named by list_db_status.
     Xapian::Database* db = cache.Acquire(name, &state);
     if (!db) continue;
     shards.ids.push_back(name);
+    shards.roots.push_back(root);
     shards.combined.add_database(*db);
   }
   return shards;
@@ -117,44 +148,54 @@ struct MatchPage {
   std::vector<Match> hits;
 };
 
-// The paths of `ids`, read from the path slot's value stream in docid order
-// (far cheaper than a document each); one document each where the backend
-// has no value streams (remote indices).
-std::vector<std::string> PathsOf(const Xapian::Database& db,
-                                 const std::vector<Xapian::docid>& ids) {
-  std::vector<std::string> paths(ids.size());
+// The values of `slot` of `ids`, read from the slot's value stream in docid
+// order (far cheaper than a document each); one document each where the
+// backend has no value streams (remote indices).
+std::vector<std::string> ValuesOf(const Xapian::Database& db, const std::vector<Xapian::docid>& ids,
+                                  Xapian::valueno slot) {
+  std::vector<std::string> values(ids.size());
   std::vector<size_t> order(ids.size());
   for (size_t i = 0; i < order.size(); ++i) order[i] = i;
   std::sort(order.begin(), order.end(), [&](size_t a, size_t b) { return ids[a] < ids[b]; });
   try {
-    Xapian::ValueIterator it = db.valuestream_begin(index::kSlotPath);
-    Xapian::ValueIterator end = db.valuestream_end(index::kSlotPath);
+    Xapian::ValueIterator it = db.valuestream_begin(slot);
+    Xapian::ValueIterator end = db.valuestream_end(slot);
     for (size_t i : order) {
       if (it == end) break;
       it.skip_to(ids[i]);
-      if (it != end && it.get_docid() == ids[i]) paths[i] = *it;
+      if (it != end && it.get_docid() == ids[i]) values[i] = *it;
     }
-    return paths;
+    return values;
   } catch (const Xapian::UnimplementedError&) {
   } catch (const Xapian::NetworkError&) {
   }
-  for (size_t i = 0; i < ids.size(); ++i)
-    paths[i] = db.get_document(ids[i]).get_value(index::kSlotPath);
-  return paths;
+  for (size_t i = 0; i < ids.size(); ++i) values[i] = db.get_document(ids[i]).get_value(slot);
+  return values;
 }
 
 // Totals of unfiltered searches that may be estimates are exact up to here.
 constexpr Xapian::doccount kExactUpTo = 1000;
 
-// Runs `query` and keeps the page [from, from + size) of what `access` lets
-// through (everything when it is null). The total counts only what passes;
-// it is exact when filtered or when `exact_total`, else Xapian's estimate.
-MatchPage RunQuery(const Xapian::Database& db, const Xapian::Query& query, int64_t from,
-                   int64_t size, UserAccess* access, bool exact_total = true) {
+// Runs `query` over `shards` and keeps the page [from, from + size) of what
+// `access` lets through (everything when it is null): files the user may
+// read, within the shard's root, still the very file that was indexed. The
+// total counts only what passes; it is exact when filtered or when
+// `exact_total`, else Xapian's estimate.
+MatchPage RunQuery(const Shards& shards, const Xapian::Query& query, int64_t from, int64_t size,
+                   UserAccess* access, bool exact_total = true) {
   MatchPage page;
+  const Xapian::Database& db = shards.combined;
   Xapian::Enquire enquire(db);
   enquire.set_query(query);
   enquire.set_docid_order(Xapian::Enquire::ASCENDING);
+  if (access) {
+    // BM25's statistics count every document of the index, those the user
+    // may not read too, and a score would tell how many of them hold a
+    // word. A filtered score is the document's own: 1 + log(wdf) per
+    // matching term, so files where the words occur more, and in both name
+    // and text, still come first.
+    enquire.set_weighting_scheme(Xapian::TfIdfWeight("lnn"));
+  }
   Xapian::doccount all = db.get_doccount();
   if (!access) {
     // An estimate is exact up to kExactUpTo matches and close beyond.
@@ -184,8 +225,14 @@ MatchPage RunQuery(const Xapian::Database& db, const Xapian::Query& query, int64
     ids.push_back(*it);
     weights.push_back(it.get_weight());
   }
-  std::vector<std::string> paths = PathsOf(db, ids);
-  std::vector<bool> visible = access->CheckAll(paths);
+  std::vector<std::string> paths = ValuesOf(db, ids, index::kSlotPath);
+  const std::vector<std::string> identities = ValuesOf(db, ids, index::kSlotIdentity);
+  const size_t n = shards.roots.size();
+  for (size_t i = 0; i < ids.size(); ++i) {
+    const std::string& root = shards.roots[(ids[i] - 1) % n];
+    if (!root.empty() && !PathWithin(paths[i], root)) paths[i].clear();
+  }
+  std::vector<bool> visible = access->CheckAll(paths, &identities);
   for (size_t i = 0; i < ids.size(); ++i) {
     if (!visible[i]) continue;
     int64_t rank = page.total++;
@@ -405,11 +452,13 @@ void CommandHandler::Search(const Json::Value& data, const Peer& peer, IndexCach
     h.options.num_fragments = std::min(h.options.num_fragments, kMaxHitFragments);
   }
   std::optional<uid_t> filter_uid = FilterUid(data["filters"], peer);
+  parts.per_user = filter_uid.has_value();
   std::vector<std::string> types = FilterTypes(data["filters"]);
   const Json::Value& accurate = data["accurate_sum"];
   if (!accurate.isNull() && !accurate.isBool()) Malformed("\"accurate_sum\" is not a boolean");
   bool exact_total = accurate.isNull() || accurate.asBool();
-  Shards shards = OpenShards(data["indice"], cache);
+  ShareScopes scopes(resolver_, filter_uid);
+  Shards shards = OpenShards(data["indice"], cache, scopes);
 
   if (shards.ids.empty()) {
     Json::Value count(Json::objectValue);
@@ -423,7 +472,7 @@ void CommandHandler::Search(const Json::Value& data, const Peer& peer, IndexCach
   MatchPage page;
   try {
     Xapian::Query query = WithTypes(BuildQuery(parts, shards.combined), types, shards.combined);
-    page = RunQuery(shards.combined, query, from, size, access.get(), exact_total);
+    page = RunQuery(shards, query, from, size, access.get(), exact_total);
   } catch (const Xapian::WildcardError& e) {
     throw DaemonError(kErrMalformedQuery, "wildcard matches too many terms: " + e.get_msg());
   } catch (const Xapian::Error&) {
@@ -518,6 +567,13 @@ void CommandHandler::Highlight(const Json::Value& data, const Peer& peer, IndexC
   if (doc_id <= 0 || doc_id > static_cast<int64_t>(UINT32_MAX)) {
     throw DaemonError(kErrNoDocument, "no such document");
   }
+  // A share the peer may not search holds no document for them.
+  // The module names the user as in a search: the path it checked is the
+  // client's word, the document's own path is what counts.
+  std::optional<uid_t> uid = FilterUid(data["filters"], peer);
+  ShareScopes scopes(resolver_, uid);
+  std::string root;
+  if (!scopes.Admit(id, &root)) throw DaemonError(kErrNoDocument, "no such document");
   IndexState state;
   Xapian::Database* db = cache.Acquire(id, &state);
   if (!db) {
@@ -530,11 +586,14 @@ void CommandHandler::Highlight(const Json::Value& data, const Peer& peer, IndexC
   } catch (const Xapian::DocNotFoundError&) {
     throw DaemonError(kErrNoDocument, "no such document");
   }
-  if (peer.uid != 0) {
-    UserAccess access(peer.uid, peer.gid);
+  if (uid) {
+    std::unique_ptr<UserAccess> access = MakeAccess(uid, peer);
     // The same answer as for a missing document: whether a hidden file
-    // exists is not the peer's to learn.
-    if (!access.CanRead(doc.get_value(index::kSlotPath))) {
+    // exists is not the peer's to learn. The text shown is that of the
+    // indexed file, so the path must still name it.
+    const std::string path = doc.get_value(index::kSlotPath);
+    const std::vector<std::string> identity = {doc.get_value(index::kSlotIdentity)};
+    if ((!root.empty() && !PathWithin(path, root)) || !access->CheckAll({path}, &identity)[0]) {
       throw DaemonError(kErrNoDocument, "no such document");
     }
   }
@@ -570,8 +629,8 @@ void CommandHandler::Indicate(const Json::Value& data, const Peer& peer, IndexCa
   try {
     if (!queries.isNull() && !queries.isArray()) Malformed("\"queries\" is not an array");
     std::string keyword = OptionalString(data, "keyword", "");
-    Shards shards = OpenShards(data["indice"], cache);
-    std::unique_ptr<UserAccess> peer_access;
+    // Share rules follow the user: root may ask for several at once.
+    std::map<int64_t, Shards> shards_of;
     std::map<uid_t, std::unique_ptr<UserAccess>> accesses;
     // Queries that differ only in their names, in repeated types or in the
     // spelling of their operator count the same: each is matched once.
@@ -581,8 +640,18 @@ void CommandHandler::Indicate(const Json::Value& data, const Peer& peer, IndexCa
           (!q["query"].isNull() && !q["query"].isObject())) {
         Malformed("a query needs a \"name\" string and a \"query\" object");
       }
-      if (shards.ids.empty()) continue;
       const Json::Value& query = q["query"];
+      std::optional<uid_t> uid = FilterUid(query["filters"], peer);
+      auto found = shards_of.find(uid ? static_cast<int64_t>(*uid) : -1);
+      if (found == shards_of.end()) {
+        ShareScopes scopes(resolver_, uid);
+        found = shards_of
+                    .emplace(uid ? static_cast<int64_t>(*uid) : -1,
+                             OpenShards(data["indice"], cache, scopes))
+                    .first;
+      }
+      const Shards& shards = found->second;
+      if (shards.ids.empty()) continue;
       QueryParts parts = ReadQueryParts(keyword, data["criteria_list"], data["search_weight_list"],
                                         OptionalString(query, "default_search_op", "AND"));
       std::vector<std::string> types = FilterTypes(query["filters"]);
@@ -592,7 +661,7 @@ void CommandHandler::Indicate(const Json::Value& data, const Peer& peer, IndexCa
       for (const auto& t : types) unknown_type |= !t.empty() && !index::IsKnownType(t);
       // A type this index does not know matches nothing.
       if (unknown_type) continue;
-      std::optional<uid_t> uid = FilterUid(query["filters"], peer);
+      parts.per_user = uid.has_value();
       std::string key = (uid ? std::to_string(*uid) : "-") + (parts.default_or ? "|OR" : "|AND");
       for (const auto& t : types) key += "|" + t;
       auto known = done.find(key);
@@ -609,7 +678,7 @@ void CommandHandler::Indicate(const Json::Value& data, const Peer& peer, IndexCa
         access = slot.get();
       }
       Xapian::Query xq = WithTypes(BuildQuery(parts, shards.combined), types, shards.combined);
-      MatchPage page = RunQuery(shards.combined, xq, 0, 0, access);
+      MatchPage page = RunQuery(shards, xq, 0, 0, access);
       counts[q["name"].asString()] = done[key] = static_cast<Json::UInt64>(page.total);
     }
   } catch (const Xapian::WildcardError&) {

@@ -58,6 +58,7 @@ void Add(Loader& loader, const std::string& path, const std::string& name, const
   r.size = r.is_dir ? 0 : static_cast<uint64_t>(st.st_size);
   r.mtime = st.st_mtime;
   r.owner_uid = st.st_uid;
+  r.identity = kestondri::index::FileIdentity(st);
   if (S_ISREG(st.st_mode)) r.text = ReadText(path, loader.max_text);
   loader.text_bytes += r.text.size();
   loader.db.replace_document(kestondri::index::UniqueTerm(path), kestondri::index::MakeDocument(r));

@@ -27,6 +27,10 @@ class IndexResolver {
   virtual bool Resolve(const std::string& index_id, IndexLocation* out) const = 0;
   // Every index id this resolver knows of, in a stable order.
   virtual std::vector<std::string> KnownIds() const = 0;
+  // The shared folder whose rules govern `index_id`; "" when none does (a
+  // fixed --index table, set up by whoever starts the daemon), and then
+  // only file permissions decide what a user sees.
+  virtual std::string ShareName(const std::string& /*index_id*/) const { return ""; }
 };
 
 // A fixed table, e.g. from "--index id=db_path[:share_path]" options.

@@ -101,6 +101,15 @@ std::string ExtensionOfName(const std::string& name, bool is_dir) {
   return Lower(name.substr(dot + 1));
 }
 
+std::string FileIdentity(const struct stat& st) {
+  char text[96];
+  std::snprintf(text, sizeof text, "%llu:%llu:%lld.%09ld",
+                static_cast<unsigned long long>(st.st_dev),
+                static_cast<unsigned long long>(st.st_ino),
+                static_cast<long long>(st.st_ctim.tv_sec), static_cast<long>(st.st_ctim.tv_nsec));
+  return text;
+}
+
 std::string UniqueTerm(const std::string& path) { return ExactTerm(kPrefixUnique, path); }
 
 Xapian::Document MakeDocument(const FileRecord& record) {
@@ -112,6 +121,7 @@ Xapian::Document MakeDocument(const FileRecord& record) {
   doc.add_value(kSlotSize, Xapian::sortable_serialise(static_cast<double>(record.size)));
   doc.add_value(kSlotMTime, Xapian::sortable_serialise(static_cast<double>(record.mtime)));
   doc.add_value(kSlotOwner, std::to_string(record.owner_uid));
+  if (!record.identity.empty()) doc.add_value(kSlotIdentity, record.identity);
 
   Xapian::TermGenerator gen;
   gen.set_document(doc);

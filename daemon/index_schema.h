@@ -9,6 +9,7 @@
 #ifndef KESTONDRI_DAEMON_INDEX_SCHEMA_H_
 #define KESTONDRI_DAEMON_INDEX_SCHEMA_H_
 
+#include <sys/stat.h>
 #include <xapian.h>
 
 #include <cstdint>
@@ -43,6 +44,12 @@ enum Slot : Xapian::valueno {
   // sortable_serialise. Never read back with hits; a folder's reindex uses
   // it to go on where it stopped.
   kSlotWritten = 7,
+  // Which file the document was made from: FileIdentity() of the lstat the
+  // indexer took before reading it. Never read back with hits; a filtered
+  // search shows a hit only while its path still names that very file, so
+  // text indexed from one file never reaches the reader of another that
+  // took its name.
+  kSlotIdentity = 8,
 };
 
 // Term prefixes. Free-text prefixes carry positions (phrases work in them);
@@ -92,8 +99,14 @@ struct FileRecord {
   uint64_t size = 0;
   int64_t mtime = 0;  // seconds since the epoch
   uint32_t owner_uid = 0;
+  std::string identity;  // FileIdentity(); empty: unverified (hidden from filtered searches)
   std::string text;
 };
+
+// "<device>:<inode>:<ctime seconds>.<ctime nanoseconds>", decimal. The
+// change time makes a reused inode number a different identity, and nobody
+// can set it back: every rename, link, chmod or write of the file moves it.
+std::string FileIdentity(const struct stat& st);
 
 // The extension of a file name as the index records it: the text after the
 // last dot, lower-cased; empty for folders, dot-files and names without one.

@@ -26,12 +26,26 @@ void AddFieldPrefixes(Xapian::QueryParser& qp) {
 }
 
 Xapian::Query Parse(const std::string& keyword, bool default_or, const Xapian::Database& db,
-                    const std::vector<const char*>& default_prefixes) {
+                    const std::vector<const char*>& default_prefixes, bool per_user) {
   Xapian::QueryParser qp;
   qp.set_database(db);
   qp.set_default_op(default_or ? Xapian::Query::OP_OR : Xapian::Query::OP_AND);
-  qp.set_max_expansion(kMaxWildcardTerms, Xapian::Query::WILDCARD_LIMIT_ERROR,
-                       Xapian::QueryParser::FLAG_WILDCARD);
+  if (per_user) {
+    for (const auto& stem : KeywordMarkTerms(keyword).prefixes) {
+      size_t chars = 0;
+      for (Xapian::Utf8Iterator it(stem); it != Xapian::Utf8Iterator(); ++it) ++chars;
+      if (chars < kMinUserWildcardStem) {
+        throw DaemonError(kErrMalformedQuery, "a wildcard needs at least " +
+                                                  std::to_string(kMinUserWildcardStem) +
+                                                  " characters before the *");
+      }
+    }
+    qp.set_max_expansion(0, Xapian::Query::WILDCARD_LIMIT_ERROR,
+                         Xapian::QueryParser::FLAG_WILDCARD);
+  } else {
+    qp.set_max_expansion(kMaxWildcardTerms, Xapian::Query::WILDCARD_LIMIT_ERROR,
+                         Xapian::QueryParser::FLAG_WILDCARD);
+  }
   for (const char* prefix : default_prefixes) qp.add_prefix("", prefix);
   AddFieldPrefixes(qp);
   try {
@@ -109,7 +123,7 @@ std::string Lower(std::string s) {
 }
 
 Xapian::Query Criterion(const std::string& field, const std::string& value,
-                        const Xapian::Database& db) {
+                        const Xapian::Database& db, bool per_user) {
   if (field == index::kFieldName) return Xapian::Query(ExactTerm(index::kPrefixExactName, value));
   if (field == index::kFieldPath) return Xapian::Query(ExactTerm(index::kPrefixExactPath, value));
   if (field == index::kFieldExtension) {
@@ -134,12 +148,12 @@ Xapian::Query Criterion(const std::string& field, const std::string& value,
   if (field == index::kFieldMTime) return NumericCriterion(index::kSlotMTime, field, value);
   if (field == index::kFieldContent) {
     // Words that must all occur in the text, in any order.
-    return Parse(value, false, db, {index::kPrefixContent});
+    return Parse(value, false, db, {index::kPrefixContent}, per_user);
   }
   Malformed("unknown criteria field: " + field);
 }
 
-Xapian::Query CriteriaQuery(const Json::Value& list, const Xapian::Database& db) {
+Xapian::Query CriteriaQuery(const Json::Value& list, const Xapian::Database& db, bool per_user) {
   if (list.isNull()) return Xapian::Query();
   if (!list.isArray()) Malformed("\"criteria_list\" is not an array");
   // Criteria on one field are alternatives; different fields must all hold.
@@ -149,7 +163,7 @@ Xapian::Query CriteriaQuery(const Json::Value& list, const Xapian::Database& db)
       Malformed("a criterion needs string \"field\" and \"value\"");
     }
     std::string field = item["field"].asString();
-    by_field[field].push_back(Criterion(field, item["value"].asString(), db));
+    by_field[field].push_back(Criterion(field, item["value"].asString(), db, per_user));
   }
   std::vector<Xapian::Query> all;
   for (auto& entry : by_field) {
@@ -186,8 +200,8 @@ Xapian::Query WeightedKeyword(const QueryParts& request, const Xapian::Database&
     if (field == index::kFieldContent) prefix = index::kPrefixContent;
     // Other fields carry no scored terms: nothing to weigh.
     if (!prefix || weight == 0) continue;
-    scored.emplace_back(Xapian::Query::OP_SCALE_WEIGHT, Parse(request.keyword, true, db, {prefix}),
-                        weight);
+    scored.emplace_back(Xapian::Query::OP_SCALE_WEIGHT,
+                        Parse(request.keyword, true, db, {prefix}, request.per_user), weight);
   }
   if (scored.empty()) return base;
   return Xapian::Query(Xapian::Query::OP_AND_MAYBE,
@@ -204,21 +218,21 @@ bool IsBlank(const std::string& s) {
 
 }  // namespace
 
-Xapian::Query ParseKeyword(const std::string& keyword, bool default_or,
-                           const Xapian::Database& db) {
-  return Parse(keyword, default_or, db, {index::kPrefixName, index::kPrefixContent});
+Xapian::Query ParseKeyword(const std::string& keyword, bool default_or, const Xapian::Database& db,
+                           bool per_user) {
+  return Parse(keyword, default_or, db, {index::kPrefixName, index::kPrefixContent}, per_user);
 }
 
 Xapian::Query BuildQuery(const QueryParts& parts, const Xapian::Database& db) {
   Xapian::Query query = Xapian::Query::MatchAll;
   if (!IsBlank(parts.keyword)) {
-    Xapian::Query parsed = ParseKeyword(parts.keyword, parts.default_or, db);
+    Xapian::Query parsed = ParseKeyword(parts.keyword, parts.default_or, db, parts.per_user);
     // A keyword of punctuation alone parses to nothing: it finds nothing.
     if (parsed.empty()) return Xapian::Query::MatchNothing;
     query = WeightedKeyword(parts, db, parsed);
   }
   for (const Xapian::Query& filter :
-       {CriteriaQuery(parts.criteria_list, db), TypeQuery(parts.file_type)}) {
+       {CriteriaQuery(parts.criteria_list, db, parts.per_user), TypeQuery(parts.file_type)}) {
     if (!filter.empty()) query = Xapian::Query(Xapian::Query::OP_FILTER, query, filter);
   }
   return query;

@@ -24,6 +24,13 @@ namespace daemon {
 // A wildcard that would expand to more terms than this fails the search
 // (code 1001) rather than run away with time and memory.
 constexpr Xapian::termcount kMaxWildcardTerms = 10000;
+// For a search filtered by a user's permissions the index's terms include
+// those of files the user may not read: a limit on how many a wildcard
+// expands to, whether it fails or cuts, would tell them whether such words
+// exist. Those wildcards are expanded whole instead, and need this many
+// characters before the "*" (a rule on the keyword alone) to keep the
+// expansion to the words that really share a stem.
+constexpr size_t kMinUserWildcardStem = 3;
 
 struct QueryParts {
   std::string keyword;
@@ -31,6 +38,7 @@ struct QueryParts {
   Json::Value criteria_list = Json::Value(Json::arrayValue);
   std::string file_type;  // "" and "all" select everything
   Json::Value weights;    // "search_weight_list": null or an array
+  bool per_user = false;  // filtered by a user's permissions: see kMinUserWildcardStem
 };
 
 // Throws DaemonError: 1001 when the keyword does not parse, 1002 when a
@@ -39,7 +47,8 @@ Xapian::Query BuildQuery(const QueryParts& parts, const Xapian::Database& db);
 
 // Only the keyword part, parsed over `prefixes` (the default field when
 // empty). Throws DaemonError 1001.
-Xapian::Query ParseKeyword(const std::string& keyword, bool default_or, const Xapian::Database& db);
+Xapian::Query ParseKeyword(const std::string& keyword, bool default_or, const Xapian::Database& db,
+                           bool per_user = false);
 
 // The words of a keyword, lower-cased, for marking matches in text:
 // whole words, and the stems of trailing wildcards. Operators, field

@@ -33,6 +33,11 @@ class ShareIndexResolver : public IndexResolver {
     return true;
   }
 
+  std::string ShareName(const std::string& index_id) const override {
+    if (index_id.compare(0, sizeof kIndexIdPrefix - 1, kIndexIdPrefix) != 0) return "";
+    return index_id.substr(sizeof kIndexIdPrefix - 1);
+  }
+
   std::vector<std::string> KnownIds() const override {
     std::vector<std::string> ids;
     PKLIBCSZLIST raw = KLIBCSzListAlloc(16);

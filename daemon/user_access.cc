@@ -2,13 +2,18 @@
 
 #include <fcntl.h>
 #include <grp.h>
+#include <kest/klib.h>
 #include <pwd.h>
+#include <sys/stat.h>
 #include <sys/syscall.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <cerrno>
+#include <memory>
 #include <string_view>
+
+#include "index_schema.h"
 
 #ifndef AT_EACCESS
 #define AT_EACCESS 0x200
@@ -90,15 +95,8 @@ UserAccess::UserAccess(uid_t uid, gid_t fallback_gid) : uid_(uid) {
   }
 }
 
-bool UserAccess::CanRead(const std::string& path) {
-  auto it = answers_.find(path);
-  if (it != answers_.end()) return it->second;
-  bool answer = CheckAll({path})[0];
-  answers_.emplace(path, answer);
-  return answer;
-}
-
-std::vector<bool> UserAccess::CheckAll(const std::vector<std::string>& paths) {
+std::vector<bool> UserAccess::CheckAll(const std::vector<std::string>& paths,
+                                       const std::vector<std::string>* identities) {
   std::vector<bool> result(paths.size(), false);
   if (!known_) return result;
   // Grouped by folder: each folder is opened once (as the user, so reaching
@@ -135,12 +133,49 @@ std::vector<bool> UserAccess::CheckAll(const std::vector<std::string>& paths) {
         // The lookup of `name` in the folder needs search permission on it,
         // checked with the user's ids like the rest.
         result[i] = syscall(SYS_faccessat2, dir_fd, name, R_OK, AT_EACCESS) == 0;
+        // Looked up after the check: a file moved in and out again in
+        // between does not keep its change time, so it cannot pass for the
+        // indexed one.
+        struct stat st;
+        if (result[i] && identities) {
+          result[i] = !(*identities)[i].empty() &&
+                      fstatat(dir_fd, name, &st, AT_SYMLINK_NOFOLLOW) == 0 &&
+                      index::FileIdentity(st) == (*identities)[i];
+        }
       }
       if (dir_fd >= 0) close(dir_fd);
     }
   }
   errno = saved_errno;
   return result;
+}
+
+bool PathWithin(const std::string& path, const std::string& dir) {
+  if (dir == "/") return !path.empty() && path[0] == '/';
+  return path.size() >= dir.size() && path.compare(0, dir.size(), dir) == 0 &&
+         (path.size() == dir.size() || path[dir.size()] == '/');
+}
+
+std::optional<std::string> ShareScope(const std::string& share_name, uid_t uid) {
+  std::vector<char> buf(16384);
+  struct passwd pw;
+  struct passwd* found = nullptr;
+  // The platform's rules name users: a uid without a name has no share.
+  if (getpwuid_r(uid, &pw, buf.data(), buf.size(), &found) != 0 || !found) return std::nullopt;
+  const std::string name = pw.pw_name;
+  if (KLIBGroupIsAdminGroupMem(name.c_str(), 0) == 1) return std::string();
+  PKESTSHARE raw = nullptr;
+  if (KESTShareGet(share_name.c_str(), &raw) < 0 || !raw) return std::nullopt;
+  std::unique_ptr<KESTSHARE, void (*)(PKESTSHARE)> share(raw, KESTShareFree);
+  if (KESTShareUserPrivCalc(name.c_str(), share.get()) != KEST_SHARE_PRIV_NA) {
+    return std::string();
+  }
+  // Every user keeps their own home, whatever the "homes" share's lists say.
+  char home[4096];
+  if (share_name == "homes" && KESTServiceHomePathGet(name.c_str(), home, sizeof home) >= 0) {
+    return std::string(home);
+  }
+  return std::nullopt;
 }
 
 }  // namespace daemon

@@ -15,8 +15,8 @@
 
 #include <sys/types.h>
 
+#include <optional>
 #include <string>
-#include <unordered_map>
 #include <vector>
 
 namespace kestondri {
@@ -31,13 +31,14 @@ class UserAccess {
   UserAccess(const UserAccess&) = delete;
   UserAccess& operator=(const UserAccess&) = delete;
 
-  // True when the user may read `path` (and search every folder leading to
-  // it). Answers are remembered for the life of this object.
-  bool CanRead(const std::string& path);
-
-  // The answer for each of `paths`, in order, under one switch of identity:
-  // much cheaper than one CanRead each for a long list. Not remembered.
-  std::vector<bool> CheckAll(const std::vector<std::string>& paths);
+  // For each of `paths`, in order, under one switch of identity: true when
+  // the user may read it (and search every folder leading to it).
+  // With `identities` (one per path, index::FileIdentity form), a path also
+  // has to name that very file, looked up after the permission check from
+  // the same folder handle: a file put in its place since then, or an empty
+  // identity, answers false.
+  std::vector<bool> CheckAll(const std::vector<std::string>& paths,
+                             const std::vector<std::string>* identities = nullptr);
 
   uid_t uid() const { return uid_; }
 
@@ -46,8 +47,18 @@ class UserAccess {
   gid_t gid_ = static_cast<gid_t>(-1);
   std::vector<gid_t> groups_;
   bool known_ = false;
-  std::unordered_map<std::string, bool> answers_;
 };
+
+// What of the shared folder `share_name` the user may search by the share's
+// own rules (read and write lists, invalid users; docs/shares-conf.md), the
+// same rules the web API applies before it asks the daemon: nullopt for
+// nothing, "" for all of it, else only what lies within the folder returned
+// (the user's own home, in "homes"). Administrators may search every share.
+// Reads /etc/kest/shares.conf; a share it cannot read is nothing.
+std::optional<std::string> ShareScope(const std::string& share_name, uid_t uid);
+
+// True when `path` is `dir` or lies below it.
+bool PathWithin(const std::string& path, const std::string& dir);
 
 }  // namespace daemon
 }  // namespace kestondri

@@ -28,7 +28,8 @@ struct Known {
   uint64_t size = 0;
   uint32_t owner = 0;
   bool is_dir = false;
-  double written = 0;  // kSlotWritten
+  double written = 0;    // kSlotWritten
+  std::string identity;  // kSlotIdentity
 };
 
 // The metadata key that holds when a reindex of `path` began.
@@ -234,6 +235,7 @@ SyncResult ShareIndex::Sync(const std::string& path, SyncMode mode, const Folder
         k.owner = static_cast<uint32_t>(std::stoul("0" + index::SlotText(doc, index::kSlotOwner)));
         k.is_dir = index::SlotText(doc, index::kSlotIsDir) == "1";
         k.written = index::SlotNumber(doc, index::kSlotWritten);
+        k.identity = index::SlotText(doc, index::kSlotIdentity);
         known[doc_path] = k;
       }
     }
@@ -256,10 +258,14 @@ SyncResult ShareIndex::Sync(const std::string& path, SyncMode mode, const Folder
     record.size = is_dir ? 0 : static_cast<uint64_t>(st.st_size);
     record.mtime = st.st_mtime;
     record.owner_uid = st.st_uid;
+    record.identity = index::FileIdentity(st);
     if (it != known.end()) {
       const Known& k = it->second;
+      // Another file under the same name, or a chmod, is a change too: the
+      // daemon hides a document whose identity the path no longer has.
       const bool same = k.mtime == record.mtime && k.size == record.size &&
-                        k.owner == record.owner_uid && k.is_dir == is_dir;
+                        k.owner == record.owner_uid && k.is_dir == is_dir &&
+                        k.identity == record.identity;
       const bool fresh = mode == SyncMode::kUpdate || k.written >= reindex_began;
       known.erase(it);
       if (same && fresh && !force) return;
@@ -267,6 +273,15 @@ SyncResult ShareIndex::Sync(const std::string& path, SyncMode mode, const Folder
     if (!is_dir) {
       ExtractResult extracted = extractor.Extract(p, limits);
       record.text = std::move(extracted.text);
+      // Whatever was read came from one file only if the name held the same
+      // file before and after: renaming or linking a file moves its ctime,
+      // so a file swapped in and back out shows. Otherwise the document
+      // stays unverified (shown to nobody filtered) and the change that
+      // moved it brings the next pass.
+      struct stat after;
+      if (lstat(p.c_str(), &after) != 0 || index::FileIdentity(after) != record.identity) {
+        record.identity.clear();
+      }
     }
     Xapian::Document doc = index::MakeDocument(record);
     doc.add_value(index::kSlotWritten, Xapian::sortable_serialise(NowMicros()));

@@ -48,6 +48,12 @@ void HighlightAPI::ParseParams() {
   data["keyword"] = keyword.Get();
   // Always sent, always empty: the daemon ranks fragments without weights.
   data["search_weight_list"] = Json::Value(Json::arrayValue);
+  // The check above is of the client's path, not of the document's: the
+  // daemon checks the document itself for this user, as in a search.
+  if (!request_->IsAdmin()) {
+    data["filters"][0]["name"] = "permission";
+    data["filters"][0]["data"] = static_cast<Json::UInt>(request_->GetLoginUID());
+  }
 }
 
 void HighlightAPI::Execute() {

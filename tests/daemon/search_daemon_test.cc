@@ -29,6 +29,7 @@
 
 #include "daemon/daemon_harness.h"
 #include "index_schema.h"
+#include "query_builder.h"
 #include "support/sandbox.h"
 #include "support/syslog_capture.h"
 
@@ -40,6 +41,13 @@ using Names = std::vector<std::string>;
 const char kDocs[] = "fileindex_docs";
 const char kPub[] = "fileindex_pub";
 const char kBroken[] = "fileindex_broken";
+
+const char kSharesConf[] =
+    "[global]\nadmin group = administrators\n\n"
+    "[docs]\npath = /volume1/docs\n\n"
+    "[pub]\npath = /volume1/pub\n\n"
+    "[broken]\npath = /volume1/broken\n\n"
+    "[far]\npath = /volume2/far\n";
 
 std::string Loader() { return std::string(KEST_BINARY_DIR) + "/daemon/kest_index_loader"; }
 
@@ -56,6 +64,31 @@ void MakeDir(const std::string& path, const char* user, mode_t mode) {
   Own(path, user, mode);
 }
 
+// Writes the document of one file as the indexer would, from its lstat now,
+// into the index at `db_path`.
+void IndexFile(const std::string& db_path, const std::string& path, const std::string& text) {
+  struct stat st;
+  ASSERT_EQ(0, lstat(path.c_str(), &st)) << path;
+  kestondri::index::FileRecord r;
+  r.path = path;
+  r.name = path.substr(path.rfind('/') + 1);
+  r.extension = kestondri::index::ExtensionOfName(r.name, false);
+  r.size = static_cast<uint64_t>(st.st_size);
+  r.mtime = st.st_mtime;
+  r.owner_uid = st.st_uid;
+  r.identity = kestondri::index::FileIdentity(st);
+  r.text = text;
+  Xapian::WritableDatabase db(db_path);
+  db.replace_document(kestondri::index::UniqueTerm(path), kestondri::index::MakeDocument(r));
+  db.commit();
+}
+
+// Runs a shell command as `user`, with that user's groups.
+void ShellAs(const char* user, const std::string& command) {
+  Shell(std::string("setpriv --reuid=") + user + " --regid=" + user + " --init-groups sh -c '" +
+        command + "'");
+}
+
 // A long text: the word "needle" near the start and at the very end, markup
 // everywhere in between.
 std::string BigText() {
@@ -68,12 +101,7 @@ std::string BigText() {
 class SearchDaemonTest : public ::testing::Test {
  protected:
   static void SetUpTestSuite() {
-    WriteFile("/etc/kest/shares.conf",
-              "[global]\nadmin group = administrators\n\n"
-              "[docs]\npath = /volume1/docs\n\n"
-              "[pub]\npath = /volume1/pub\n\n"
-              "[broken]\npath = /volume1/broken\n\n"
-              "[far]\npath = /volume2/far\n");
+    WriteFile("/etc/kest/shares.conf", kSharesConf);
     MakeDir("/volume1/docs", "ann", 0777);
     WriteFile("/volume1/docs/report.txt",
               "Quarterly report about the mutex and the interrupt handler.\n");
@@ -451,6 +479,12 @@ TEST_F(SearchDaemonTest, PrivateFilesStayInvisibleToOtherUsers) {
   ASSERT_EQ(1u, denied.size());
   EXPECT_EQ(1003, denied[0]["error"]["code"].asInt());
   EXPECT_EQ(std::string::npos, Json::toString(denied[0]).find("zebra"));
+  // Root asking on bob's behalf (the web API does) gets bob's answer.
+  Json::Value hl_for_bob = hl;
+  hl_for_bob["filters"][0]["name"] = "permission";
+  hl_for_bob["filters"][0]["data"] = kBobUid;
+  EXPECT_EQ(Json::toString(denied[0]),
+            Json::toString(Exchange(Request("highlight", hl_for_bob))[0]));
   hl["doc_id"] = 99999;
   EXPECT_EQ(Json::toString(denied[0]),
             Json::toString(ExchangeAs("bob", Request("highlight", hl))[0]));
@@ -466,10 +500,16 @@ TEST_F(SearchDaemonTest, PrivateFilesStayInvisibleToOtherUsers) {
 TEST_F(SearchDaemonTest, ModeAndAclChangesAreSeenAtOnce) {
   Json::Value zebra = SearchRequest({kDocs}, "zebra");
   ASSERT_EQ(Names{}, HitNames(ExchangeAs("bob", zebra)));
+  // A chmod moves the file's change time: granted once the indexer (told
+  // by inotify) rewrote its document, taken back at once.
   ASSERT_EQ(0, chmod("/volume1/docs/ann-private.txt", 0644));
+  IndexFile("/volume1/@kestondri/index/docs", "/volume1/docs/ann-private.txt",
+            "zebra private mutex\n");
   EXPECT_EQ(Names{"ann-private.txt"}, HitNames(ExchangeAs("bob", zebra)));
   ASSERT_EQ(0, chmod("/volume1/docs/ann-private.txt", 0600));
   EXPECT_EQ(Names{}, HitNames(ExchangeAs("bob", zebra)));
+  IndexFile("/volume1/@kestondri/index/docs", "/volume1/docs/ann-private.txt",
+            "zebra private mutex\n");
 
   // An ACL entry for the staff group opens the folder to bob, not to dave.
   Shell("setfacl -m g:staff:rx /volume1/docs/annonly");
@@ -477,6 +517,140 @@ TEST_F(SearchDaemonTest, ModeAndAclChangesAreSeenAtOnce) {
   EXPECT_EQ(Names{}, HitNames(ExchangeAs("dave", zebra)));
   Shell("setfacl -b /volume1/docs/annonly");
   EXPECT_EQ(Names{}, HitNames(ExchangeAs("bob", zebra)));
+}
+
+// Bob may rename and remove in a group folder (2770, no sticky bit): what
+// he puts under the name of Ann's private file never shows him the text
+// indexed from hers, not even before the indexer catches up.
+TEST_F(SearchDaemonTest, IndexedTextStaysWithTheFileItCameFrom) {
+  const std::string dir = "/volume1/docs/team", plan = dir + "/plan.txt";
+  const std::string db = "/volume1/@kestondri/index/docs";
+  mkdir(dir.c_str(), 0);
+  ASSERT_EQ(0, chown(dir.c_str(), 0, kStaffGid));
+  ASSERT_EQ(0, chmod(dir.c_str(), 02770));
+  const Json::Value walrus = SearchRequest({kDocs}, "walrus");
+  const Json::Value ind = ParseJson(R"({"keyword": "walrus", "indice": ["fileindex_docs"],
+      "queries": [{"name": "all", "query": {}}]})");
+  Json::Value hl = ParseJson(R"({"id": "fileindex_docs", "keyword": "walrus", "highlight": {}})");
+  const char* attacks[] = {
+      "echo mine > own && mv own plan.txt",
+      "rm plan.txt && echo mine > plan.txt",
+      "rm plan.txt && echo mine > own && ln -s own plan.txt",
+  };
+  for (const char* attack : attacks) {
+    SCOPED_TRACE(attack);
+    Shell("rm -f " + dir + "/*");
+    WriteFile(plan, "walrus migration plan\n");
+    Own(plan, "ann", 0600);
+    IndexFile(db, plan, "walrus migration plan\n");
+    ASSERT_EQ(Names{"plan.txt"}, HitNames(ExchangeAs("ann", walrus)));
+    hl["doc_id"] = DocId("plan.txt");
+
+    ShellAs("bob", "cd " + dir + " && " + attack);
+    auto reply = ExchangeAs("bob", walrus);
+    ASSERT_FALSE(reply.empty());
+    EXPECT_EQ(0, reply[0]["total"].asInt());
+    EXPECT_EQ(Names{}, HitNames(reply));
+    EXPECT_EQ(0, ExchangeAs("bob", Request("indicate", ind))[0]["data"]["all"].asInt());
+    EXPECT_EQ(1003, ExchangeAs("bob", Request("highlight", hl))[0]["error"]["code"].asInt());
+  }
+  Shell("rm -rf " + dir);
+  Xapian::WritableDatabase(db).delete_document(kestondri::index::UniqueTerm(plan));
+}
+
+// A user's scores and wildcards come out the same whatever the files they
+// cannot read hold: Dave's private file repeats Ann's word and holds more
+// words of her stem than the administrators' expansion limit.
+TEST_F(SearchDaemonTest, ScoresAndWildcardsIgnoreFilesTheUserCannotRead) {
+  const std::string db = "/volume1/@kestondri/index/docs";
+  const std::string mine = "/volume1/docs/quokka-notes.txt", theirs = "/volume1/docs/dq.txt";
+  WriteFile(mine, "quokka sightings\n");
+  Own(mine, "ann", 0600);
+  IndexFile(db, mine, "quokka sightings\n");
+  auto score = [] {
+    auto hits = Hits(ExchangeAs("ann", SearchRequest({kDocs}, "quokka")));
+    return hits.size() == 1 ? hits[0]["_score"].asDouble() : -1.0;
+  };
+  const double alone = score();
+  EXPECT_GT(alone, 0);
+  std::string text = "quokka quokka quokka\n";
+  for (int i = 0; i <= static_cast<int>(kestondri::daemon::kMaxWildcardTerms); ++i) {
+    text += "quokk" + std::to_string(i) + " ";
+  }
+  WriteFile(theirs, text);
+  Own(theirs, "dave", 0600);
+  IndexFile(db, theirs, text);
+  EXPECT_EQ(alone, score());
+  struct Case {
+    const char* keyword;
+    int code;  // 0: success
+    Names expected;
+  } cases[] = {
+      {"quokk*", 0, {"quokka-notes.txt"}},
+      {"content:quok* sightings", 0, {"quokka-notes.txt"}},
+      // Too short a stem is refused for what it is, whatever the index holds.
+      {"qu*", 1001, {}},
+  };
+  for (const auto& c : cases) {
+    auto reply = ExchangeAs("ann", SearchRequest({kDocs}, c.keyword));
+    ASSERT_FALSE(reply.empty()) << c.keyword;
+    EXPECT_EQ(c.code, reply.back()["error"]["code"].asInt()) << c.keyword;
+    EXPECT_EQ(c.expected, HitNames(reply)) << c.keyword;
+  }
+  const Json::Value ind = ParseJson(R"({"keyword": "quokk*", "indice": ["fileindex_docs"],
+      "queries": [{"name": "all", "query": {}}]})");
+  EXPECT_EQ(1, ExchangeAs("ann", Request("indicate", ind))[0]["data"]["all"].asInt());
+  Xapian::WritableDatabase w(db);
+  for (const auto& p : {mine, theirs}) {
+    w.delete_document(kestondri::index::UniqueTerm(p));
+    unlink(p.c_str());
+  }
+}
+
+// Over the socket a user gets no more of a share than the web API would
+// give them: nothing of one that refuses them, only their own home in
+// "homes", whatever the files' modes.
+TEST_F(SearchDaemonTest, ShareRulesHoldOverTheSocket) {
+  for (const char* user : {"ann", "bob"}) {
+    const std::string home = std::string("/volume1/homes/") + user;
+    MakeDir("/volume1/homes", "ann", 0755);
+    MakeDir(home, user, 0755);
+    WriteFile(home + "/" + user + "-note.txt", "wombat\n");
+    Own(home + "/" + user + "-note.txt", user, 0644);
+  }
+  Shell(Loader() + " /volume1/homes /volume1/@kestondri/index/homes > /dev/null");
+  std::string conf = kSharesConf;
+  conf.replace(conf.find("[docs]"), 0,
+               "user home = yes\n\n[homes]\npath = /volume1/homes\nread list = carol\n\n");
+  conf.replace(conf.find("\n", conf.find("[pub]") + 6), 0,
+               "\nread list = ann, bob\ninvalid users = bob");
+  WriteFile("/etc/kest/shares.conf", conf);
+  struct Case {
+    const char* user;
+    const char* index;
+    const char* keyword;
+    Names expected;
+  } cases[] = {
+      {"ann", kPub, "mutex", {"pub.txt"}},
+      {"bob", kPub, "mutex", {}},  // invalid users wins over the read list
+      {"dave", kPub, "mutex", {}},
+      {"carol", kPub, "mutex", {"pub.txt"}},  // administrators see every share
+      {"ann", "fileindex_homes", "wombat", {"ann-note.txt"}},
+      {"bob", "fileindex_homes", "wombat", {"bob-note.txt"}},
+      {"dave", "fileindex_homes", "wombat", {}},
+      {"carol", "fileindex_homes", "wombat", {"ann-note.txt", "bob-note.txt"}},
+  };
+  for (const auto& c : cases) {
+    auto reply = ExchangeAs(c.user, SearchRequest({c.index}, c.keyword));
+    EXPECT_EQ(c.expected, HitNames(reply)) << c.user << " " << c.index;
+    ASSERT_FALSE(reply.empty());
+    EXPECT_EQ(static_cast<int>(c.expected.size()), reply[0]["total"].asInt());
+  }
+  Json::Value hl = ParseJson(R"({"id": "fileindex_pub", "keyword": "mutex", "highlight": {}})");
+  hl["doc_id"] = Hits(Exchange(SearchRequest({kPub}, "mutex")))[0]["doc_id"];
+  EXPECT_EQ(1003, ExchangeAs("dave", Request("highlight", hl))[0]["error"]["code"].asInt());
+  EXPECT_TRUE(ExchangeAs("ann", Request("highlight", hl))[0]["success"].asBool());
+  WriteFile("/etc/kest/shares.conf", kSharesConf);
 }
 
 TEST_F(SearchDaemonTest, DamagedAndMissingIndicesAreReportedAndSkipped) {
@@ -696,6 +870,9 @@ TEST_F(SearchDaemonTest, ReadersSeeWhatTheIndexerCommits) {
   }
   // Every worker must notice, whichever serves the request.
   for (int i = 0; i < 20; ++i) EXPECT_EQ(Names{"fresh.txt"}, HitNames(Exchange(req)));
+  // A document that does not say which file it came from is shown to
+  // nobody filtered, though anyone may read the file.
+  EXPECT_EQ(Names{}, HitNames(ExchangeAs("bob", req)));
 }
 
 TEST_F(SearchDaemonTest, SearchesARemoteIndexTogetherWithLocalOnes) {

@@ -5,6 +5,7 @@
 #include "service/share_index.h"
 
 #include <gtest/gtest.h>
+#include <sys/stat.h>
 #include <unistd.h>
 #include <xapian.h>
 
@@ -172,6 +173,49 @@ TEST_F(ShareIndexTest, AnInterruptedReindexGoesOnWhereItStopped) {
       const bool redone = c.forget != kKeep || done.count(f.first) == 0;
       EXPECT_EQ(redone ? f.second : kStale, texts[f.first]) << f.first;
     }
+  }
+}
+
+// An update pass knows a file by its identity too, not only by size and
+// time: another file under the name, or a chmod, gets its document
+// rewritten with the file's identity, as does a document written before
+// identities were kept.
+TEST_F(ShareIndexTest, AnUpdateRewritesWhatIsNoLongerTheIndexedFile) {
+  const std::string a = "/volume1/docs/team/a.txt";
+  const struct {
+    const char* name;
+    const char* shell;  // run in the folder
+    bool drop_identity;
+  } cases[] = {
+      {"replaced, same size and time", "echo ALPHA WORDS > n && touch -r a.txt n && mv n a.txt",
+       false},
+      {"chmod", "chmod 600 a.txt", false},
+      {"no identity yet", "true", true},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.name);
+    ASSERT_EQ(0, system((std::string("cd /volume1/docs/team && ") + c.shell).c_str()));
+    if (c.drop_identity) {
+      MakeStale(a, true);
+      index_->Close();
+      {
+        Xapian::WritableDatabase db(kDb, Xapian::DB_OPEN);
+        Xapian::Document doc = db.get_document(*db.postlist_begin(index::UniqueTerm(a)));
+        doc.remove_value(index::kSlotIdentity);
+        db.replace_document(index::UniqueTerm(a), doc);
+        db.commit();
+      }
+      std::string error;
+      ASSERT_TRUE(index_->Open(&error)) << error;
+    }
+    ASSERT_TRUE(Sync(SyncMode::kUpdate).completed);
+    EXPECT_EQ(kesttest::ReadFile(a), Texts()[a]);
+    struct stat st;
+    ASSERT_EQ(0, lstat(a.c_str(), &st));
+    Xapian::Database db(kDb);
+    EXPECT_EQ(
+        index::FileIdentity(st),
+        db.get_document(*db.postlist_begin(index::UniqueTerm(a))).get_value(index::kSlotIdentity));
   }
 }
 

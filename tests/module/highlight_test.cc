@@ -62,21 +62,40 @@ TEST_F(HighlightTest, UnreadableFileIs507WithoutDaemonTraffic) {
   }
 }
 
+// A user's request names the user: the path checked here is the client's,
+// and only the daemon can tell whether the document is that file.
 TEST_F(HighlightTest, RequestIsSentAsBuiltAndTheDataComesBackUnchanged) {
-  FakeDaemon daemon;
-  const Json::Value data = ParseJson(R"({"KESTMDTextContent": ["a <em>kw</em> b"], "n": [1, 2]})");
-  daemon.On("highlight", DaemonReply::Success(data));
-  const auto response = RunAPI<HighlightAPI>(kAnn, Params("/volume1/docs/open.txt"));
-  ASSERT_TRUE(response.IsSuccess()) << response.GetErrorCode();
-  EXPECT_EQ(data, response.GetData());
-  const auto requests = daemon.Requests();
-  ASSERT_EQ(1u, requests.size());
-  EXPECT_EQ(ParseJson(R"({"command": "highlight", "data": {
-      "id": "fileindex_docs", "doc_id": 17,
-      "highlight": {"field": "KESTMDTextContent", "frag_length": 100, "num_fragments": 3,
-                    "extra": "kept"},
-      "keyword": "kw", "search_weight_list": []}})"),
-            requests[0]);
+  WriteFile("/volume1/homes/note.txt", "x", 0644);
+  const struct {
+    Login login;
+    const char* path;
+    const char* id;
+  } cases[] = {
+      {kAnn, "/volume1/docs/open.txt", "fileindex_docs"},
+      {kCarol, "/volume1/homes/note.txt", "fileindex_homes"},
+  };
+  for (const auto& c : cases) {
+    const Login& login = c.login;
+    FakeDaemon daemon;
+    const Json::Value data =
+        ParseJson(R"({"KESTMDTextContent": ["a <em>kw</em> b"], "n": [1, 2]})");
+    daemon.On("highlight", DaemonReply::Success(data));
+    const auto response = RunAPI<HighlightAPI>(login, Params(c.path));
+    ASSERT_TRUE(response.IsSuccess()) << response.GetErrorCode();
+    EXPECT_EQ(data, response.GetData());
+    const auto requests = daemon.Requests();
+    ASSERT_EQ(1u, requests.size());
+    Json::Value expected = ParseJson(R"({"command": "highlight", "data": {
+        "doc_id": 17,
+        "highlight": {"field": "KESTMDTextContent", "frag_length": 100, "num_fragments": 3,
+                      "extra": "kept"},
+        "keyword": "kw", "search_weight_list": []}})");
+    expected["data"]["id"] = c.id;
+    if (!login.admin) {
+      expected["data"]["filters"] = ParseJson(R"([{"name": "permission", "data": 2001}])");
+    }
+    EXPECT_EQ(expected, requests[0]) << login.name;
+  }
 }
 
 TEST_F(HighlightTest, DaemonReplies) {
