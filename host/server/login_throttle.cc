@@ -17,9 +17,12 @@ void LoginThrottle::Prune(Record* record, Clock::time_point now) const {
   }
 }
 
-bool LoginThrottle::Allowed(Table* table, const std::string& key, int max, Clock::time_point now) {
+bool LoginThrottle::Allowed(Table* table, const std::string& key, int max, bool known,
+                            Clock::time_point now) {
   const auto it = table->find(key);
-  if (it == table->end()) return true;
+  // Expired keys leave at the periodic Sweep(), not here: a flood must not
+  // buy a pass over the whole table with every attempt.
+  if (it == table->end()) return known || table->size() < kMaxKeys;
   Prune(&it->second, now);
   return static_cast<int>(it->second.failures.size()) + it->second.running < max;
 }
@@ -47,12 +50,13 @@ void LoginThrottle::Remember(const std::string& account, const std::string& addr
 bool LoginThrottle::Begin(const std::string& account, const std::string& address,
                           Clock::time_point now) {
   const std::string pair = PairKey(account, address);
-  if (!Allowed(&pairs_, pair, limits_.per_pair, now)) return false;
   // The address an account signed in from is bound by its pair only: the
   // owner there is not locked out by guesses from elsewhere, and a guesser
   // there knows the password already.
-  if (!Known(account, address, now) && (!Allowed(&addresses_, address, limits_.per_address, now) ||
-                                        !Allowed(&accounts_, account, limits_.per_account, now))) {
+  const bool known = Known(account, address, now);
+  if (!Allowed(&pairs_, pair, limits_.per_pair, known, now)) return false;
+  if (!known && (!Allowed(&addresses_, address, limits_.per_address, false, now) ||
+                 !Allowed(&accounts_, account, limits_.per_account, false, now))) {
     return false;
   }
   ++pairs_[pair].running;
@@ -78,14 +82,16 @@ void LoginThrottle::Finish(const std::string& account, const std::string& addres
   if (success) Remember(account, address, now);
 }
 
-void LoginThrottle::Sweep(Clock::time_point now) {
-  for (Table* table : {&pairs_, &accounts_, &addresses_}) {
-    for (auto it = table->begin(); it != table->end();) {
-      Prune(&it->second, now);
-      const bool idle = it->second.failures.empty() && it->second.running == 0;
-      it = idle ? table->erase(it) : std::next(it);
-    }
+void LoginThrottle::Sweep(Table* table, Clock::time_point now) {
+  for (auto it = table->begin(); it != table->end();) {
+    Prune(&it->second, now);
+    const bool idle = it->second.failures.empty() && it->second.running == 0;
+    it = idle ? table->erase(it) : std::next(it);
   }
+}
+
+void LoginThrottle::Sweep(Clock::time_point now) {
+  for (Table* table : {&pairs_, &accounts_, &addresses_}) Sweep(table, now);
   for (auto account = known_.begin(); account != known_.end();) {
     auto& addresses = account->second;
     for (auto it = addresses.begin(); it != addresses.end();) {

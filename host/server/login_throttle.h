@@ -10,7 +10,13 @@
 // tried many accounts). Guessing one account from many addresses meets the
 // account's own bound; that one is not applied to an address the account
 // signed in from lately (up to kTrustedAddresses of them, for kTrustPeriod),
-// so the owner keeps signing in from where they usually do. Single-threaded.
+// so the owner keeps signing in from where they usually do.
+//
+// Each table holds at most kMaxKeys keys: a flood of guesses from very many
+// addresses (any of 127/8 on loopback) must not grow the master's memory
+// without bound. Until the next Sweep() makes room, a login that would need
+// a new key in a full table is refused like a throttled one, except from an
+// address the account signed in from. Single-threaded.
 #ifndef KESTONDRI_HOST_SERVER_LOGIN_THROTTLE_H_
 #define KESTONDRI_HOST_SERVER_LOGIN_THROTTLE_H_
 
@@ -33,6 +39,7 @@ class LoginThrottle {
   };
   static constexpr size_t kTrustedAddresses = 16;
   static constexpr std::chrono::hours kTrustPeriod{24 * 30};
+  static constexpr size_t kMaxKeys = 20000;
 
   LoginThrottle(Limits limits, std::chrono::seconds window) : limits_(limits), window_(window) {}
 
@@ -56,11 +63,12 @@ class LoginThrottle {
   using Table = std::unordered_map<std::string, Record>;
 
   void Prune(Record* record, Clock::time_point now) const;
-  bool Allowed(Table* table, const std::string& key, int max, Clock::time_point now);
+  bool Allowed(Table* table, const std::string& key, int max, bool known, Clock::time_point now);
   void Finish(Table* table, const std::string& key, bool failed, bool forget,
               Clock::time_point now);
   bool Known(const std::string& account, const std::string& address, Clock::time_point now) const;
   void Remember(const std::string& account, const std::string& address, Clock::time_point now);
+  void Sweep(Table* table, Clock::time_point now);
 
   Limits limits_;
   std::chrono::seconds window_;

@@ -197,6 +197,23 @@ TEST(LoginThrottleTest, GuessesLockTheGuessingAddressNotTheOwner) {
   EXPECT_EQ(throttle.keys(), 0u);
 }
 
+TEST(LoginThrottleTest, GuessesFromVeryManyAddressesDoNotGrowItWithoutBound) {
+  LoginThrottle throttle({5, 30, 20}, seconds(60));
+  const auto t0 = Clock::now();
+  ASSERT_TRUE(throttle.Begin("ann", "10.0.0.9", t0));
+  throttle.Finish("ann", "10.0.0.9", true, t0);
+  for (size_t i = 0; i < LoginThrottle::kMaxKeys; ++i) {
+    const std::string n = std::to_string(i);
+    ASSERT_TRUE(throttle.Begin("guess" + n, "10.1." + n, t0));
+    throttle.Finish("guess" + n, "10.1." + n, false, t0);
+  }
+  EXPECT_FALSE(throttle.Begin("bob", "10.0.0.1", t0)) << "full: no new key";
+  EXPECT_TRUE(throttle.Begin("ann", "10.0.0.9", t0)) << "ann where she signs in";
+  throttle.Finish("ann", "10.0.0.9", true, t0);
+  throttle.Sweep(t0 + seconds(61));
+  EXPECT_TRUE(throttle.Begin("bob", "10.0.0.1", t0 + seconds(61)));
+}
+
 TEST(LoginThrottleTest, RunningLoginsCountAgainstTheBound) {
   LoginThrottle throttle({2, 100, 100}, seconds(60));
   const auto t0 = Clock::now();
