@@ -676,7 +676,7 @@ void ServerImpl::HandleApi(const std::shared_ptr<Connection>& connection,
   }
   const Session* session = Authenticate(connection, sid);
   if (!session) return;
-  // One user must not fill every worker and the whole queue by himself.
+  // One user alone must not fill every worker and the whole queue.
   const uid_t uid = session->uid;
   if (pending_[uid] >= config_.max_requests_per_user) {
     connection->SendJson(http::status::ok, ErrorAnswer(kErrTooBusy));
