@@ -78,6 +78,17 @@ std::string SessionCookie(const std::string& sid) {
   return std::string(kSessionCookie) + "=" + sid + "; Path=/; HttpOnly; SameSite=Strict";
 }
 
+// The key a client's address is bounded under. An IPv6 host is given a
+// whole /64 and can pick any address in it, so the prefix is the client.
+std::string ClientKey(const asio::ip::address& address) {
+  if (!address.is_v6()) return address.to_string();
+  const auto v6 = address.to_v6();
+  if (v6.is_v4_mapped()) return asio::ip::make_address_v4(asio::ip::v4_mapped, v6).to_string();
+  auto bytes = v6.to_bytes();
+  for (size_t i = 8; i < bytes.size(); ++i) bytes[i] = 0;
+  return asio::ip::address_v6(bytes).to_string() + "/64";
+}
+
 std::string ExpiredSessionCookie() {
   return std::string(kSessionCookie) + "=; Path=/; Max-Age=0; HttpOnly; SameSite=Strict";
 }
@@ -128,8 +139,10 @@ class ServerImpl {
         housekeeping_(io_),
         accept_pause_(io_),
         stop_deadline_(io_),
-        sessions_(std::chrono::seconds(config.session_idle_timeout), config.max_sessions),
-        throttle_(config.login_max_failures, config.login_max_failures_address,
+        sessions_(std::chrono::seconds(config.session_idle_timeout), config.max_sessions,
+                  config.max_sessions_per_user),
+        throttle_({config.login_max_failures, config.login_max_failures_address,
+                   config.login_max_failures_account},
                   std::chrono::seconds(config.login_failure_window)) {}
   ~ServerImpl() { destroying_ = true; }
 
@@ -138,13 +151,16 @@ class ServerImpl {
 
   // Called by connections.
   void Handle(const std::shared_ptr<Connection>& connection);
-  void Forget(Connection* connection);
+  void Forget(Connection* connection, const std::string& client);
   bool stopping() const { return stopping_; }
   const ServerConfig& config() const { return config_; }
   AccessLog* access_log() { return access_log_; }
 
  private:
   void Accept();
+  // Closes the connection waiting longest for a request from the client
+  // holding the most connections; false when none waits.
+  bool CloseOneWaiting();
   void WaitSignals();
   void WaitChildSignal();
   void WaitReloadSignal();
@@ -177,6 +193,7 @@ class ServerImpl {
   // Declared before the event loop: the loop's destruction ends the last
   // connections, which still reach these on their way out.
   std::unordered_map<Connection*, std::weak_ptr<Connection>> connections_;
+  std::unordered_map<std::string, int> per_client_;  // open connections by ClientKey
   bool stopping_ = false;
   bool destroying_ = false;
   asio::io_context io_{1};
@@ -193,6 +210,7 @@ class ServerImpl {
 
   std::unordered_map<pid_t, std::shared_ptr<Worker>> workers_;
   std::deque<Job> queue_;
+  std::unordered_map<uid_t, int> pending_;  // module requests running or queued, by user
   int exit_status_ = 0;
   Clock::time_point last_sweep_ = Clock::now();
 };
@@ -204,17 +222,21 @@ class Connection : public std::enable_shared_from_this<Connection> {
  public:
   using Request = http::request<http::string_body>;
 
-  Connection(tcp::socket socket, ServerImpl* server) : stream_(std::move(socket)), server_(server) {
-    beast::error_code ec;
-    const auto endpoint = stream_.socket().remote_endpoint(ec);
-    peer_ = ec ? std::string("unknown") : endpoint.address().to_string();
-  }
-  ~Connection() { server_->Forget(this); }
+  Connection(tcp::socket socket, ServerImpl* server, std::string peer, std::string client)
+      : stream_(std::move(socket)),
+        server_(server),
+        peer_(std::move(peer)),
+        client_(std::move(client)) {}
+  ~Connection() { server_->Forget(this, client_); }
 
   void Start() { ReadRequest(); }
-  // Closes a connection waiting for a request (at shutdown).
+  // A connection waiting for a request, idle or still receiving it.
+  bool Waiting() const { return state_ == State::kReading && !closed_; }
+  Clock::time_point waiting_since() const { return waiting_since_; }
+  // Closes a connection waiting for a request (at shutdown, or to make room).
   void CloseIfIdle() {
-    if (state_ != State::kReading) return;
+    if (!Waiting()) return;
+    closed_ = true;
     beast::error_code ignored;
     stream_.socket().shutdown(tcp::socket::shutdown_both, ignored);
     stream_.socket().close(ignored);
@@ -222,6 +244,7 @@ class Connection : public std::enable_shared_from_this<Connection> {
 
   const Request& request() const { return parser_->get(); }
   const std::string& peer() const { return peer_; }
+  const std::string& client() const { return client_; }
   void SetRoute(const std::string& api, const std::string& method, long version) {
     record_.api = api;
     record_.method = method;
@@ -264,6 +287,7 @@ class Connection : public std::enable_shared_from_this<Connection> {
 
   void ReadRequest() {
     state_ = State::kReading;
+    waiting_since_ = Clock::now();
     if (server_->stopping()) return;
     parser_.emplace();
     parser_->header_limit(static_cast<std::uint32_t>(server_->config().max_header_size));
@@ -356,10 +380,13 @@ class Connection : public std::enable_shared_from_this<Connection> {
 
   beast::tcp_stream stream_;
   ServerImpl* server_;
-  std::string peer_;
+  std::string peer_;    // the client's address, for the log
+  std::string client_;  // its ClientKey, for the bounds
   beast::flat_buffer buffer_;
   std::optional<http::request_parser<http::string_body>> parser_;
   State state_ = State::kReading;
+  bool closed_ = false;
+  Clock::time_point waiting_since_;
   unsigned version_ = 11;
   bool keep_alive_ = false;
   Clock::time_point started_;
@@ -430,16 +457,48 @@ void ServerImpl::Accept() {
       });
       return;
     }
-    if (connections_.size() >= static_cast<size_t>(config_.max_connections)) {
+    beast::error_code peer_ec;
+    const auto endpoint = socket.remote_endpoint(peer_ec);
+    const std::string client = peer_ec ? "unknown" : ClientKey(endpoint.address());
+    // One client cannot hold more than its share; at the global bound, a
+    // connection that only waits makes room, the longest waiting of the
+    // client holding the most, so that many clients together cannot shut
+    // out a newcomer either. Nobody is cut off in the middle of a request
+    // already read.
+    const auto held = per_client_.find(client);
+    const bool over_share =
+        held != per_client_.end() && held->second >= config_.max_connections_per_address;
+    if (over_share || (connections_.size() >= static_cast<size_t>(config_.max_connections) &&
+                       !CloseOneWaiting())) {
       beast::error_code ignored;
       socket.close(ignored);
     } else {
-      auto connection = std::make_shared<Connection>(std::move(socket), this);
+      const std::string peer = peer_ec ? "unknown" : endpoint.address().to_string();
+      auto connection = std::make_shared<Connection>(std::move(socket), this, peer, client);
       connections_[connection.get()] = connection;
+      ++per_client_[client];
       connection->Start();
     }
     Accept();
   });
+}
+
+bool ServerImpl::CloseOneWaiting() {
+  std::shared_ptr<Connection> victim;
+  int victim_held = 0;
+  for (const auto& [raw, weak] : connections_) {
+    auto connection = weak.lock();
+    if (!connection || !connection->Waiting()) continue;
+    const int held = per_client_[connection->client()];
+    if (!victim || held > victim_held ||
+        (held == victim_held && connection->waiting_since() < victim->waiting_since())) {
+      victim = connection;
+      victim_held = held;
+    }
+  }
+  if (!victim) return false;
+  victim->CloseIfIdle();
+  return true;
 }
 
 void ServerImpl::WaitSignals() {
@@ -521,8 +580,10 @@ void ServerImpl::MaybeStop() {
   io_.stop();
 }
 
-void ServerImpl::Forget(Connection* connection) {
+void ServerImpl::Forget(Connection* connection, const std::string& client) {
   connections_.erase(connection);
+  const auto held = per_client_.find(client);
+  if (held != per_client_.end() && --held->second <= 0) per_client_.erase(held);
   if (stopping_ && !destroying_) {
     // Not from inside the destructor's own call chain: defer the check.
     asio::post(io_, [this] { MaybeStop(); });
@@ -615,6 +676,13 @@ void ServerImpl::HandleApi(const std::shared_ptr<Connection>& connection,
   }
   const Session* session = Authenticate(connection, sid);
   if (!session) return;
+  // One user alone must not fill every worker and the whole queue.
+  const uid_t uid = session->uid;
+  if (pending_[uid] >= config_.max_requests_per_user) {
+    connection->SendJson(http::status::ok, ErrorAnswer(kErrTooBusy));
+    return;
+  }
+  ++pending_[uid];
 
   Job job;
   job.connection = connection;
@@ -630,7 +698,8 @@ void ServerImpl::HandleApi(const std::shared_ptr<Connection>& connection,
     return RunModuleRequest(route, params, user, uid, id, known_admin,
                             identity ? &*identity : nullptr);
   };
-  job.on_outcome = [this, connection, id = session->id](Outcome outcome) {
+  job.on_outcome = [this, connection, id = session->id, uid](Outcome outcome) {
+    if (--pending_[uid] <= 0) pending_.erase(uid);
     if (outcome.admin >= 0) {
       sessions_.SetLookup(id, outcome.admin == 1,
                           outcome.has_identity ? &outcome.identity : nullptr, Clock::now());
@@ -688,7 +757,7 @@ void ServerImpl::Login(const std::shared_ptr<Connection>& connection, const Json
   const std::string account = account_value.asString();
   const std::string address = connection->peer();
   connection->SetUser(account);
-  if (!throttle_.Begin(account, address, Clock::now())) {
+  if (!throttle_.Begin(account, connection->client(), Clock::now())) {
     syslog(LOG_WARNING, "login for \"%s\" from %s refused: too many failures", account.c_str(),
            address.c_str());
     connection->SendJson(http::status::ok, ErrorAnswer(kErrLoginThrottled));
@@ -701,11 +770,12 @@ void ServerImpl::Login(const std::shared_ptr<Connection>& connection, const Json
               min_uid = config_.min_login_uid]() {
     return RunLogin(service, account, password, min_uid);
   };
-  job.on_outcome = [this, connection, account, address](Outcome outcome) {
+  job.on_outcome = [this, connection, account, address,
+                    client = connection->client()](Outcome outcome) {
     Json::Value answer;
     const bool parsed = outcome.answered && Json::fromString(answer, outcome.text);
     const bool ok = parsed && answer["ok"].asBool();
-    throttle_.Finish(account, address, ok, Clock::now());
+    throttle_.Finish(account, client, ok, Clock::now());
     if (!parsed) {
       connection->SendJson(http::status::ok,
                            ErrorAnswer(outcome.answered ? kErrWorkerEnded : outcome.code));

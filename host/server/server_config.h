@@ -25,11 +25,14 @@ struct ServerConfig {
   std::string access_log = "/var/log/kestondri/webapi-access.log";  // empty: none
   std::string pam_service = "kestondri";
 
-  int max_workers = 16;        // worker processes at once
-  int max_queue = 1024;        // requests waiting for a worker
-  int request_timeout = 60;    // seconds a worker may run
-  int max_connections = 4096;  // open client connections
-  int client_timeout = 30;     // seconds to receive one request or stay idle
+  int max_workers = 16;            // worker processes at once
+  int max_queue = 1024;            // requests waiting for a worker
+  int request_timeout = 60;        // seconds a worker may run
+  int max_requests_per_user = 64;  // module requests running or queued per login user
+  int max_connections = 4096;      // open client connections
+  // Open connections of one client address (an IPv6 client: its /64).
+  int max_connections_per_address = 256;
+  int client_timeout = 30;  // seconds to receive one request or stay idle
   size_t max_body_size = 1 << 20;
   size_t max_header_size = 16 << 10;
 
@@ -38,12 +41,17 @@ struct ServerConfig {
   // it up again; 0 looks it up for every request.
   int admin_recheck_interval = 60;
   size_t max_sessions = 10000;
+  // Per login user: one account logging in over and over only replaces its
+  // own sessions.
+  size_t max_sessions_per_user = 32;
 
-  int login_max_failures = 5;           // per account within the window
+  int login_max_failures = 5;           // per account and address within the window
   int login_max_failures_address = 30;  // per client address within the window
-  int login_failure_window = 300;       // seconds
-  int login_failure_delay_ms = 1000;    // before a failed login is answered
-  uid_t min_login_uid = 1000;           // system accounts never sign in
+  // Per account, from addresses it did not sign in from lately.
+  int login_max_failures_account = 20;
+  int login_failure_window = 300;     // seconds
+  int login_failure_delay_ms = 1000;  // before a failed login is answered
+  uid_t min_login_uid = 1000;         // system accounts never sign in
 };
 
 // The module served when the file names none.

@@ -36,13 +36,21 @@ bool TokensEqual(const std::string& a, const std::string& b) {
 
 const Session& SessionStore::Create(const std::string& user, uid_t uid, bool is_admin,
                                     const KLIBUserIdentity* identity, Clock::time_point now) {
-  if (sessions_.size() >= max_sessions_) Sweep(now);
-  if (sessions_.size() >= max_sessions_) {
-    auto oldest = sessions_.begin();
-    for (auto it = sessions_.begin(); it != sessions_.end(); ++it) {
-      if (it->second.last_used < oldest->second.last_used) oldest = it;
+  if (Held(uid) >= max_per_user_ || sessions_.size() >= max_sessions_) Sweep(now);
+  if (Held(uid) >= max_per_user_) {
+    EvictOldest(uid);
+  } else if (sessions_.size() >= max_sessions_) {
+    uid_t victim = uid;
+    if (Held(uid) == 0) {
+      size_t most = 0;
+      for (const auto& [holder, count] : per_user_) {
+        if (count > most) {
+          most = count;
+          victim = holder;
+        }
+      }
     }
-    sessions_.erase(oldest);
+    EvictOldest(victim);
   }
   Session session;
   session.id = RandomToken();
@@ -52,6 +60,7 @@ const Session& SessionStore::Create(const std::string& user, uid_t uid, bool is_
   session.last_used = now;
   const std::string id = session.id;
   Session& stored = sessions_[id] = std::move(session);
+  ++per_user_[uid];
   Record(&stored, is_admin, identity, now);
   return stored;
 }
@@ -60,7 +69,7 @@ const Session* SessionStore::Find(const std::string& id, Clock::time_point now) 
   const auto it = sessions_.find(id);
   if (it == sessions_.end()) return nullptr;
   if (Expired(it->second, now)) {
-    sessions_.erase(it);
+    Erase(it);
     return nullptr;
   }
   it->second.last_used = now;
@@ -82,12 +91,34 @@ void SessionStore::Record(Session* session, bool is_admin, const KLIBUserIdentit
   session->looked_up = now;
 }
 
-bool SessionStore::Remove(const std::string& id) { return sessions_.erase(id) > 0; }
+bool SessionStore::Remove(const std::string& id) {
+  const auto it = sessions_.find(id);
+  if (it == sessions_.end()) return false;
+  Erase(it);
+  return true;
+}
 
 void SessionStore::Sweep(Clock::time_point now) {
   for (auto it = sessions_.begin(); it != sessions_.end();) {
-    it = Expired(it->second, now) ? sessions_.erase(it) : std::next(it);
+    it = Expired(it->second, now) ? Erase(it) : std::next(it);
   }
+}
+
+SessionStore::Map::iterator SessionStore::Erase(Map::iterator it) {
+  const auto count = per_user_.find(it->second.uid);
+  if (count != per_user_.end() && --count->second == 0) per_user_.erase(count);
+  return sessions_.erase(it);
+}
+
+void SessionStore::EvictOldest(uid_t uid) {
+  auto oldest = sessions_.end();
+  for (auto it = sessions_.begin(); it != sessions_.end(); ++it) {
+    if (it->second.uid == uid &&
+        (oldest == sessions_.end() || it->second.last_used < oldest->second.last_used)) {
+      oldest = it;
+    }
+  }
+  if (oldest != sessions_.end()) Erase(oldest);
 }
 
 }  // namespace host

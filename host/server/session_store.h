@@ -2,8 +2,12 @@
 //
 // A session id and its CSRF token are 256 random bits each, from the kernel's
 // random source, written as 64 hex digits. A session dies after
-// `idle_timeout` without use, at logout, or when the store is full and it is
-// the least recently used one. Single-threaded: the master owns the store.
+// `idle_timeout` without use, at logout, or to make room. Room is taken from
+// the account that logs in: past `max_per_user` sessions, or with the store
+// full, its own least recently used session goes. Only an account holding no
+// session yet takes room from another, from the account that holds the most:
+// logging in over and over never signs other users out. Single-threaded: the
+// master owns the store.
 #ifndef KESTONDRI_HOST_SERVER_SESSION_STORE_H_
 #define KESTONDRI_HOST_SERVER_SESSION_STORE_H_
 
@@ -44,8 +48,8 @@ class SessionStore {
  public:
   using Clock = std::chrono::steady_clock;
 
-  SessionStore(std::chrono::seconds idle_timeout, size_t max_sessions)
-      : idle_timeout_(idle_timeout), max_sessions_(max_sessions) {}
+  SessionStore(std::chrono::seconds idle_timeout, size_t max_sessions, size_t max_per_user)
+      : idle_timeout_(idle_timeout), max_sessions_(max_sessions), max_per_user_(max_per_user) {}
 
   // A new session for the user. Throws what RandomToken() throws.
   // `identity` null: the user's identity is unknown.
@@ -64,6 +68,14 @@ class SessionStore {
   size_t size() const { return sessions_.size(); }
 
  private:
+  using Map = std::unordered_map<std::string, Session>;
+  Map::iterator Erase(Map::iterator it);
+  size_t Held(uid_t uid) const {
+    const auto it = per_user_.find(uid);
+    return it == per_user_.end() ? 0 : it->second;
+  }
+  // Removes the least recently used session of the user.
+  void EvictOldest(uid_t uid);
   static void Record(Session* session, bool is_admin, const KLIBUserIdentity* identity,
                      Clock::time_point now);
   bool Expired(const Session& session, Clock::time_point now) const {
@@ -72,7 +84,9 @@ class SessionStore {
 
   std::chrono::seconds idle_timeout_;
   size_t max_sessions_;
-  std::unordered_map<std::string, Session> sessions_;
+  size_t max_per_user_;
+  Map sessions_;
+  std::unordered_map<uid_t, size_t> per_user_;  // sessions held by each uid
 };
 
 }  // namespace host

@@ -56,8 +56,19 @@ std::vector<ProcInfo> Processes() {
   return all;
 }
 
+thread_local std::string client_address;
+
 int Connect(int port) {
   const int fd = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+  if (!client_address.empty()) {
+    sockaddr_in local{};
+    local.sin_family = AF_INET;
+    inet_pton(AF_INET, client_address.c_str(), &local.sin_addr);
+    if (bind(fd, reinterpret_cast<sockaddr*>(&local), sizeof(local)) != 0) {
+      close(fd);
+      return -1;
+    }
+  }
   sockaddr_in address{};
   address.sin_family = AF_INET;
   address.sin_port = htons(static_cast<uint16_t>(port));
@@ -82,6 +93,8 @@ bool WriteAll(int fd, const std::string& data) {
 }
 
 }  // namespace
+
+void SetClientAddress(const std::string& address) { client_address = address; }
 
 std::string FormEncode(const Fields& fields) {
   static const char kHex[] = "0123456789ABCDEF";

@@ -36,6 +36,10 @@ struct HttpReply {
   std::vector<std::string> set_cookies;
 };
 
+// Connections this thread opens from now on come from `address` (127.0.0.2,
+// 127.0.0.3... play other client hosts on loopback); empty: 127.0.0.1.
+void SetClientAddress(const std::string& address);
+
 // Percent-encodes a field list as a query string or form body.
 std::string FormEncode(const Fields& fields);
 // One request on its own connection.

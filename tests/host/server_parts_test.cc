@@ -101,7 +101,7 @@ TEST(RequestParamsTest, CookieValueFindsTheNamedCookieOnly) {
 }
 
 TEST(SessionStoreTest, IdsAreLongRandomAndDistinct) {
-  SessionStore store(seconds(60), 1000);
+  SessionStore store(seconds(60), 1000, 1000);
   std::set<std::string> seen;
   const auto now = Clock::now();
   for (int i = 0; i < 200; ++i) {
@@ -115,7 +115,7 @@ TEST(SessionStoreTest, IdsAreLongRandomAndDistinct) {
 }
 
 TEST(SessionStoreTest, IdleSessionsExpireAndUseKeepsThemAlive) {
-  SessionStore store(seconds(10), 100);
+  SessionStore store(seconds(10), 100, 100);
   const auto t0 = Clock::now();
   const std::string used = store.Create("ann", 2001, false, nullptr, t0).id;
   const std::string idle = store.Create("bob", 2002, false, nullptr, t0).id;
@@ -128,19 +128,23 @@ TEST(SessionStoreTest, IdleSessionsExpireAndUseKeepsThemAlive) {
   EXPECT_EQ(store.Find("", t0), nullptr);
 }
 
-TEST(SessionStoreTest, FullStoreDropsTheLeastRecentlyUsed) {
-  SessionStore store(seconds(1000), 2);
+TEST(SessionStoreTest, RoomIsTakenFromTheAccountThatLogsIn) {
+  SessionStore store(seconds(1000), 4, 2);  // 4 in all, 2 per user
   const auto t0 = Clock::now();
-  const std::string first = store.Create("ann", 2001, false, nullptr, t0).id;
-  const std::string second = store.Create("bob", 2002, false, nullptr, t0 + seconds(1)).id;
-  ASSERT_NE(store.Find(first, t0 + seconds(2)), nullptr);
-  const std::string third = store.Create("dave", 2004, false, nullptr, t0 + seconds(3)).id;
-  EXPECT_EQ(store.size(), 2u);
-  EXPECT_NE(store.Find(first, t0 + seconds(4)), nullptr);
-  EXPECT_EQ(store.Find(second, t0 + seconds(4)), nullptr);
-  EXPECT_NE(store.Find(third, t0 + seconds(4)), nullptr);
-  EXPECT_TRUE(store.Remove(third));
-  EXPECT_FALSE(store.Remove(third));
+  const auto login = [&](const char* user, int at) {
+    return store.Create(user, static_cast<uid_t>(user[0]), false, nullptr, t0 + seconds(at)).id;
+  };
+  const std::string a1 = login("ann", 0), a2 = login("ann", 1), a3 = login("ann", 2);
+  const std::string b1 = login("bob", 3), c1 = login("carol", 4);
+  // Full: bob replaces his own, not ann's older one; dave, holding none,
+  // takes the oldest of the account holding the most.
+  const std::string b2 = login("bob", 5);
+  const std::string d1 = login("dave", 6);
+  EXPECT_EQ(store.size(), 4u);
+  for (const auto& gone : {a1, b1, a2}) EXPECT_EQ(store.Find(gone, t0 + seconds(7)), nullptr);
+  for (const auto& kept : {a3, b2, c1, d1}) EXPECT_NE(store.Find(kept, t0 + seconds(7)), nullptr);
+  EXPECT_TRUE(store.Remove(d1));
+  EXPECT_FALSE(store.Remove(d1));
 }
 
 TEST(SessionStoreTest, TokensEqualComparesWholeTokens) {
@@ -150,38 +154,74 @@ TEST(SessionStoreTest, TokensEqualComparesWholeTokens) {
   EXPECT_FALSE(TokensEqual("", "abc"));
 }
 
-TEST(LoginThrottleTest, FailuresPerAccountAndAddressAreBounded) {
-  LoginThrottle throttle(3, 5, seconds(60));
+TEST(LoginThrottleTest, GuessesLockTheGuessingAddressNotTheOwner) {
+  LoginThrottle throttle({3, 5, 6}, seconds(60));
   const auto t0 = Clock::now();
-  for (int i = 0; i < 3; ++i) {
-    ASSERT_TRUE(throttle.Begin("ann", "10.0.0.1", t0));
-    throttle.Finish("ann", "10.0.0.1", false, t0);
+  const auto attempt = [&](const char* account, const std::string& address, bool success) {
+    if (!throttle.Begin(account, address, t0)) return false;
+    throttle.Finish(account, address, success, t0);
+    return true;
+  };
+  ASSERT_TRUE(attempt("ann", "10.0.0.9", true));  // ann's usual address
+  struct Case {
+    const char* account;
+    std::string address;
+    bool success;
+    bool allowed;
+    const char* why;
+  } cases[] = {
+      {"ann", "10.0.0.1", false, true, ""},
+      {"ann", "10.0.0.1", false, true, ""},
+      {"ann", "10.0.0.1", false, true, ""},
+      {"ann", "10.0.0.1", true, false, "the pair is locked"},
+      {"ann", "10.0.0.2", true, true, "the owner elsewhere is not"},
+      {"bob", "10.0.0.1", false, true, ""},
+      {"carol", "10.0.0.1", true, true, ""},
+      {"dave", "10.0.0.1", false, true, ""},
+      {"erin", "10.0.0.1", true, false, "the address is locked for everyone"},
+      {"ann", "10.0.0.3", false, true, ""},
+      {"ann", "10.0.0.4", false, true, ""},
+      {"ann", "10.0.0.5", false, true, ""},
+      {"ann", "10.0.0.6", true, false, "many addresses meet the account's bound"},
+      {"ann", "10.0.0.9", true, true, "but not where ann signs in"},
+      {"carol", "10.0.0.1", true, true, "nor where carol signed in"},
+  };
+  for (const auto& c : cases) {
+    EXPECT_EQ(attempt(c.account, c.address, c.success), c.allowed)
+        << c.account << " from " << c.address << ": " << c.why;
   }
-  EXPECT_FALSE(throttle.Begin("ann", "10.0.0.2", t0)) << "the account is locked everywhere";
-  ASSERT_TRUE(throttle.Begin("bob", "10.0.0.1", t0));
-  throttle.Finish("bob", "10.0.0.1", false, t0);
-  ASSERT_TRUE(throttle.Begin("carol", "10.0.0.1", t0));
-  throttle.Finish("carol", "10.0.0.1", true, t0);
-  ASSERT_TRUE(throttle.Begin("dave", "10.0.0.1", t0));
-  throttle.Finish("dave", "10.0.0.1", false, t0);
-  EXPECT_FALSE(throttle.Begin("erin", "10.0.0.1", t0)) << "the address is locked for everyone";
-  EXPECT_TRUE(throttle.Begin("erin", "10.0.0.3", t0));
-  throttle.Finish("erin", "10.0.0.3", true, t0);
   // Old failures leave the window.
-  EXPECT_TRUE(throttle.Begin("ann", "10.0.0.1", t0 + seconds(61)));
-  throttle.Finish("ann", "10.0.0.1", true, t0 + seconds(61));
+  EXPECT_TRUE(throttle.Begin("dave", "10.0.0.1", t0 + seconds(61)));
+  throttle.Finish("dave", "10.0.0.1", true, t0 + seconds(61));
   throttle.Sweep(t0 + seconds(200));
   EXPECT_EQ(throttle.keys(), 0u);
 }
 
+TEST(LoginThrottleTest, GuessesFromVeryManyAddressesDoNotGrowItWithoutBound) {
+  LoginThrottle throttle({5, 30, 20}, seconds(60));
+  const auto t0 = Clock::now();
+  ASSERT_TRUE(throttle.Begin("ann", "10.0.0.9", t0));
+  throttle.Finish("ann", "10.0.0.9", true, t0);
+  for (size_t i = 0; i < LoginThrottle::kMaxKeys; ++i) {
+    const std::string n = std::to_string(i);
+    ASSERT_TRUE(throttle.Begin("guess" + n, "10.1." + n, t0));
+    throttle.Finish("guess" + n, "10.1." + n, false, t0);
+  }
+  EXPECT_FALSE(throttle.Begin("bob", "10.0.0.1", t0)) << "full: no new key";
+  EXPECT_TRUE(throttle.Begin("ann", "10.0.0.9", t0)) << "ann where she signs in";
+  throttle.Finish("ann", "10.0.0.9", true, t0);
+  throttle.Sweep(t0 + seconds(61));
+  EXPECT_TRUE(throttle.Begin("bob", "10.0.0.1", t0 + seconds(61)));
+}
+
 TEST(LoginThrottleTest, RunningLoginsCountAgainstTheBound) {
-  LoginThrottle throttle(2, 100, seconds(60));
+  LoginThrottle throttle({2, 100, 100}, seconds(60));
   const auto t0 = Clock::now();
   EXPECT_TRUE(throttle.Begin("ann", "a", t0));
-  EXPECT_TRUE(throttle.Begin("ann", "b", t0));
-  EXPECT_FALSE(throttle.Begin("ann", "c", t0)) << "parallel guesses must not slip past";
+  EXPECT_TRUE(throttle.Begin("ann", "a", t0));
+  EXPECT_FALSE(throttle.Begin("ann", "a", t0)) << "parallel guesses must not slip past";
   throttle.Finish("ann", "a", true, t0);
-  EXPECT_TRUE(throttle.Begin("ann", "c", t0)) << "a success forgets the account's failures";
+  EXPECT_TRUE(throttle.Begin("ann", "a", t0)) << "a success forgets the pair's failures";
 }
 
 TEST(ServerConfigTest, FileOverridesDefaultsAndBadLinesAreRefused) {
@@ -199,6 +239,11 @@ TEST(ServerConfigTest, FileOverridesDefaultsAndBadLinesAreRefused) {
   EXPECT_EQ(config.request_timeout, 60);
   ASSERT_EQ(config.modules.size(), 2u) << "the named modules replace the default one";
   EXPECT_EQ(config.modules[1].second, "/lib/b.so");
+  // The shipped file names every setting; each must be one the server knows.
+  ServerConfig shipped;
+  EXPECT_TRUE(LoadServerConfig(std::string(KEST_SOURCE_DIR) + "/host/dist/webapi-server.conf", true,
+                               &shipped, &error))
+      << error;
 
   struct Case {
     const char* text;

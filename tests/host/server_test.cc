@@ -48,6 +48,7 @@ class ServerTest : public testing::Test {
   }
 
   void TearDown() override {
+    SetClientAddress("");
     if (HasFailure()) {
       for (const auto& line : SyslogCapture::Instance().Lines())
         printf("syslog: %s\n", line.text.c_str());
@@ -341,7 +342,7 @@ TEST_F(ServerTest, CookieSessionsNeedTheCsrfToken) {
 class ShortSessionServerTest : public ServerTest {
   std::string ExtraConfig() override {
     return "[server]\nsession_idle_timeout = 1\nlogin_max_failures = 3\n"
-           "login_max_failures_address = 5\n";
+           "login_max_failures_address = 5\nlogin_max_failures_account = 4\n";
   }
 };
 
@@ -352,17 +353,35 @@ TEST_F(ShortSessionServerTest, IdleSessionsExpire) {
   EXPECT_EQ(ErrorCode(CallApi(TestCall("echo"), ann.sid)), 106);
 }
 
-TEST_F(ShortSessionServerTest, FailedLoginsAreThrottledPerAccountAndAddress) {
-  for (int i = 0; i < 3; ++i) EXPECT_EQ(Login("ann", "wrong").reply["error"]["code"], 112);
-  // Locked: even the right password is not tried.
-  EXPECT_EQ(Login("ann", "ann-secret").reply["error"]["code"], 113);
+TEST_F(ShortSessionServerTest, FailedLoginsLockTheGuessingAddressNotTheOwner) {
+  struct Case {
+    const char* from;
+    const char* account;
+    const char* password;
+    int code;  // 0: signed in
+  } cases[] = {
+      {"127.0.0.1", "ann", "ann-secret", 0},  // where ann signs in
+      {"127.0.0.2", "ann", "wrong", 112},
+      {"127.0.0.2", "ann", "wrong", 112},
+      {"127.0.0.2", "ann", "wrong", 112},
+      {"127.0.0.2", "ann", "ann-secret", 113},  // not even tried
+      {"127.0.0.3", "ann", "ann-secret", 0},    // the owner elsewhere still may
+      {"127.0.0.2", "bob", "wrong", 112},
+      {"127.0.0.2", "bob", "bob-secret", 0},
+      {"127.0.0.2", "dave", "wrong", 112},
+      {"127.0.0.2", "dave", "dave-secret", 113},  // the address tried too many
+      {"127.0.0.4", "ann", "wrong", 112},
+      {"127.0.0.5", "ann", "ann-secret", 113},  // guessed from many addresses
+      {"127.0.0.1", "ann", "ann-secret", 0},    // yet ann signs in where she did
+      {"127.0.0.3", "ann", "ann-secret", 0},
+  };
+  for (const auto& c : cases) {
+    SetClientAddress(c.from);
+    const LoginSession session = Login(c.account, c.password);
+    EXPECT_EQ(session.reply["error"]["code"].asInt(), c.code)
+        << c.account << " from " << c.from << ": " << session.reply;
+  }
   EXPECT_TRUE(SyslogCapture::Instance().WaitFor("too many failures"));
-  // Another account from the same address still may, until the address
-  // has failed too often.
-  EXPECT_EQ(Login("bob", "wrong").reply["error"]["code"], 112);
-  EXPECT_TRUE(Login("bob", "bob-secret").reply["success"].asBool());
-  EXPECT_EQ(Login("dave", "wrong").reply["error"]["code"], 112);
-  EXPECT_EQ(Login("dave", "dave-secret").reply["error"]["code"], 113);
 }
 
 // ---------------------------------------------------------------------------
@@ -370,7 +389,8 @@ TEST_F(ShortSessionServerTest, FailedLoginsAreThrottledPerAccountAndAddress) {
 
 class WorkerServerTest : public ServerTest {
   std::string ExtraConfig() override {
-    return "[server]\nrequest_timeout = 2\nmax_workers = 8\nmax_queue = 400\n";
+    return "[server]\nrequest_timeout = 2\nmax_workers = 8\nmax_queue = 400\n"
+           "max_requests_per_user = 200\n";
   }
 };
 
@@ -497,7 +517,8 @@ TEST_F(BusyServerTest, ExcessRequestsWaitThenGetTooBusy) {
 class LimitsServerTest : public ServerTest {
   std::string ExtraConfig() override {
     return "[server]\nmax_body_size = 4096\nmax_header_size = 2048\nclient_timeout = 2\n"
-           "max_connections = 600\n";
+           "max_connections = 200\nmax_connections_per_address = 60\n"
+           "max_sessions = 8\nmax_sessions_per_user = 3\nmax_requests_per_user = 2\n";
   }
 };
 
@@ -532,23 +553,72 @@ TEST_F(LimitsServerTest, BadRequestsGetClearErrors) {
   EXPECT_EQ(CallApi(TestCall("echo"), ann.sid).json["success"], true);
 }
 
-TEST_F(LimitsServerTest, FloodsOfConnectionsDoNotStopService) {
+TEST_F(LimitsServerTest, FloodsOfConnectionsShutNoOtherClientOut) {
   const LoginSession ann = Login("ann", "ann-secret");
-  std::vector<int> idle;
-  for (int i = 0; i < 300; ++i) {
-    const int fd = OpenConnection();
-    ASSERT_GE(fd, 0);
-    if (i % 3 == 0) send(fd, "GET /webapi/entry.cgi HTTP/1.1\r\nHost: x\r\n", 41, MSG_NOSIGNAL);
-    idle.push_back(fd);
+  struct Case {
+    int addresses;
+    int each;  // idle connections from each; every third one sends half a request
+  } cases[] = {{1, 250}, {4, 60}};
+  for (const auto& c : cases) {
+    std::vector<int> idle;
+    for (int a = 1; a <= c.addresses; ++a) {
+      SetClientAddress("127.0.1." + std::to_string(a));
+      for (int i = 0; i < c.each; ++i) {
+        const int fd = OpenConnection();
+        ASSERT_GE(fd, 0);
+        if (i % 3 == 1) send(fd, "GET /webapi/entry.cgi HTTP/1.1\r\nHost: x\r\n", 41, MSG_NOSIGNAL);
+        idle.push_back(fd);
+      }
+    }
+    SetClientAddress("");
+    const auto start = std::chrono::steady_clock::now();
+    EXPECT_EQ(CallApi(TestCall("echo"), ann.sid).json["success"], true) << c.addresses;
+    printf("%d x %d idle connections: another client served in %ld ms\n", c.addresses, c.each,
+           static_cast<long>(std::chrono::duration_cast<std::chrono::milliseconds>(
+                                 std::chrono::steady_clock::now() - start)
+                                 .count()));
+    char byte;
+    timeval wait{10, 0};
+    setsockopt(idle.back(), SOL_SOCKET, SO_RCVTIMEO, &wait, sizeof(wait));
+    setsockopt(idle.front(), SOL_SOCKET, SO_RCVTIMEO, &wait, sizeof(wait));
+    // Past its share a client is refused at once; the rest go once the
+    // client time-out passes.
+    EXPECT_EQ(recv(idle.back(), &byte, 1, 0), 0) << "the server closes a connection over the share";
+    EXPECT_EQ(recv(idle.front(), &byte, 1, 0), 0) << "the server closes a connection that stalls";
+    for (int fd : idle) close(fd);
   }
+}
+
+TEST_F(LimitsServerTest, OneUserCannotHoldEveryWorker) {
+  const LoginSession ann = Login("ann", "ann-secret");
+  const LoginSession carol = Login("carol", "carol-secret");
+  for (int i = 0; i < 500 && !server_.Descendants().empty(); ++i) {
+    std::this_thread::sleep_for(std::chrono::milliseconds(10));
+  }
+  std::vector<std::thread> sleepers;
+  for (int i = 0; i < 2; ++i) {
+    sleepers.emplace_back([&] { CallApi(TestCall("sleep", {{"seconds", "2"}}), ann.sid); });
+  }
+  for (int i = 0; i < 500 && server_.Descendants().size() < 2; ++i) {
+    std::this_thread::sleep_for(std::chrono::milliseconds(10));
+  }
+  EXPECT_EQ(ErrorCode(CallApi(TestCall("echo"), ann.sid)), 107);
+  EXPECT_EQ(CallApi(TestCall("echo"), carol.sid).json["success"], true);
+  for (auto& t : sleepers) t.join();
   EXPECT_EQ(CallApi(TestCall("echo"), ann.sid).json["success"], true);
-  // The slow ones are dropped once the client time-out passes.
-  char byte;
-  timeval wait{10, 0};
-  setsockopt(idle[0], SOL_SOCKET, SO_RCVTIMEO, &wait, sizeof(wait));
-  EXPECT_EQ(recv(idle[0], &byte, 1, 0), 0) << "the server closes a connection that stalls";
-  for (int fd : idle) close(fd);
-  EXPECT_EQ(CallApi(TestCall("echo"), ann.sid).json["success"], true);
+}
+
+TEST_F(LimitsServerTest, OneAccountLoggingInOverAndOverSignsNoOneElseOut) {
+  const LoginSession ann = Login("ann", "ann-secret");
+  const LoginSession carol = Login("carol", "carol-secret");
+  std::vector<std::string> bob;
+  for (int i = 0; i < 10; ++i) bob.push_back(Login("bob", "bob-secret").sid);
+  struct Case {
+    std::string sid;
+    int code;
+  } cases[] = {{ann.sid, 0},  {carol.sid, 0}, {bob[0], 106},
+               {bob[6], 106}, {bob[7], 0},    {bob[9], 0}};
+  for (const auto& c : cases) EXPECT_EQ(ErrorCode(CallApi(TestCall("echo"), c.sid)), c.code);
 }
 
 TEST_F(ServerTest, KeepAliveConnectionsServeSeveralRequests) {
