@@ -4,7 +4,8 @@
 # logs in over HTTP as a real user, indexes a share, searches (and so writes
 # the search history as the service user), reads the units' exposure from
 # systemd-analyze security, upgrades with an edited configuration file,
-# removes and purges. Needs root, systemd-container and debootstrap.
+# removes and purges. Needs root, systemd-container, debootstrap and sqlite3
+# (scripts/install-deps.sh).
 #
 #   bash tests/package/deb12.sh
 #
@@ -155,10 +156,8 @@ if [[ -n ${KEST_PACKAGE_PAUSE:-} ]]; then  # to look around: nsenter -t LEADER -
   until [[ -e $WORK/continue ]]; do sleep 1; done
 fi
 history_rows() {
-  python3 -c 'import sqlite3, sys
-db = sqlite3.connect("file:" + sys.argv[1] + "?mode=ro", uri=True)
-print(db.execute("select count(*) from search_history").fetchone()[0])' \
-    "$WORK/root/var/packages/KestOndri/var/kestondri.db"
+  sqlite3 -readonly "$WORK/root/var/packages/KestOndri/var/kestondri.db" \
+    "SELECT count(*) FROM search_history"
 }
 for _ in $(seq 50); do [[ "$(history_rows 2>/dev/null)" == 1 ]] && break; sleep 0.1; done
 check "the search is in the history, database owned by KestOndri" \
