@@ -15,6 +15,8 @@
 # made here when missing, which needs the network, as does the first run
 # (the package's dependencies are installed once into a layer kept beside
 # it). Every run starts from that tree and leaves it as it was.
+# The commands in single quotes run inside the container, expanded there.
+# shellcheck disable=SC2016
 set -euo pipefail
 
 ROOT="$(cd "$(dirname "$0")/../.." && pwd)"
@@ -53,7 +55,7 @@ cmake -S "$ROOT" -B "$BUILD" -DCMAKE_BUILD_TYPE=Release -DKEST_BUILD_TESTS=OFF \
   -DCMAKE_INSTALL_PREFIX=/usr >/dev/null
 cmake --build "$BUILD" -j"$(nproc)" --target package >"$WORK/package.log" 2>&1 ||
   { tail -30 "$WORK/package.log"; exit 1; }
-DEB=$(ls -t "$BUILD"/kestondri_*.deb | head -1)
+DEB="$BUILD/kestondri_$(sed -n 's/^KEST_VERSION:STRING=//p' "$BUILD/CMakeCache.txt")_$(dpkg --print-architecture).deb"
 echo "$DEB"
 # The upgrade: the same files under a later version.
 dpkg-deb -R "$DEB" "$WORK/next"
@@ -66,7 +68,7 @@ if [[ ! -x $BASE/usr/lib/systemd/systemd ]]; then
     bookworm "$BASE" >"$WORK/debootstrap.log" 2>&1 || { tail -20 "$WORK/debootstrap.log"; exit 1; }
 fi
 deps="$(dpkg-deb -f "$DEB" Depends | sed 's/([^)]*)//g; s/|[^,]*//g; s/,/ /g') logrotate"
-deps=$(echo $deps)
+deps=$(xargs <<<"$deps")
 if [[ "$(cat "$LAYER.stamp" 2>/dev/null)" != "$deps" ]]; then
   rm -rf "$LAYER" "$LAYER.work"
   mkdir -p "$LAYER" "$LAYER.work" "$WORK/prep"
