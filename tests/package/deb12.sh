@@ -125,9 +125,10 @@ check "logrotate accepts the access log's rotation" inside logrotate -d /etc/log
 
 # A user with a password, a share with a file of theirs.
 inside sh -c 'useradd -m -u 1000 -s /bin/bash tester && echo tester:Kest-pass-1 | chpasswd &&
+          useradd -m -u 1001 -s /bin/bash other && echo other:Kest-pass-2 | chpasswd &&
           mkdir -p /volume1/docs/reports &&
           echo "the zebra migration report" > /volume1/docs/reports/zebra.txt &&
-          chown -R tester:tester /volume1/docs/reports &&
+          chown -R tester:tester /volume1/docs/reports && chmod 0700 /volume1/docs/reports &&
           printf "[global]\nadmin group = administrators\n\n[docs]\npath = /volume1/docs\n" \
             > /etc/kest/shares.conf'
 inside systemctl restart "${UNITS[@]}"
@@ -149,21 +150,33 @@ for _ in $(seq 300); do
   sleep 0.2
 done
 check "indexing finished ($status)" grep -q '"index":"finished"' <<<"$status"
-answer=$(call '{"api":"KEST.Ondri.FileIndexing.Search","method":"search","version":1,"_sid":"'"$SID"'",
-  "indice":["docs"],"keyword":"zebra","orig_keyword":"zebra","from":0,"size":10,"query_serial":1,
-  "fields":["KESTMDPath"],"file_type":"","search_weight_list":[]}')
+login() {  # login USER PASSWORD: prints the session id
+  call '{"api":"KEST.API.Auth","method":"login","version":1,"account":"'"$1"'","passwd":"'"$2"'"}' |
+    sed -n 's/.*"sid":"\([0-9a-f]*\)".*/\1/p'
+}
+search() {  # search SID: looks for "zebra"
+  call '{"api":"KEST.Ondri.FileIndexing.Search","method":"search","version":1,"_sid":"'"$1"'",
+    "indice":["docs"],"keyword":"zebra","orig_keyword":"zebra","from":0,"size":10,"query_serial":1,
+    "fields":["KESTMDPath"],"file_type":"","search_weight_list":[]}'
+}
+answer=$(search "$SID")
 check "search finds the file ($answer)" grep -q '/volume1/docs/reports/zebra.txt' <<<"$answer"
+# The daemon checks each hit as the asking user under its narrowed
+# capabilities: a user who may not read the folder sees nothing of it.
+answer=$(search "$(login other Kest-pass-2)")
+check "another user does not see it ($answer)" \
+  bash -c 'grep -q "\"total\":0" <<<"$1" && ! grep -q zebra <<<"$1"' _ "$answer"
 if [[ -n ${KEST_PACKAGE_PAUSE:-} ]]; then  # to look around: nsenter -t LEADER -a
   echo "paused: container leader $LEADER; touch $WORK/continue to go on"
   until [[ -e $WORK/continue ]]; do sleep 1; done
 fi
 history_rows() {
   sqlite3 -readonly "$WORK/root/var/packages/KestOndri/var/kestondri.db" \
-    "SELECT count(*) FROM search_history"
+    "SELECT group_concat(uid || ':' || keyword, ' ') FROM (SELECT * FROM search_history ORDER BY uid)"
 }
-for _ in $(seq 50); do [[ "$(history_rows 2>/dev/null)" == 1 ]] && break; sleep 0.1; done
-check "the search is in the history, database owned by KestOndri" \
-  sh -c 'echo "database: $1, history rows: $2"; test "$1" = "KestOndri 600" -a "$2" = 1' _ \
+for _ in $(seq 50); do [[ "$(history_rows 2>/dev/null)" == "1000:zebra 1001:zebra" ]] && break; sleep 0.1; done
+check "each user's search is in the history, database owned by KestOndri" \
+  sh -c 'echo "database: $1, history rows: $2"; test "$1" = "KestOndri 600" -a "$2" = "1000:zebra 1001:zebra"' _ \
   "$(inside stat -c '%U %a' /var/packages/KestOndri/var/kestondri.db 2>&1)" "$(history_rows 2>&1)"
 check "access log written" inside test -s /var/log/kestondri/webapi-access.log
 
