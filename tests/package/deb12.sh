@@ -191,6 +191,16 @@ check "each user's search is in the history, database owned by KestOndri" \
   sh -c 'echo "database: $1, history rows: $2"; test "$1" = "KestOndri 600" -a "$2" = "1000:quagga 1000:zebra 1001:zebra"' _ \
   "$(inside stat -c '%U %a' /var/packages/KestOndri/var/kestondri.db 2>&1)" "$(history_rows 2>&1)"
 check "access log written" inside test -s /var/log/kestondri/webapi-access.log
+inside logrotate -f /etc/logrotate.d/kestondri
+# The reload that makes the server reopen its log is a signal: no waiting.
+for _ in $(seq 50); do
+  login other Kest-pass-2 >/dev/null
+  inside grep -q KEST.API.Auth /var/log/kestondri/webapi-access.log 2>/dev/null && break
+  sleep 0.1
+done
+check "after rotation the server writes to the new access log" \
+  inside sh -c 'test -s /var/log/kestondri/webapi-access.log.1 &&
+                grep -q KEST.API.Auth /var/log/kestondri/webapi-access.log'
 
 echo "== exposure (systemd-analyze security)"
 for unit in "${UNITS[@]}"; do
