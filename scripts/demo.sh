@@ -4,16 +4,19 @@
 # the web API server, indexes the shares, and prints how to log in and search
 # with curl. Ctrl-C stops everything.
 #
-# By default everything happens in a private mount namespace: the demo's
-# users, /etc/kest, /volume1 and /var/packages exist only there, so the
-# machine's own users and folders are untouched (empty mount points are
-# created for folders that do not exist yet). The web API server listens on
-# the machine's loopback, so curl from any shell reaches it.
+# By default everything happens in private namespaces: the demo's users,
+# /etc, /run, /tmp, /dev/log, /volume1 and /var/packages exist only there, so
+# the machine's own users, folders and services (an installed KestOndri
+# included) are untouched (empty mount points are created for folders that
+# do not exist yet). The checkout may lie anywhere, /tmp included. The web
+# API server listens on the machine's loopback, so curl from any shell
+# reaches it.
 #
 #   bash scripts/demo.sh            # the demo, in private namespaces
 #   KEST_DEMO_PORT=5080 bash scripts/demo.sh
 #
-# Logs: build/demo-logs/ (each service's standard error, the access log).
+# Logs: build/demo-logs/: syslog.log (what the services send to syslog),
+# each service's standard error, the access log.
 set -euo pipefail
 
 ROOT="$(cd "$(dirname "$0")/.." && pwd)"
@@ -36,7 +39,7 @@ if [[ "${1:-}" != "--inside" ]]; then
     exit 1
   fi
   created=()
-  for d in /volume1 /var/packages /etc/kest; do
+  for d in /volume1 /var/packages; do
     if [[ ! -d $d ]]; then
       mkdir -p "$d"
       created+=("$d")
@@ -51,35 +54,83 @@ fi
 
 # ---------------------------------------------------------------------------
 # Inside the private mount namespace.
-for d in /volume1 /var/packages /etc/kest /tmp; do
-  mount -t tmpfs -o mode=0755 kestdemo "$d"
-done
-chmod 1777 /tmp
-STATE=/tmp/kestondri-demo
+
+# The checkout stays reachable at its own path even when it lies under a
+# folder that is covered next (/tmp, /run, ...): fd 9 keeps the original,
+# and it is bound back onto the same path on the new file system (mount
+# must not resolve the descriptor's link to a path: that path is covered).
+exec 9<"$ROOT"
+cover() {  # cover DIR: a fresh tmpfs on DIR, the checkout bound back if it lay below
+  mount -t tmpfs -o mode=0755 kestdemo "$1"
+  if [[ $ROOT == "$1"/* ]]; then
+    mkdir -p "$ROOT"
+    mount --no-canonicalize --bind /proc/self/fd/9 "$ROOT"
+  fi
+}
+cover /run
+STATE=/run/kestondri-demo
 mkdir -p "$STATE"
 
-# Private copies of the account files and of PAM's configuration.
-for f in passwd group shadow; do
-  cp -p "/etc/$f" "$STATE/$f"
-  mount --bind "$STATE/$f" "/etc/$f"
+# A private /etc: the demo adds users and groups with the system's own tools
+# and writes its own /etc/kest and PAM service.
+cp -a /etc "$STATE/etc"
+mount --bind "$STATE/etc" /etc
+rm -rf /etc/kest
+mkdir -p /etc/kest
+cp "$ROOT/host/dist/kestondri.pam" /etc/pam.d/kestondri
+
+# A private /dev with the machine's devices and a /dev/log of its own, read
+# by a small logger that writes the services' syslog lines to the logs.
+mkdir -p "$STATE/dev"
+mount --rbind /dev "$STATE/dev"
+mapfile -d '' devices < <(find /dev -mindepth 1 -maxdepth 1 ! -name log -printf '%f\0')
+mount -t tmpfs -o mode=0755,nosuid kestdemo /dev
+for name in "${devices[@]}"; do
+  entry="$STATE/dev/$name"
+  if [[ -L $entry ]]; then
+    cp -P "$entry" "/dev/$name"
+  elif [[ -d $entry ]]; then
+    mkdir "/dev/$name"
+    mount --rbind "$entry" "/dev/$name"
+  else
+    touch "/dev/$name"
+    mount --bind "$entry" "/dev/$name"
+  fi
 done
-cp -a /etc/pam.d "$STATE/pam.d"
-cp "$ROOT/host/dist/kestondri.pam" "$STATE/pam.d/kestondri"
-mount --bind "$STATE/pam.d" /etc/pam.d
+perl -MSocket -MIO::Socket::UNIX -e '
+  my $s = IO::Socket::UNIX->new(Type => SOCK_DGRAM, Local => "/dev/log") or die "/dev/log: $!";
+  chmod 0666, "/dev/log";
+  my @level = qw(emerg alert crit err warning notice info debug);
+  open(my $out, ">>", $ARGV[0]) or die "$ARGV[0]: $!";
+  $out->autoflush(1);
+  $SIG{TERM} = sub { exit 0 };
+  while (defined $s->recv(my $m, 65536)) {
+    $m =~ s/\n+$//;
+    $m =~ s/^<(\d+)>/$level[$1 & 7] / if $m =~ /^<\d+>/;
+    print $out "$m\n";
+  }' "$LOGS/syslog.log" &
+LOGGER=$!
+trap 'kill "$LOGGER" 2>/dev/null' EXIT
+
+for d in /volume1 /var/packages /tmp; do
+  cover "$d"
+done
+chmod 1777 /tmp
+
+# The service user and the administrators group, and the package's folders,
+# from the files the package installs.
+systemd-sysusers "$ROOT/dist/kestondri.sysusers"
+systemd-tmpfiles --create "$ROOT/dist/kestondri.tmpfiles"
 
 free_id() {  # free_id FROM: the first id at or above FROM used by no user and no group
   local id=$1
   while cut -d: -f3 /etc/passwd /etc/group | grep -qx "$id"; do id=$((id + 1)); done
   echo "$id"
 }
-add_group() {  # add_group NAME MEMBER,...: creates the group or adds the members
-  if grep -q "^$1:" /etc/group; then
-    awk -F: -v OFS=: -v g="$1" -v m="$2" \
-      '$1 == g { $4 = ($4 == "" ? m : $4 "," m) } { print }' /etc/group >"$STATE/group.new"
-    cat "$STATE/group.new" >/etc/group
-  else
-    echo "$1:x:$(free_id 3100):$2" >>/etc/group
-  fi
+add_group() {  # add_group NAME MEMBER,...: creates the group if needed, adds the members
+  getent group "$1" >/dev/null || groupadd -g "$(free_id 3100)" "$1"
+  local member
+  for member in ${2//,/ }; do usermod -a -G "$1" "$member"; done
 }
 declare -A PASSWORDS
 add_user() {  # add_user NAME FULL-NAME
@@ -93,9 +144,8 @@ add_user() {  # add_user NAME FULL-NAME
   hash=$(perl -e 'my @c = ("a".."z", "A".."Z", 0..9, ".", "/");
                   my $s = join "", map { $c[rand @c] } 1..16;
                   print crypt($ARGV[0], "\$6\$$s\$")' "$password")
-  echo "$name:x:$uid:$uid:$2:/volume1/homes/$name:/bin/bash" >>/etc/passwd
-  echo "$name:x:$uid:" >>/etc/group
-  echo "$name:$hash:19000:0:99999:7:::" >>/etc/shadow
+  groupadd -g "$uid" "$name"
+  useradd -u "$uid" -g "$uid" -c "$2" -d "/volume1/homes/$name" -M -s /bin/bash -p "$hash" "$name"
   PASSWORDS[$name]=$password
 }
 add_user alice "Alice (administrator)"
@@ -180,7 +230,7 @@ login_failure_delay_ms = 300
 kestondri = $BUILD/src/libkestondri_webapi.so
 EOF
 
-PIDS=()
+PIDS=("$LOGGER")
 stop() {
   trap - INT TERM HUP EXIT
   echo

@@ -14,6 +14,8 @@ packages=(
   libgtest-dev libgmock-dev acl xapian-tools util-linux iproute2 curl procps
   # benchmarks
   wrk
+  # the Debian package (CPack's shlibdeps needs file) and its test on a booted Debian 12
+  dpkg-dev file systemd-container debootstrap sqlite3
 )
 
 missing=()
