@@ -76,16 +76,16 @@ bool ReadWhole(const char* path, std::string* text) {
   return ok;
 }
 
-bool LoadSnapshot(const Stamp& stamp, StoreContents* contents) {
-  std::string text;
-  if (!ReadWhole(kSnapshotPath, &text)) return false;
+}  // namespace
+
+bool ParseSnapshot(const std::string& text, const std::string& stamp, StoreContents* contents) {
   Json::CharReaderBuilder builder;
   builder["collectComments"] = false;
   const std::unique_ptr<Json::CharReader> reader(builder.newCharReader());
   Json::Value root;
   if (!reader->parse(text.data(), text.data() + text.size(), &root, nullptr) || !root.isObject() ||
-      !root["stamp"].isString() || root["stamp"].asString() != StampText(stamp) ||
-      !root["rows"].isArray() || !root["pause"].isArray() || root["pause"].size() != 3) {
+      !root["stamp"].isString() || root["stamp"].asString() != stamp || !root["rows"].isArray() ||
+      !root["pause"].isArray() || root["pause"].size() != 3) {
     return false;
   }
   StoreContents loaded;
@@ -118,6 +118,13 @@ bool LoadSnapshot(const Stamp& stamp, StoreContents* contents) {
   }
   *contents = std::move(loaded);
   return true;
+}
+
+namespace {
+
+bool LoadSnapshot(const Stamp& stamp, StoreContents* contents) {
+  std::string text;
+  return ReadWhole(kSnapshotPath, &text) && ParseSnapshot(text, StampText(stamp), contents);
 }
 
 // Best effort: a snapshot that cannot be written is read from the database

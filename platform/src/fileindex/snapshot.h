@@ -34,6 +34,10 @@ struct StoreContents {
 // Must be called under a PrivilegeScope; throws what Store throws.
 StoreContents ReadStoreContents();
 
+// The contents a snapshot's text holds, when it is whole and carries
+// `stamp`; false, with `*contents` untouched, for anything else.
+bool ParseSnapshot(const std::string& text, const std::string& stamp, StoreContents* contents);
+
 }  // namespace fileindex
 }  // namespace kestondri
 
