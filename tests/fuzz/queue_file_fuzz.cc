@@ -5,6 +5,7 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <filesystem>
 #include <fstream>
 #include <string>
 #include <vector>
@@ -16,12 +17,15 @@ namespace {
 
 std::string dir;
 
+void RemoveDir() { std::filesystem::remove_all(dir); }
+
 }  // namespace
 
 extern "C" int LLVMFuzzerInitialize(int*, char***) {
   char templ[] = "/tmp/kest-queue-fuzz-XXXXXX";
   if (!mkdtemp(templ)) abort();
   dir = templ;
+  atexit(RemoveDir);
   return 0;
 }
 
