@@ -179,6 +179,71 @@ sdk::User UserFromRecord(const KESTUSER* record) {
 
 }  // namespace
 
+Json::Value ReadSearchReply(kestdaemon::SockConnection& conn, const std::string& request_text) {
+  Json::Value result;
+  // A map node: stays put while "total" is added beside it.
+  Json::Value& hits = result["hits"];
+  hits = Json::Value(Json::arrayValue);
+  Json::Value js_resp;
+  std::string str_resp;
+  size_t received = 0;
+  for (;;) {
+    if (!conn.Recv(str_resp)) {
+      DaemonFailed({kFile, 268, "Search"}, "!conn.Recv(str_resp)", kErrExecute);
+    }
+    received += str_resp.size();
+    if (received > kMaxReplyBytes) {
+      ThrowFailed({kFile, 272, "Search"}, "received > kMaxReplyBytes",
+                  Error(kErrExecute, "search reply too large"));
+    }
+    js_resp = Json::Value();
+    if (!Json::fromString(js_resp, str_resp) || !js_resp.isObject()) {
+      DaemonFailed({kFile, 277, "Search"}, "!js_resp.fromString(str_resp)", kErrExecute);
+    }
+    if (js_resp.isMember("total")) {
+      if (!isJsonType<int>(js_resp["total"])) {
+        ThrowFailed({kFile, 281, "Search"}, "!js_resp[\"total\"].isInt()",
+                    Error(kErrExecute, "Malformed count message: " + str_resp));
+      }
+      result["total"] = js_resp["total"].asInt();
+      continue;
+    }
+    if (js_resp.isMember("success")) break;
+    hits.append(std::move(js_resp));
+  }
+
+  if (js_resp["success"].asBool()) return result;
+
+  int code = 0;
+  std::string msg;
+  GetJsonValue<int>(code, js_resp["error"], "code", true);
+  GetJsonValue<std::string>(msg, js_resp["error"], "msg", true);
+  if (kMalformedQuery == code) {
+    // The daemon's own text says less than the query that caused it.
+    msg = "Malformed search query: " + request_text;
+  }
+  throw Error(static_cast<ErrorCode>(code), "Unable to perform search, msg=" + msg);
+}
+
+Json::Value UnavailOfReply(const std::string& str_res) {
+  Json::Value res;
+  if (!Json::fromString(res, str_res) || !res.isObject()) {
+    DaemonFailed({kFile, 321, "GetUnavailDB"}, "!res.fromString(str_res)", kErrExecute);
+  }
+
+  Json::Value unavail(Json::arrayValue);
+  const Json::Value& data = res["data"];
+  if (!data.isObject()) return unavail;
+  for (const char* state : {"unknown", "checking", "crashed"}) {
+    const Json::Value& names = data[state];
+    if (!names.isArray()) continue;
+    for (const auto& name : names) {
+      if (name.isString()) unavail.append(name);
+    }
+  }
+  return unavail;
+}
+
 SearchAPI::~SearchAPI() = default;
 
 void SearchAPI::ParseParams() {
@@ -374,48 +439,7 @@ Json::Value SearchAPI::Search() {
     DaemonFailed({kFile, 259, "Search"}, "!conn.Send(js_req_to_daemon.toString())", kErrExecute);
   }
 
-  // A map node: stays put while "total" is added beside it.
-  Json::Value& hits = result["hits"];
-  hits = Json::Value(Json::arrayValue);
-  Json::Value js_resp;
-  std::string str_resp;
-  size_t received = 0;
-  for (;;) {
-    if (!conn.Recv(str_resp)) {
-      DaemonFailed({kFile, 268, "Search"}, "!conn.Recv(str_resp)", kErrExecute);
-    }
-    received += str_resp.size();
-    if (received > kMaxReplyBytes) {
-      ThrowFailed({kFile, 272, "Search"}, "received > kMaxReplyBytes",
-                  Error(kErrExecute, "search reply too large"));
-    }
-    js_resp = Json::Value();
-    if (!Json::fromString(js_resp, str_resp) || !js_resp.isObject()) {
-      DaemonFailed({kFile, 277, "Search"}, "!js_resp.fromString(str_resp)", kErrExecute);
-    }
-    if (js_resp.isMember("total")) {
-      if (!isJsonType<int>(js_resp["total"])) {
-        ThrowFailed({kFile, 281, "Search"}, "!js_resp[\"total\"].isInt()",
-                    Error(kErrExecute, "Malformed count message: " + str_resp));
-      }
-      result["total"] = js_resp["total"].asInt();
-      continue;
-    }
-    if (js_resp.isMember("success")) break;
-    hits.append(std::move(js_resp));
-  }
-
-  if (js_resp["success"].asBool()) return result;
-
-  int code = 0;
-  std::string msg;
-  GetJsonValue<int>(code, js_resp["error"], "code", true);
-  GetJsonValue<std::string>(msg, js_resp["error"], "msg", true);
-  if (kMalformedQuery == code) {
-    // The daemon's own text says less than the query that caused it.
-    msg = "Malformed search query: " + request_text;
-  }
-  throw Error(static_cast<ErrorCode>(code), "Unable to perform search, msg=" + msg);
+  return ReadSearchReply(conn, request_text);
 }
 
 Json::Value SearchAPI::GetUnavailDB() {
@@ -434,22 +458,7 @@ Json::Value SearchAPI::GetUnavailDB() {
   if (!conn.Recv(str_res)) {
     DaemonFailed({kFile, 317, "GetUnavailDB"}, "!conn.Recv(str_res)", kErrExecute);
   }
-  Json::Value res;
-  if (!Json::fromString(res, str_res) || !res.isObject()) {
-    DaemonFailed({kFile, 321, "GetUnavailDB"}, "!res.fromString(str_res)", kErrExecute);
-  }
-
-  Json::Value unavail(Json::arrayValue);
-  const Json::Value& data = res["data"];
-  if (!data.isObject()) return unavail;
-  for (const char* state : {"unknown", "checking", "crashed"}) {
-    const Json::Value& names = data[state];
-    if (!names.isArray()) continue;
-    for (const auto& name : names) {
-      if (name.isString()) unavail.append(name);
-    }
-  }
-  return unavail;
+  return UnavailOfReply(str_res);
 }
 
 void SearchAPI::FormOutput() {

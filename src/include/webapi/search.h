@@ -24,8 +24,20 @@
 
 #include "webapi/ondri_api.h"
 
+namespace kestdaemon {
+class SockConnection;
+}
+
 namespace kestondri {
 namespace webapi {
+
+// Reads the daemon's reply to a "search" request (`request_text`, named in
+// the error of a malformed query) from `conn`: the hits, the count and the
+// closing status, as Search() answers them. Throws what Search() throws.
+Json::Value ReadSearchReply(kestdaemon::SockConnection& conn, const std::string& request_text);
+// The indices a "list_db_status" reply names as unavailable; throws 121
+// when it is not a JSON object.
+Json::Value UnavailOfReply(const std::string& reply);
 
 class SearchAPI : public OndriAPI {
  public:

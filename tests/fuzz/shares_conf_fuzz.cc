@@ -1,0 +1,16 @@
+// /etc/kest/shares.conf as the C library parses it, whole and [global] alone.
+#include <cstddef>
+#include <cstdint>
+#include <string>
+
+#include "klib/config.h"
+
+extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
+  const std::string text(reinterpret_cast<const char*>(data), size);
+  std::string error;
+  for (bool global_only : {false, true}) {
+    const auto config = kest::klib::ParseConfig(text, "shares.conf", global_only, &error);
+    if (config) config->HomeShare();
+  }
+  return 0;
+}
