@@ -141,7 +141,7 @@ int main(int argc, char** argv) {
     if (done) return;
     syslog(LOG_ERR, "requests did not end within %lds of the stop; exiting",
            static_cast<long>(kStopGraceSeconds));
-    unlink(options.socket_path.c_str());
+    server.RemoveSocket();
     _exit(1);
   });
   server.Wait();

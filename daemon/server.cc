@@ -140,6 +140,14 @@ Server::~Server() {
   Wait();
 }
 
+void Server::RemoveSocket() const {
+  struct stat st;
+  if (socket_ino_ != 0 && lstat(options_.socket_path.c_str(), &st) == 0 &&
+      st.st_dev == socket_dev_ && st.st_ino == socket_ino_) {
+    unlink(options_.socket_path.c_str());
+  }
+}
+
 bool Server::Start(std::string* error) {
   auto fail = [&](const std::string& what) {
     *error = what + ": " + std::strerror(errno);
@@ -157,18 +165,32 @@ bool Server::Start(std::string* error) {
   listen_fd_ = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0);
   if (listen_fd_ < 0) return fail("socket");
   // A socket file left by a daemon that died is in the way; anything else
-  // at that path is not ours to remove.
+  // at that path is not ours to remove, and neither is the socket of a
+  // daemon that still answers there.
   struct stat st;
   if (lstat(options_.socket_path.c_str(), &st) == 0) {
     if (!S_ISSOCK(st.st_mode)) {
       errno = EEXIST;
       return fail("bind " + options_.socket_path);
     }
+    const int probe = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0);
+    const bool answers =
+        probe >= 0 && connect(probe, reinterpret_cast<sockaddr*>(&addr), sizeof(addr)) == 0;
+    if (probe >= 0) close(probe);
+    if (answers) {
+      close(listen_fd_);
+      listen_fd_ = -1;
+      *error = "another daemon answers on " + options_.socket_path + "; not taking it over";
+      return false;
+    }
     unlink(options_.socket_path.c_str());
   }
   if (bind(listen_fd_, reinterpret_cast<sockaddr*>(&addr), sizeof(addr)) != 0) {
     return fail("bind " + options_.socket_path);
   }
+  if (lstat(options_.socket_path.c_str(), &st) != 0) return fail("stat " + options_.socket_path);
+  socket_dev_ = st.st_dev;
+  socket_ino_ = st.st_ino;
   // Every local user's web requests connect here; who sees what is decided
   // per peer from its credentials.
   if (chmod(options_.socket_path.c_str(), 0666) != 0) return fail("chmod");
@@ -216,7 +238,7 @@ void Server::Wait() {
     // A daemon that is not running must not leave its socket behind: the
     // module takes a missing socket for "no daemon". Gone before the
     // workers are joined, so that nobody connects to a daemon that stops.
-    unlink(options_.socket_path.c_str());
+    RemoveSocket();
   }
   {
     std::lock_guard<std::mutex> lock(mutex_);

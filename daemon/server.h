@@ -21,6 +21,8 @@
 #ifndef KESTONDRI_DAEMON_SERVER_H_
 #define KESTONDRI_DAEMON_SERVER_H_
 
+#include <sys/types.h>
+
 #include <atomic>
 #include <condition_variable>
 #include <ctime>
@@ -68,13 +70,17 @@ class Server {
   Server& operator=(const Server&) = delete;
 
   // Binds the socket (replacing a stale one) and starts the threads. False
-  // with `*error` set when the socket cannot be made.
+  // with `*error` set when the socket cannot be made, or when another daemon
+  // answers on it.
   bool Start(std::string* error);
   // Blocks until Stop() is called (from a signal-watching thread or another
   // thread), then closes the socket, removes its file and joins the threads.
   void Wait();
   // Asks the server to stop; safe from any thread, any number of times.
   void Stop();
+  // Removes the socket file if it is still the one Start() made; safe from
+  // any thread.
+  void RemoveSocket() const;
 
  private:
   // One client connection, owned by the poller except while a worker
@@ -121,6 +127,10 @@ class Server {
   MissingIndexLog missing_;
   CommandHandler handler_;
   int listen_fd_ = -1;
+  // The socket file this daemon made, to remove it only while it is still
+  // that file: another daemon may have taken the path over since.
+  dev_t socket_dev_ = 0;
+  ino_t socket_ino_ = 0;
   int epoll_fd_ = -1;
   int wake_pipe_[2] = {-1, -1};  // a worker gave a connection back
   int stop_fd_ = -1;             // readable for good once Stop() was called

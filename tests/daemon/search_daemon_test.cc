@@ -824,6 +824,50 @@ TEST_F(SearchDaemonTest, IndicateMatchesRepeatsOnceAndRefusesHugeLists) {
 
 // Clients that leave requests and replies half done, some of them killed
 // and some still there: SIGTERM ends the daemon at once, and in order.
+// A socket file at `path` on which the returned descriptor listens (or,
+// closed at once, nobody does).
+int BindSocket(const std::string& path) {
+  const int fd = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
+  sockaddr_un addr{};
+  addr.sun_family = AF_UNIX;
+  std::strncpy(addr.sun_path, path.c_str(), sizeof(addr.sun_path) - 1);
+  EXPECT_EQ(0, bind(fd, reinterpret_cast<sockaddr*>(&addr), sizeof(addr)));
+  EXPECT_EQ(0, listen(fd, 4));
+  return fd;
+}
+
+TEST_F(SearchDaemonTest, NeverTakesOverAnotherDaemonsSocket) {
+  const std::string sock = "/run/taken.sock";
+  const std::vector<std::string> args = {"--socket", sock, "--index",
+                                         std::string(kDocs) + "=/volume1/@kestondri/index/docs"};
+  // A socket file that nobody listens on any more is replaced.
+  close(BindSocket(sock));
+  DaemonProcess first;
+  ASSERT_TRUE(first.Start(args, sock));
+
+  // A second daemon on the same path says why and leaves; the first answers.
+  std::string command = std::string(KEST_BINARY_DIR) + "/daemon/kestelasticd";
+  for (const auto& a : args) command += " " + a;
+  FILE* second = popen((command + " 2>&1").c_str(), "r");
+  ASSERT_NE(nullptr, second);
+  std::string said;
+  char buffer[256];
+  while (fgets(buffer, sizeof(buffer), second)) said += buffer;
+  const int status = pclose(second);
+  EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 1) << status;
+  EXPECT_NE(std::string::npos, said.find("another daemon answers on /run/taken.sock")) << said;
+  kestdaemon::DomainSockConnection conn(sock);
+  EXPECT_TRUE(conn.Connect(5));
+
+  // Once the path names another daemon's socket, the first leaves it be.
+  unlink(sock.c_str());
+  const int other = BindSocket(sock);
+  EXPECT_EQ(0, first.Stop());
+  EXPECT_EQ(0, access(sock.c_str(), F_OK));
+  close(other);
+  unlink(sock.c_str());
+}
+
 TEST_F(SearchDaemonTest, StopsAtOnceWhateverClientsLeftHalfDone) {
   const std::string sock = "/run/stopping.sock";
   DaemonProcess daemon;
