@@ -1,5 +1,6 @@
 #include "highlighter.h"
 
+#include <kest/json.h>
 #include <xapian.h>
 
 #include <algorithm>
@@ -18,32 +19,6 @@ struct Fragment {
   size_t end;
   std::vector<Span> marks;
 };
-
-// Length of the valid UTF-8 sequence at `p` (at most `left` bytes), or 0.
-size_t Utf8SequenceLength(const unsigned char* p, size_t left) {
-  unsigned char c = p[0];
-  size_t n;
-  if (c < 0x80) return 1;
-  if (c >= 0xC2 && c <= 0xDF) {
-    n = 2;
-  } else if (c >= 0xE0 && c <= 0xEF) {
-    n = 3;
-  } else if (c >= 0xF0 && c <= 0xF4) {
-    n = 4;
-  } else {
-    return 0;
-  }
-  if (left < n) return 0;
-  for (size_t i = 1; i < n; ++i) {
-    if ((p[i] & 0xC0) != 0x80) return 0;
-  }
-  // Overlong forms and surrogates.
-  if (c == 0xE0 && p[1] < 0xA0) return 0;
-  if (c == 0xED && p[1] > 0x9F) return 0;
-  if (c == 0xF0 && p[1] < 0x90) return 0;
-  if (c == 0xF4 && p[1] > 0x8F) return 0;
-  return n;
-}
 
 // Moves `pos` back to the start of the UTF-8 sequence it falls in.
 size_t CharStart(const std::string& text, size_t pos) {
@@ -127,7 +102,7 @@ std::string EscapeHtml(const std::string& text) {
       default:
         break;
     }
-    size_t len = Utf8SequenceLength(p + i, n - i);
+    size_t len = Json::utf8SequenceLength(p + i, n - i);
     if (len == 0) {
       out += "\xEF\xBF\xBD";
       ++i;
@@ -164,7 +139,7 @@ std::vector<std::string> HighlightFragments(const std::string& text, const MarkT
     }
     Xapian::Utf8Iterator it(text.data() + at, limit - at);
     *ch = *it;
-    size_t len = Utf8SequenceLength(bytes + at, limit - at);
+    size_t len = Json::utf8SequenceLength(bytes + at, limit - at);
     return len ? len : 1;
   };
   auto is_word = [](unsigned ch) {

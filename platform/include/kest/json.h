@@ -20,6 +20,9 @@ bool fromFile(Value& value, const std::string& path);
 // Writes toString(value) to `path` (replacing it); false on any I/O failure.
 bool toFile(const Value& value, const std::string& path);
 
+// Length of the well-formed UTF-8 sequence that starts at `p`, with `left`
+// bytes available (at least 1); 0 when none starts there.
+size_t utf8SequenceLength(const unsigned char* p, size_t left);
 // Whether `text` is well-formed UTF-8 (no overlong forms, surrogates or code
 // points past U+10FFFF).
 bool isValidUtf8(const std::string& text);

@@ -105,14 +105,9 @@ bool toFile(const Value& value, const std::string& path) {
   return static_cast<bool>(out);
 }
 
-namespace {
-
-// Length of the well-formed UTF-8 sequence at `at`, 0 when there is none
-// (the ranges of the Unicode standard's table 3-7).
-size_t SequenceLength(const std::string& text, size_t at) {
-  const auto byte = [&](size_t i) { return static_cast<unsigned char>(text[at + i]); };
-  const size_t left = text.size() - at;
-  const unsigned char b0 = byte(0);
+// The ranges of the Unicode standard's table 3-7.
+size_t utf8SequenceLength(const unsigned char* p, size_t left) {
+  const unsigned char b0 = p[0];
   if (b0 < 0x80) return 1;
   unsigned char low = 0x80;
   unsigned char high = 0xBF;
@@ -130,11 +125,18 @@ size_t SequenceLength(const std::string& text, size_t at) {
   } else {
     return 0;
   }
-  if (left < length || byte(1) < low || byte(1) > high) return 0;
+  if (left < length || p[1] < low || p[1] > high) return 0;
   for (size_t i = 2; i < length; ++i) {
-    if (byte(i) < 0x80 || byte(i) > 0xBF) return 0;
+    if (p[i] < 0x80 || p[i] > 0xBF) return 0;
   }
   return length;
+}
+
+namespace {
+
+size_t SequenceLength(const std::string& text, size_t at) {
+  return utf8SequenceLength(reinterpret_cast<const unsigned char*>(text.data()) + at,
+                            text.size() - at);
 }
 
 }  // namespace
