@@ -824,24 +824,12 @@ TEST_F(SearchDaemonTest, IndicateMatchesRepeatsOnceAndRefusesHugeLists) {
 
 // Clients that leave requests and replies half done, some of them killed
 // and some still there: SIGTERM ends the daemon at once, and in order.
-// A socket file at `path` on which the returned descriptor listens (or,
-// closed at once, nobody does).
-int BindSocket(const std::string& path) {
-  const int fd = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
-  sockaddr_un addr{};
-  addr.sun_family = AF_UNIX;
-  std::strncpy(addr.sun_path, path.c_str(), sizeof(addr.sun_path) - 1);
-  EXPECT_EQ(0, bind(fd, reinterpret_cast<sockaddr*>(&addr), sizeof(addr)));
-  EXPECT_EQ(0, listen(fd, 4));
-  return fd;
-}
-
 TEST_F(SearchDaemonTest, NeverTakesOverAnotherDaemonsSocket) {
   const std::string sock = "/run/taken.sock";
   const std::vector<std::string> args = {"--socket", sock, "--index",
                                          std::string(kDocs) + "=/volume1/@kestondri/index/docs"};
   // A socket file that nobody listens on any more is replaced.
-  close(BindSocket(sock));
+  BindDeadSocket(sock);
   DaemonProcess first;
   ASSERT_TRUE(first.Start(args, sock));
 
@@ -859,12 +847,10 @@ TEST_F(SearchDaemonTest, NeverTakesOverAnotherDaemonsSocket) {
   kestdaemon::DomainSockConnection conn(sock);
   EXPECT_TRUE(conn.Connect(5));
 
-  // Once the path names another daemon's socket, the first leaves it be.
-  unlink(sock.c_str());
-  const int other = BindSocket(sock);
+  // Once the path names another socket file, the first leaves it be.
+  BindDeadSocket(sock);
   EXPECT_EQ(0, first.Stop());
   EXPECT_EQ(0, access(sock.c_str(), F_OK));
-  close(other);
   unlink(sock.c_str());
 }
 
