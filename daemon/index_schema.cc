@@ -5,6 +5,7 @@
 #include <cstdio>
 #include <functional>
 #include <map>
+#include <set>
 
 namespace kestondri {
 namespace index {
@@ -112,7 +113,79 @@ std::string FileIdentity(const struct stat& st) {
 
 std::string UniqueTerm(const std::string& path) { return ExactTerm(kPrefixUnique, path); }
 
-Xapian::Document MakeDocument(const FileRecord& record) {
+std::string BeginningPrefix(const std::string& field_prefix) {
+  return kPrefixBeginning + field_prefix.substr(1);
+}
+
+std::string FoldersBetween(const std::string& root, const std::string& path) {
+  const size_t slash = path.rfind('/');
+  if (slash == std::string::npos || root.empty()) return "";
+  std::string base = root;
+  while (base.size() > 1 && base.back() == '/') base.pop_back();
+  if (path.compare(0, base.size(), base) != 0 || path.size() <= base.size() ||
+      (path[base.size()] != '/' && base != "/")) {
+    return "";
+  }
+  const size_t from = base == "/" ? 1 : base.size() + 1;
+  return slash > from ? path.substr(from, slash - from) : "";
+}
+
+namespace {
+
+// Adds the terms derived from the words of one field: stems where they
+// differ from the word, and the word's beginnings.
+void AddDerivedTerms(Xapian::Document& doc, const std::string& prefix, const Stemmer& stemmer) {
+  std::vector<std::pair<std::string, Xapian::termcount>> words;
+  for (auto t = doc.termlist_begin(); t != doc.termlist_end(); ++t) {
+    const std::string& term = *t;
+    if (term.compare(0, prefix.size(), prefix) != 0 || term.size() == prefix.size()) continue;
+    const unsigned char first = static_cast<unsigned char>(term[prefix.size()]);
+    if (first >= 'A' && first <= 'Z') continue;  // another field's prefix
+    words.emplace_back(term.substr(prefix.size()), t.get_wdf());
+  }
+  const std::string stems = kStemMark + prefix;
+  const std::string beginnings = BeginningPrefix(prefix);
+  for (const auto& w : words) {
+    const std::string& word = w.first;
+    // Chinese, Japanese and Korean text is indexed as n-grams already.
+    if (static_cast<unsigned char>(word[0]) >= 0xE1 && HasCjk(word)) continue;
+    const Xapian::termcount wdf = std::max<Xapian::termcount>(w.second, 1);
+    const std::string stem = stemmer(word);
+    if (!stem.empty() && stem != word) doc.add_term(stems + stem, wdf);
+    const size_t chars = CharCount(word);
+    for (size_t n = kMinBeginning; n <= kMaxBeginning && n < chars; ++n) {
+      doc.add_term(beginnings + FirstChars(word, n), wdf);
+    }
+  }
+}
+
+// Adds, for each word of `text` that folding changes, the word as it
+// stands (lower case): see kPrefixAccentedContent.
+void AddAccentedTerms(Xapian::Document& doc, const std::string& text, const char* prefix) {
+  bool ascii = true;
+  for (unsigned char c : text) ascii = ascii && c < 0x80;
+  if (ascii) return;
+  std::set<std::string> seen;
+  Xapian::Utf8Iterator it(text), end;
+  while (it != end) {
+    if (!Xapian::Unicode::is_wordchar(*it)) {
+      ++it;
+      continue;
+    }
+    std::string word;
+    bool plain = true;
+    for (; it != end && Xapian::Unicode::is_wordchar(*it); ++it) {
+      plain = plain && *it < 0x80;
+      Xapian::Unicode::append_utf8(word, Xapian::Unicode::tolower(*it));
+    }
+    if (plain || word.size() > 64 || !seen.insert(word).second) continue;
+    if (FoldWord(word) != word) doc.add_term(prefix + word);
+  }
+}
+
+}  // namespace
+
+Xapian::Document MakeDocument(const FileRecord& record, const Stemmer& stemmer) {
   Xapian::Document doc;
   doc.add_value(kSlotPath, record.path);
   doc.add_value(kSlotName, record.name);
@@ -124,14 +197,44 @@ Xapian::Document MakeDocument(const FileRecord& record) {
   if (!record.identity.empty()) doc.add_value(kSlotIdentity, record.identity);
 
   Xapian::TermGenerator gen;
+  gen.set_flags(Xapian::TermGenerator::FLAG_CJK_NGRAM);
   gen.set_document(doc);
-  gen.index_text(record.name, 1, kPrefixName);
+  gen.index_text(NameText(record.name), 1, kPrefixName);
   // A gap keeps phrases from running from the name into the content.
   gen.increase_termpos(100);
-  if (!record.text.empty()) gen.index_text(record.text, 1, kPrefixContent);
+  for (size_t from = 0; from < record.folders.size();) {
+    size_t slash = record.folders.find('/', from);
+    if (slash == std::string::npos) slash = record.folders.size();
+    gen.index_text_without_positions(NameText(record.folders.substr(from, slash - from)), 1,
+                                     kPrefixFolder);
+    from = slash + 1;
+  }
+  if (!record.text.empty()) {
+    const std::string folded = FoldText(record.text);
+    size_t cut = std::min(folded.size(), kMaxPositionalText);
+    if (cut < folded.size()) {
+      // On a character boundary, and at a blank when there is one near.
+      while (cut > 0 && (static_cast<unsigned char>(folded[cut]) & 0xC0) == 0x80) --cut;
+      for (size_t back = cut; back + 256 > cut && back > 0; --back) {
+        if (folded[back] == ' ' || folded[back] == '\n') {
+          cut = back;
+          break;
+        }
+      }
+    }
+    gen.index_text(Xapian::Utf8Iterator(folded.data(), cut), 1, kPrefixContent);
+    if (cut < folded.size()) {
+      gen.index_text_without_positions(
+          Xapian::Utf8Iterator(folded.data() + cut, folded.size() - cut), 1, kPrefixContent);
+    }
+    AddAccentedTerms(doc, CutUtf8(record.text, kMaxPositionalText), kPrefixAccentedContent);
+  }
+  AddAccentedTerms(doc, record.name, kPrefixAccentedName);
+  for (const char* prefix : {kPrefixName, kPrefixFolder, kPrefixContent}) {
+    AddDerivedTerms(doc, prefix, stemmer);
+  }
 
   doc.add_boolean_term(UniqueTerm(record.path));
-  doc.add_boolean_term(ExactTerm(kPrefixExactPath, record.path));
   doc.add_boolean_term(ExactTerm(kPrefixExactName, record.name));
   if (!record.extension.empty()) {
     doc.add_boolean_term(ExactTerm(kPrefixExtension, Lower(record.extension)));
@@ -142,6 +245,15 @@ Xapian::Document MakeDocument(const FileRecord& record) {
   doc.add_boolean_term(kPrefixOwner + std::to_string(record.owner_uid));
   doc.set_data(CutUtf8(record.text, kMaxStoredText));
   return doc;
+}
+
+Xapian::Document MakeDocument(const FileRecord& record) {
+  thread_local const Stemmer stemmer = [] {
+    Stemmer made;
+    Stemmer::Make(kDefaultLanguage, &made);
+    return made;
+  }();
+  return MakeDocument(record, stemmer);
 }
 
 std::string SlotText(const Xapian::Document& doc, Slot slot) { return doc.get_value(slot); }
