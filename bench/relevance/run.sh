@@ -18,7 +18,8 @@
 # /etc/kest and /var/packages, the corpus bound on /volume1 (one share per
 # top folder: main, francais, deutsch), so the machine's own configuration,
 # folders and an installed KestOndri are untouched; mount points that do not
-# exist yet are made for the run and removed after it.
+# exist yet are made for the run and removed after it. The services' log
+# lines still reach the machine's syslog, if it has one, and the work folder.
 set -euo pipefail
 HERE="$(cd "$(dirname "$0")" && pwd)"
 ROOT="$(cd "$HERE/../.." && pwd)"
