@@ -1,6 +1,7 @@
 #!/usr/bin/env bash
 # Builds KestOndri from scratch and runs every test, then runs the unit tests
-# again built with AddressSanitizer and UndefinedBehaviorSanitizer.
+# again built with AddressSanitizer and UndefinedBehaviorSanitizer, runs the
+# fuzz targets briefly and tests the Debian package on a booted Debian 12.
 # Needs root: the tests run in private namespaces (see tests/support).
 set -euo pipefail
 cd "$(dirname "$0")/.."
@@ -42,3 +43,6 @@ for seeds in tests/fuzz/corpus/*/; do
   fi
   echo "$target: $(tail -n 1 "build-fuzz/$target.log")"
 done
+
+echo "== the Debian package on a booted Debian 12"
+bash tests/package/deb12.sh

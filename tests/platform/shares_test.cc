@@ -252,6 +252,102 @@ TEST_F(SharesTest, ListsMaySpanIndentedLinesAndKeysAreCaseBlind) {
   EXPECT_EQ(KEST_SHARE_PRIV_NA, KESTShareUserPrivCalc("dave", share.share));
 }
 
+// An smb.conf as Samba's own tools write it: indented keys, continued lines,
+// defaults in [global], and shares this product cannot serve.
+const char kSmbConf[] =
+    "[global]\n"
+    "   workgroup = WORKGROUP\n"
+    "   log file = /var/log/samba/log.%m\n"
+    "   invalid users = root\n"
+    "[printers]\n"
+    "   path = /var/spool/samba\n"
+    "   printable = yes\n"
+    "[homes]\n"
+    "   valid users = %S\n"
+    "[projects]\n"
+    "   path = /volume1/projects\n"
+    "   writeable = yes\n"
+    "   valid users = @staff, \\\n"
+    "                 carol\n"
+    "   read list = bob\n"
+    "   vfs objects = recycle\n"
+    "[media]\n"
+    "   path = /volume2/media/\n"
+    "   write list = carol\n"
+    "[scratch]\n"
+    "   path = /srv/scratch\n"
+    "[net]\n"
+    "   path = /volume1/net\n"
+    "   valid users = &engineers\n"
+    "[off]\n"
+    "   path = /volume1/off\n"
+    "   available = no\n"
+    "[DOCS]\n"
+    "   path = /volume1/docs2\n";
+
+TEST_F(SharesTest, SambaSharesAreServedWithSambasRules) {
+  WriteFile("/etc/kest/smb.conf", kSmbConf);
+  WriteSharesConf(std::string(kConf).replace(strlen("; shares of the test host\n[global]\n"), 0,
+                                             "samba config = /etc/kest/smb.conf\n"));
+  PKLIBCSZLIST list = KLIBCSzListAlloc(1);
+  ASSERT_EQ(6, KLIBShareEnum(&list, nullptr)) << KLIBCErrTextGet();
+  EXPECT_STREQ("projects", KLIBCSzListGet(list, 4));
+  EXPECT_STREQ("media", KLIBCSzListGet(list, 5));
+  KLIBCSzListFree(list);
+
+  struct Case {
+    const char* share;
+    const char* user;
+    int priv;
+  } cases[] = {
+      {"projects", "ann", KEST_SHARE_PRIV_RW},    // valid through @staff, writeable
+      {"projects", "bob", KEST_SHARE_PRIV_RO},    // read list
+      {"projects", "carol", KEST_SHARE_PRIV_RW},  // valid by name, on a continued line
+      {"projects", "dave", KEST_SHARE_PRIV_NA},   // not a valid user
+      {"projects", "root", KEST_SHARE_PRIV_NA},   // invalid users of [global]
+      {"media", "carol", KEST_SHARE_PRIV_RW},     // write list
+      {"media", "dave", KEST_SHARE_PRIV_RO},      // the lists name others; Samba's read only
+      {"docs", "dave", KEST_SHARE_PRIV_RO},       // the own file's rules are unchanged
+      {"docs", "KestOndri", KEST_SHARE_PRIV_NA},  //
+  };
+  for (const auto& c : cases) {
+    ShareHolder share;
+    ASSERT_EQ(0, KESTShareGet(c.share, &share.share)) << c.share;
+    EXPECT_EQ(c.priv, KESTShareUserPrivCalc(c.user, share.share)) << c.share << " " << c.user;
+  }
+  ShareHolder media;
+  ASSERT_EQ(0, KESTShareGet("media", &media.share));
+  EXPECT_STREQ("/volume2/media", media.share->szPath);
+  EXPECT_EQ(0, media.share->blReadOnly);  // read-only for Samba's clients, yet indexed
+
+  // An edit of smb.conf alone counts at the next call.
+  WriteFile("/etc/kest/smb.conf", "[media]\npath = /volume2/media\n");
+  ShareHolder gone;
+  EXPECT_GT(0, KESTShareGet("projects", &gone.share));
+  EXPECT_EQ(KLIB_ERR_SHARE_NOT_FOUND, KLIBCErrGet());
+}
+
+TEST_F(SharesTest, UnusableSambaConfigurationIsAClearError) {
+  struct Case {
+    const char* conf;
+    mode_t mode;  // of /etc/kest/smb.conf, 0 for none
+    const char* expected;
+  } cases[] = {
+      {"[global]\nsamba config = /etc/kest/smb.conf\n", 0, "smb.conf: No such file"},
+      {"[global]\nsamba config = /etc/kest/smb.conf\n", 0664, "writable by root only"},
+      {"[global]\nsamba config = smb.conf\n", 0, "must be an absolute path"},
+  };
+  for (const auto& c : cases) {
+    unlink("/etc/kest/smb.conf");
+    if (c.mode) WriteFile("/etc/kest/smb.conf", kSmbConf, c.mode);
+    WriteSharesConf(c.conf);
+    ShareHolder share;
+    EXPECT_GT(0, KESTShareGet("projects", &share.share)) << c.expected;
+    EXPECT_EQ(KLIB_ERR_CONFIG, KLIBCErrGet());
+    EXPECT_NE(nullptr, strstr(KLIBCErrTextGet(), c.expected)) << KLIBCErrTextGet();
+  }
+}
+
 TEST(QuotaTest, EnoughOrNoSpace) {
   EXPECT_NE(0, KESTQuotaIsEnough(0, "/volume1", 104857600));
   EXPECT_EQ(0, KESTQuotaIsEnough(0, "/volume1", UINT64_MAX));

@@ -178,6 +178,12 @@ typedef struct _tag_KESTSHARE_ {
   PKLIBCSZLIST pReadList;  // user names and @group names
   PKLIBCSZLIST pWriteList;
   PKLIBCSZLIST pInvalidUsers;
+  // A share read from Samba's configuration follows Samba's rules: only the
+  // users of pValidUsers (when it names anybody) have access, and the lists
+  // change the access of those they name, nobody else's; everybody else has
+  // nSambaDefaultPriv. 0 for a share of shares.conf.
+  PKLIBCSZLIST pValidUsers;
+  int nSambaDefaultPriv;
 } KESTSHARE, *PKESTSHARE;
 
 // Share records come from /etc/kest/shares.conf (docs/shares-conf.md). A

@@ -22,6 +22,7 @@
 
 #include "kest/klib.h"
 #include "name_service.h"
+#include "samba_conf.h"
 
 namespace kest {
 namespace klib {
@@ -31,10 +32,14 @@ namespace {
 // would be cut and its rest read as a line of its own.
 constexpr size_t kMaxLine = 199;
 
+}  // namespace
+
 std::string Lower(std::string s) {
   for (auto& c : s) c = static_cast<char>(tolower(static_cast<unsigned char>(c)));
   return s;
 }
+
+namespace {
 
 // "Read  List" and "read list" are the same key.
 std::string NormalizeKey(const char* key) {
@@ -52,6 +57,8 @@ std::string NormalizeKey(const char* key) {
   return out;
 }
 
+}  // namespace
+
 bool ParseBool(const std::string& value, bool* out) {
   const std::string v = Lower(value);
   if (v == "yes" || v == "true" || v == "1" || v == "on") {
@@ -64,6 +71,8 @@ bool ParseBool(const std::string& value, bool* out) {
   }
   return false;
 }
+
+namespace {
 
 // Names separated by commas and/or white space; "@name" is a group.
 bool ParseList(const std::string& value, std::vector<std::string>* out, std::string* error) {
@@ -90,6 +99,8 @@ bool ParseList(const std::string& value, std::vector<std::string>* out, std::str
   }
   return flush();
 }
+
+}  // namespace
 
 // A share's folder must be a directory directly under a volume folder:
 // /volume<N>/<folder>. The index data of a volume lives in
@@ -127,6 +138,8 @@ bool CanonicalSharePath(const std::string& value, std::string* out, std::string*
   *out = path;
   return true;
 }
+
+namespace {
 
 struct ParseState {
   bool global_only = false;
@@ -195,6 +208,13 @@ int Handler(void* user, const char* section, const char* name, const char* value
       if (!ParseBool(val, &state->config->user_home)) {
         return Fail(state, "\"user home\" must be yes or no, not \"" + val + "\"");
       }
+      return 1;
+    }
+    if (key == "samba config") {
+      if (val.empty() || val[0] != '/') {
+        return Fail(state, "\"samba config\" must be an absolute path, not \"" + val + "\"");
+      }
+      state->config->samba_config = val;
       return 1;
     }
     // [global] may hold what other services of the host read (Samba's
@@ -334,12 +354,56 @@ std::shared_ptr<const Config> ParseConfig(const std::string& text, const std::st
 
 namespace {
 
-struct Cache {
+// The stamp of a file, or the empty stamp when it cannot be seen, so that
+// its coming back counts as a change too.
+FileStamp StampOf(const std::string& path) {
   FileStamp stamp;
+  struct stat st;
+  if (stat(path.c_str(), &st) != 0) return stamp;
+  stamp.dev = st.st_dev;
+  stamp.ino = st.st_ino;
+  stamp.size = st.st_size;
+  stamp.mtime = st.st_mtim;
+  stamp.ctime = st.st_ctim;
+  return stamp;
+}
+
+struct Cache {
+  std::vector<std::pair<std::string, FileStamp>> files;  // what the result was read from
   bool valid = false;
   std::shared_ptr<const Config> config[2];  // [global_only]
   std::string error[2];
+  std::vector<std::string> notes;
 };
+
+bool Unchanged(const Cache& cache) {
+  if (!cache.valid) return false;
+  for (const auto& [path, stamp] : cache.files) {
+    if (!(StampOf(path) == stamp)) return false;
+  }
+  return true;
+}
+
+// Adds the shares of the Samba configuration that `config` names, if any.
+void AddSambaShares(Cache* cache) {
+  const auto& own = cache->config[0];
+  if (!own || own->samba_config.empty()) return;
+  SambaShares samba;
+  std::string error;
+  cache->files.emplace_back(own->samba_config, StampOf(own->samba_config));
+  if (!ReadSambaShares(own->samba_config, own->shares, &samba, &error)) {
+    cache->config[0] = nullptr;
+    cache->error[0] = std::string(kSharesConf) + ": samba config: " + error;
+    return;
+  }
+  for (const auto& file : samba.files) {
+    if (file != own->samba_config) cache->files.emplace_back(file, StampOf(file));
+  }
+  auto merged = std::make_shared<Config>(*own);
+  for (auto& share : samba.shares) merged->shares.push_back(std::move(share));
+  cache->config[0] = merged;
+  for (const auto& note : samba.notes) cache->notes.push_back(own->samba_config + ": " + note);
+}
 
 std::shared_ptr<const Config> Load(bool global_only) {
   static std::mutex mutex;
@@ -357,13 +421,8 @@ std::shared_ptr<const Config> Load(bool global_only) {
     SetError(KLIB_ERR_CONFIG, std::string(kSharesConf) + ": " + strerror(saved));
     return nullptr;
   }
-  FileStamp stamp;
-  stamp.dev = st.st_dev;
-  stamp.ino = st.st_ino;
-  stamp.size = st.st_size;
-  stamp.mtime = st.st_mtim;
-  stamp.ctime = st.st_ctim;
-  if (!cache.valid || !(stamp == cache.stamp)) {
+  if (!Unchanged(cache)) {
+    const FileStamp stamp = StampOf(kSharesConf);
     std::ifstream in(kSharesConf, std::ios::binary);
     if (!in) {
       const int saved = errno;
@@ -373,15 +432,21 @@ std::shared_ptr<const Config> Load(bool global_only) {
     std::ostringstream text;
     text << in.rdbuf();
     const std::string previous = cache.error[0];
+    const std::vector<std::string> previous_notes = std::move(cache.notes);
+    cache.notes.clear();
+    cache.files.assign(1, {kSharesConf, stamp});
     for (int i = 0; i < 2; ++i) {
       cache.error[i].clear();
       cache.config[i] = ParseConfig(text.str(), kSharesConf, i == 1, &cache.error[i]);
     }
-    cache.stamp = stamp;
+    AddSambaShares(&cache);
     cache.valid = true;
-    // Once per change of the file, not at every call.
+    // Once per change of the files, not at every call.
     if (!cache.config[0] && cache.error[0] != previous) {
       syslog(LOG_ERR, "%s", cache.error[0].c_str());
+    }
+    if (cache.notes != previous_notes) {
+      for (const auto& note : cache.notes) syslog(LOG_WARNING, "%s", note.c_str());
     }
   }
   const int i = global_only ? 1 : 0;

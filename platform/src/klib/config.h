@@ -21,18 +21,24 @@ struct ShareConfig {
   std::vector<std::string> read_list;
   std::vector<std::string> write_list;
   std::vector<std::string> invalid_users;
+  std::vector<std::string> valid_users;  // Samba's: when not empty, nobody else has access
   bool hide_unreadable = false;
   bool read_only = false;
   bool encrypted = false;
   bool recycle_bin = false;
   unsigned int ftp_privilege = 0;
+  // 0 for a share of shares.conf. A share read from Samba's configuration
+  // follows Samba's rules, where the lists only change the access of those
+  // they name: this is the privilege of everybody else (docs/shares-conf.md).
+  int samba_default_priv = 0;
 };
 
 struct Config {
   bool present = false;  // false when the file does not exist
   std::string admin_group = kDefaultAdminGroup;
   bool user_home = false;
-  std::vector<ShareConfig> shares;  // in the file's order
+  std::string samba_config;         // "samba config": an smb.conf whose shares are served too
+  std::vector<ShareConfig> shares;  // in the file's order, then Samba's
 
   const ShareConfig* FindShare(const std::string& name) const;
   // The "homes" share when the user home service is on, else null.
@@ -60,6 +66,13 @@ std::shared_ptr<const Config> LoadGlobalConfig();
 // `global_only` the share sections are skipped.
 std::shared_ptr<const Config> ParseConfig(const std::string& text, const std::string& origin,
                                           bool global_only, std::string* error);
+
+// A share folder in its canonical form (/volume<N>/<folder>, no trailing
+// slash); false with *error saying why the value is none.
+bool CanonicalSharePath(const std::string& value, std::string* out, std::string* error);
+// yes/true/on/1 and no/false/off/0, in any case.
+bool ParseBool(const std::string& value, bool* out);
+std::string Lower(std::string s);
 
 // Sets the platform error code and its text for the calling thread.
 void SetError(int code, const std::string& text);

@@ -126,8 +126,10 @@ extern "C" int KESTShareGet(const char* szShareName, PKESTSHARE* ppShare) {
   share->pReadList = ListOf(found->read_list);
   share->pWriteList = ListOf(found->write_list);
   share->pInvalidUsers = ListOf(found->invalid_users);
+  share->pValidUsers = ListOf(found->valid_users);
+  share->nSambaDefaultPriv = found->samba_default_priv;
   if (!share->szName || !share->szPath || !share->pReadList || !share->pWriteList ||
-      !share->pInvalidUsers) {
+      !share->pInvalidUsers || !share->pValidUsers) {
     KESTShareFree(share);
     KLIBCErrSet(KLIB_ERR_OUT_OF_MEMORY);
     return -1;
@@ -144,6 +146,7 @@ extern "C" void KESTShareFree(PKESTSHARE pShare) {
   KLIBCSzListFree(pShare->pReadList);
   KLIBCSzListFree(pShare->pWriteList);
   KLIBCSzListFree(pShare->pInvalidUsers);
+  KLIBCSzListFree(pShare->pValidUsers);
   free(pShare);
 }
 
@@ -199,6 +202,9 @@ extern "C" int KLIBShareRecycleStatusGet(const KESTSHARE* pShare, int* pValue) {
 //   4. when neither list names anybody, everybody else: read-only on a
 //      read-only share, read-write otherwise;
 //   5. otherwise (the lists name others): no access.
+// A share read from Samba's configuration follows Samba: after rule 1, a
+// user that "valid users" (when it names anybody) leaves out has no access;
+// rules 2 and 3 apply; everybody else has the share's Samba default.
 extern "C" int KESTShareUserPrivCalc(const char* szUserName, const KESTSHARE* pShare) {
   ErrnoKeeper errno_keeper;
   if (!szUserName || !pShare) {
@@ -213,8 +219,13 @@ extern "C" int KESTShareUserPrivCalc(const char* szUserName, const KESTSHARE* pS
   }
   const std::string user = szUserName;
   if (Matches(pShare->pInvalidUsers, user, groups)) return KEST_SHARE_PRIV_NA;
+  if (pShare->nSambaDefaultPriv && pShare->pValidUsers && pShare->pValidUsers->nItem > 0 &&
+      !Matches(pShare->pValidUsers, user, groups)) {
+    return KEST_SHARE_PRIV_NA;
+  }
   if (Matches(pShare->pWriteList, user, groups)) return KEST_SHARE_PRIV_RW;
   if (Matches(pShare->pReadList, user, groups)) return KEST_SHARE_PRIV_RO;
+  if (pShare->nSambaDefaultPriv) return pShare->nSambaDefaultPriv;
   const bool open = (!pShare->pReadList || pShare->pReadList->nItem == 0) &&
                     (!pShare->pWriteList || pShare->pWriteList->nItem == 0);
   if (open) return pShare->blReadOnly ? KEST_SHARE_PRIV_RO : KEST_SHARE_PRIV_RW;
