@@ -30,8 +30,9 @@ size_t CharStart(const std::string& text, size_t pos) {
   return pos;
 }
 
-// Whether a folded word is one of `terms`.
-bool Matches(const std::string& word, const MarkTerms& terms) {
+// Whether a folded word is one of `terms`; `lower` is the word as written
+// in lower case when that differs from it (its stem may differ too).
+bool Matches(const std::string& word, const MarkTerms& terms, const std::string& lower = "") {
   if (terms.words.count(word)) return true;
   for (const auto& prefix : terms.prefixes) {
     if (word.compare(0, prefix.size(), prefix) == 0) return true;
@@ -43,10 +44,19 @@ bool Matches(const std::string& word, const MarkTerms& terms) {
       const size_t head = stem.size() > 1 ? stem.size() - 1 : stem.size();
       if (word.compare(0, head, stem, 0, head) != 0) continue;
       if (terms.stems[s].count(terms.stemmers[s](word))) return true;
+      if (!lower.empty() && terms.stems[s].count(terms.stemmers[s].AsWritten(lower))) return true;
       break;
     }
   }
   return false;
+}
+
+std::string Lower(const std::string& word) {
+  std::string lower;
+  for (Xapian::Utf8Iterator it(word); it != Xapian::Utf8Iterator(); ++it) {
+    Xapian::Unicode::append_utf8(lower, Xapian::Unicode::tolower(*it));
+  }
+  return lower;
 }
 
 // The spans of [begin, end) of `text` to mark: one word of the text as the
@@ -75,7 +85,7 @@ void MarksIn(const std::string& text, size_t begin, size_t end, bool ascii,
   }
   if (end - begin > 256) return;  // longer than any word of a keyword
   const std::string whole = text.substr(begin, end - begin);
-  if (Matches(ascii ? lower : index::FoldWord(whole), terms)) {
+  if (ascii ? Matches(lower, terms) : Matches(index::FoldWord(whole), terms, Lower(whole))) {
     out->push_back({begin, end});
     return;
   }

@@ -159,27 +159,48 @@ void AddDerivedTerms(Xapian::Document& doc, const std::string& prefix, const Ste
   }
 }
 
-// Adds, for each word of `text` that folding changes, the word as it
-// stands (lower case): see kPrefixAccentedContent.
-void AddAccentedTerms(Xapian::Document& doc, const std::string& text, const char* prefix) {
+// For each word of `text` that folding changes: the word as it stands,
+// lower case, under `accented` (see kPrefixAccentedContent), and its stem
+// as written (Stemmer::AsWritten) where that differs from the folded
+// word's, under the field's stem prefix.
+void AddWrittenForms(Xapian::Document& doc, const std::string& text, bool name_words,
+                     const std::string& prefix, const char* accented, const Stemmer& stemmer) {
   bool ascii = true;
   for (unsigned char c : text) ascii = ascii && c < 0x80;
   if (ascii) return;
-  std::set<std::string> seen;
-  Xapian::Utf8Iterator it(text), end;
-  while (it != end) {
-    if (!Xapian::Unicode::is_wordchar(*it)) {
-      ++it;
-      continue;
+  std::vector<std::string> words;
+  if (name_words) {
+    words = NameWords(text);
+  } else {
+    Xapian::Utf8Iterator it(text), end;
+    while (it != end) {
+      if (!Xapian::Unicode::is_wordchar(*it)) {
+        ++it;
+        continue;
+      }
+      std::string word;
+      for (; it != end && Xapian::Unicode::is_wordchar(*it); ++it) {
+        Xapian::Unicode::append_utf8(word, *it);
+      }
+      words.push_back(std::move(word));
     }
-    std::string word;
+  }
+  std::set<std::string> seen;
+  for (const auto& written : words) {
     bool plain = true;
-    for (; it != end && Xapian::Unicode::is_wordchar(*it); ++it) {
+    std::string word;
+    for (Xapian::Utf8Iterator it(written); it != Xapian::Utf8Iterator(); ++it) {
       plain = plain && *it < 0x80;
       Xapian::Unicode::append_utf8(word, Xapian::Unicode::tolower(*it));
     }
     if (plain || word.size() > 64 || !seen.insert(word).second) continue;
-    if (FoldWord(word) != word) doc.add_term(prefix + word);
+    const std::string folded = FoldWord(word);
+    if (folded == word) continue;
+    if (accented) doc.add_term(accented + word);
+    const std::string stem = stemmer.AsWritten(word);
+    if (!stem.empty() && stem != folded && stem != stemmer(folded)) {
+      doc.add_term(kStemMark + prefix + stem);
+    }
   }
 }
 
@@ -227,9 +248,11 @@ Xapian::Document MakeDocument(const FileRecord& record, const Stemmer& stemmer) 
       gen.index_text_without_positions(
           Xapian::Utf8Iterator(folded.data() + cut, folded.size() - cut), 1, kPrefixContent);
     }
-    AddAccentedTerms(doc, CutUtf8(record.text, kMaxPositionalText), kPrefixAccentedContent);
+    AddWrittenForms(doc, CutUtf8(record.text, kMaxPositionalText), false, kPrefixContent,
+                    kPrefixAccentedContent, stemmer);
   }
-  AddAccentedTerms(doc, record.name, kPrefixAccentedName);
+  AddWrittenForms(doc, record.name, true, kPrefixName, kPrefixAccentedName, stemmer);
+  AddWrittenForms(doc, record.folders, true, kPrefixFolder, nullptr, stemmer);
   for (const char* prefix : {kPrefixName, kPrefixFolder, kPrefixContent}) {
     AddDerivedTerms(doc, prefix, stemmer);
   }

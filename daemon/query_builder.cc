@@ -198,19 +198,18 @@ Xapian::Query Word(const Field& field, const std::string& word, const std::strin
                    const Build& b) {
   const std::string prefix = field.prefix;
   std::vector<std::string> forms = {prefix + word};
+  const std::string lower = LowerWord(typed);
   for (const auto& stemmer : b.traits.stemmers) {
-    const std::string stem = stemmer(word);
-    if (stem.empty()) continue;
-    for (const std::string& t : {prefix + stem, index::kStemMark + prefix + stem}) {
-      if (std::find(forms.begin(), forms.end(), t) == forms.end()) forms.push_back(t);
+    for (const std::string& stem : {stemmer(word), stemmer.AsWritten(lower)}) {
+      if (stem.empty()) continue;
+      for (const std::string& t : {prefix + stem, index::kStemMark + prefix + stem}) {
+        if (std::find(forms.begin(), forms.end(), t) == forms.end()) forms.push_back(t);
+      }
     }
   }
   std::vector<Xapian::Query> boosts;
   if (forms.size() > 1) boosts.emplace_back(forms[0]);
-  if (field.accented) {
-    const std::string lower = LowerWord(typed);
-    if (lower != word) boosts.emplace_back(field.accented + lower);
-  }
+  if (field.accented && lower != word) boosts.emplace_back(field.accented + lower);
   Xapian::Query match(forms.size() == 1
                           ? Xapian::Query(forms[0])
                           : Xapian::Query(Xapian::Query::OP_OR, forms.begin(), forms.end()));
@@ -541,9 +540,11 @@ void Collect(const KeywordNode& node, MarkTerms& marks) {
       }
       marks.words.insert(w);
       if (node.kind == K::kPhrase) continue;
+      const std::string lower = a.words.size() == 1 ? LowerWord(node.text) : w;
       for (size_t s = 0; s < marks.stemmers.size(); ++s) {
-        const std::string stem = marks.stemmers[s](w);
-        if (!stem.empty()) marks.stems[s].insert(stem);
+        for (const std::string& stem : {marks.stemmers[s](w), marks.stemmers[s].AsWritten(lower)}) {
+          if (!stem.empty()) marks.stems[s].insert(stem);
+        }
       }
     }
   }

@@ -303,6 +303,11 @@ std::string Stemmer::operator()(const std::string& folded_word) const {
   return stem_(folded_word);
 }
 
+std::string Stemmer::AsWritten(const std::string& lower_word) const {
+  const std::string stem = (*this)(lower_word);
+  return stem.empty() ? stem : FoldWord(stem);
+}
+
 size_t CharCount(const std::string& utf8) {
   size_t n = 0;
   for (unsigned char c : utf8) n += (c & 0xC0) != 0x80;

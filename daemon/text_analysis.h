@@ -62,6 +62,9 @@ class Stemmer {
   // The stem of a folded word, or "" for a word that is not stemmed (digits,
   // underscores, fewer than 3 letters, Chinese, Japanese or Korean).
   std::string operator()(const std::string& folded_word) const;
+  // The stem of a word as written, lower case with its accents (which some
+  // stemmers need: French "achetées" and "acheter"), folded; "" as above.
+  std::string AsWritten(const std::string& lower_word) const;
 
  private:
   std::string language_ = "none";
