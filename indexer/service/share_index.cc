@@ -45,7 +45,7 @@ constexpr char kCompactSuffix[] = ".compact";
 // (a file system that lacks it) by three renames.
 bool Exchange(const std::string& a, const std::string& b) {
   if (renameat2(AT_FDCWD, a.c_str(), AT_FDCWD, b.c_str(), RENAME_EXCHANGE) == 0) return true;
-  if (errno != EINVAL && errno != ENOSYS) return false;
+  if (errno != EINVAL && errno != ENOSYS && errno != EPERM) return false;
   const std::string aside = b + ".old";
   if (rename(b.c_str(), aside.c_str()) != 0) return false;
   if (rename(a.c_str(), b.c_str()) != 0) {

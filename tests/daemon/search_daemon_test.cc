@@ -462,6 +462,28 @@ TEST_F(SearchDaemonTest, HitsCarryTheFieldsOfTheirFiles) {
     EXPECT_FALSE(h.isMember("KESTMDTextContent"));
     EXPECT_FALSE(h.isMember("KESTMDNoSuchField"));
   }
+
+  // The client's "fields" decide, besides what every hit has; without
+  // them the module's "load_field" and the date.
+  const Json::Value::Members always = {
+      "KESTMDOwnerUserID", "KESTMDPath", "_id", "_index", "_score", "doc_id"};
+  struct Asked {
+    const char* fields;
+    Json::Value::Members extra;
+  } asked_fields[] = {
+      {R"(["KESTMDMTime", "KESTMDFSName", "KESTMDBogus"])", {"KESTMDFSName", "KESTMDMTime"}},
+      {"[]", {"KESTMDExtension", "KESTMDFSName", "KESTMDFSSize", "KESTMDIsDir", "KESTMDMTime"}},
+  };
+  for (const auto& c : asked_fields) {
+    Json::Value asked = SearchRequest({kDocs}, "quarterly");
+    asked["data"]["fields"] = ParseJson(c.fields);
+    auto hits = Hits(Exchange(asked));
+    ASSERT_EQ(1u, hits.size()) << c.fields;
+    Json::Value::Members expected = always;
+    expected.insert(expected.end(), c.extra.begin(), c.extra.end());
+    std::sort(expected.begin(), expected.end());
+    EXPECT_EQ(expected, hits[0].getMemberNames()) << c.fields;
+  }
 }
 
 TEST_F(SearchDaemonTest, PagesTileTheWholeResult) {
@@ -1011,6 +1033,17 @@ TEST_F(SearchDaemonTest, ReadersSeeWhatTheIndexerCommits) {
   // A document that does not say which file it came from is shown to
   // nobody filtered, though anyone may read the file.
   EXPECT_EQ(Names{}, HitNames(ExchangeAs("bob", req)));
+
+  // A database put in place of another (the indexer's rebuilds and
+  // compactions exchange the folders) is read anew by every worker.
+  const std::string db = "/volume1/@kestondri/index/pub", other = db + ".other";
+  WriteFile("/volume1/pub/exchanged.txt", "a swapword\n");
+  Shell(Loader() + " /volume1/pub " + other + " > /dev/null");
+  ASSERT_EQ(0, renameat2(AT_FDCWD, other.c_str(), AT_FDCWD, db.c_str(), RENAME_EXCHANGE));
+  for (int i = 0; i < 20; ++i) {
+    EXPECT_EQ(Names{"exchanged.txt"}, HitNames(Exchange(SearchRequest({kPub}, "swapword"))));
+  }
+  Shell("rm -rf " + other);
 }
 
 TEST_F(SearchDaemonTest, SearchesARemoteIndexTogetherWithLocalOnes) {

@@ -23,6 +23,7 @@ const char kConf[] =
     "[global]\n"
     "admin group = administrators\n"
     "user home = yes\n"
+    "index language = german\n"
     "\n"
     "[photo]\n"
     "path = /volume1/photo/\n"
@@ -36,6 +37,7 @@ const char kConf[] =
     "write list = @staff, carol\n"
     "invalid users = bob\n"
     "recycle bin = yes\n"
+    "Index Language = English\n"
     "\n"
     "[secret]\n"
     "path = /volume2/secret\n"
@@ -71,6 +73,12 @@ TEST_F(SharesTest, RecordCarriesTheConfiguredValues) {
   EXPECT_EQ(KLIB_ERR_SHARE_NOT_FOUND, KLIBCErrGet());
   EXPECT_EQ(nullptr, missing.share);
   EXPECT_GT(0, KLIBShareIsReadOnlyGet(nullptr, &value));
+  // A share's own index language, else [global]'s.
+  char language[16];
+  ASSERT_EQ(0, KLIBShareIndexLanguageGet("docs", language, sizeof language));
+  EXPECT_STREQ("english", language);
+  ASSERT_EQ(0, KLIBShareIndexLanguageGet("photo", language, sizeof language));
+  EXPECT_STREQ("german", language);
 }
 
 TEST_F(SharesTest, EnumListsEverySharePassingTheFilter) {
@@ -221,6 +229,7 @@ TEST_F(SharesTest, MalformedFileNamesTheLine) {
       {"[a]\npath = /volume1/a\n  read only = yes\n", ":3: \"path\" given twice"},
       {"[a]\nread only = yes\n", "share [a] has no path"},
       {"[a]\npath = /volume1/a\nread only = perhaps\n", ":3: \"read only\" must be yes or no"},
+      {"[a]\npath = /volume1/a\nindex language = pt-BR\n", ":3: \"index language\" must be a word"},
       {"[a]\npath = /volume1/a\n" + long_line, ":3: line longer than"},
       {"path = /volume1/a\n", ":1: empty section name"},
       {"[a/b]\npath = /volume1/a\n", ":2: share name \"a/b\""},
