@@ -88,6 +88,32 @@ void FoldRun(const icu::UnicodeString& run, bool* strip, std::string* out) {
   (U_SUCCESS(err) ? composed : kept).toUTF8String(*out);
 }
 
+// Latin, Greek and Cyrillic letters fold one by one: a table made once by
+// FoldRun itself spares the Unicode library's conversions for most
+// accented text.
+constexpr UChar32 kTableEnd = 0x530;
+struct Folded {
+  std::string text;
+  bool mark = false;   // a combining mark: dropped or kept as FoldRun would
+  bool loses = false;  // marks after it are dropped
+};
+const std::vector<Folded>& FoldTable() {
+  static const std::vector<Folded> table = [] {
+    std::vector<Folded> t(kTableEnd);
+    for (UChar32 c = 0x80; c < kTableEnd; ++c) {
+      if (u_charType(c) == U_NON_SPACING_MARK) {
+        t[c].mark = true;
+        continue;
+      }
+      bool strip = false;
+      FoldRun(icu::UnicodeString(c), &strip, &t[c].text);
+      t[c].loses = strip;
+    }
+    return t;
+  }();
+  return table;
+}
+
 bool IsUpper(unsigned ch) {
   const auto cat = Xapian::Unicode::get_category(ch);
   return cat == Xapian::Unicode::UPPERCASE_LETTER || cat == Xapian::Unicode::TITLECASE_LETTER;
@@ -148,12 +174,24 @@ std::string FoldText(const std::string& text) {
       strip = (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z');
       continue;
     }
+    const int32_t start = i;
     UChar32 c;
     U8_NEXT(s, i, n, c);
     if (c < 0 || IsApostrophe(c)) {
       flush();
       out += ' ';
       strip = false;
+      continue;
+    }
+    if (c < kTableEnd) {
+      flush();
+      const Folded& f = FoldTable()[c];
+      if (!f.mark) {
+        out += f.text;
+        strip = f.loses;
+      } else if (!strip) {
+        out.append(text, static_cast<size_t>(start), static_cast<size_t>(i - start));
+      }
       continue;
     }
     run.append(c);
