@@ -95,28 +95,35 @@ class WordBeginningSource : public Xapian::PostingSource {
     db_ = db;
     it_ = db_.postlist_begin(candidates_);
     end_ = db_.postlist_end(candidates_);
-    started_ = false;
+    positioned_ = false;
   }
   Xapian::doccount get_termfreq_min() const override { return 0; }
   Xapian::doccount get_termfreq_est() const override { return db_.get_termfreq(candidates_) / 2; }
   Xapian::doccount get_termfreq_max() const override { return db_.get_termfreq(candidates_); }
 
   void next(double) override {
-    if (started_ && it_ != end_) ++it_;
-    started_ = true;
+    if (positioned_ && it_ != end_) ++it_;
     Settle();
   }
   void skip_to(Xapian::docid did, double) override {
-    started_ = true;
     if (it_ != end_ && *it_ < did) it_.skip_to(did);
     Settle();
   }
+  // At `did` when it holds such a word; else somewhere short of the next
+  // match (`positioned_` false: next() looks from there on).
   bool check(Xapian::docid did, double) override {
-    started_ = true;
     if (it_ != end_ && *it_ < did) it_.skip_to(did);
-    if (it_ == end_ || *it_ != did) return true;  // not at did: at the next candidate
-    if (!Holds(did)) ++it_, Settle();
-    return true;
+    if (it_ != end_ && *it_ == did && Holds(did)) {
+      positioned_ = true;
+      return true;
+    }
+    if (it_ == end_) {
+      positioned_ = true;
+      return true;
+    }
+    if (*it_ == did) ++it_;
+    positioned_ = false;
+    return false;
   }
   bool at_end() const override { return it_ == end_; }
   Xapian::docid get_docid() const override { return *it_; }
@@ -134,13 +141,14 @@ class WordBeginningSource : public Xapian::PostingSource {
   }
   void Settle() {
     while (it_ != end_ && !Holds(*it_)) ++it_;
+    positioned_ = true;
   }
 
   const std::string wanted_;
   const std::string candidates_;
   Xapian::Database db_;
   Xapian::PostingIterator it_, end_;
-  bool started_ = false;
+  bool positioned_ = false;  // it_ is at the current match (or the end)
 };
 
 struct Build {

@@ -717,12 +717,15 @@ TEST_F(SearchDaemonTest, ScoresAndWildcardsIgnoreFilesTheUserCannotRead) {
     Names expected;
   } cases[] = {
       {"quokk*", 0, {"quokka-notes.txt"}},
+      {"sightings quokk*", 0, {"quokka-notes.txt"}},
+      {"quokk* OR pub", 0, {"pub.txt", "quokka-notes.txt"}},
       {"content:quok* sightings", 0, {"quokka-notes.txt"}},
       // Too short a beginning is the word itself, whatever the index holds.
       {"qu*", 0, {}},
   };
   for (const auto& c : cases) {
-    auto reply = ExchangeAs("ann", SearchRequest({kDocs}, c.keyword));
+    // Two indices: each runs the exact beginning search on its own.
+    auto reply = ExchangeAs("ann", SearchRequest({kPub, kDocs}, c.keyword));
     ASSERT_FALSE(reply.empty()) << c.keyword;
     EXPECT_EQ(c.code, reply.back()["error"]["code"].asInt()) << c.keyword;
     EXPECT_EQ(c.expected, HitNames(reply)) << c.keyword;
