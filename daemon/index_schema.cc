@@ -113,6 +113,10 @@ std::string FileIdentity(const struct stat& st) {
 
 std::string UniqueTerm(const std::string& path) { return ExactTerm(kPrefixUnique, path); }
 
+size_t MaxBeginning(const std::string& field_prefix) {
+  return field_prefix == kPrefixContent ? 3 : 4;
+}
+
 std::string BeginningPrefix(const std::string& field_prefix) {
   return kPrefixBeginning + field_prefix.substr(1);
 }
@@ -145,6 +149,7 @@ void AddDerivedTerms(Xapian::Document& doc, const std::string& prefix, const Ste
   }
   const std::string stems = kStemMark + prefix;
   const std::string beginnings = BeginningPrefix(prefix);
+  const size_t longest = MaxBeginning(prefix);
   for (const auto& w : words) {
     const std::string& word = w.first;
     // Chinese, Japanese and Korean text is indexed as n-grams already.
@@ -153,7 +158,7 @@ void AddDerivedTerms(Xapian::Document& doc, const std::string& prefix, const Ste
     const std::string stem = stemmer(word);
     if (!stem.empty() && stem != word) doc.add_term(stems + stem, wdf);
     const size_t chars = CharCount(word);
-    for (size_t n = kMinBeginning; n <= kMaxBeginning && n < chars; ++n) {
+    for (size_t n = kMinBeginning; n <= longest && n < chars; ++n) {
       doc.add_term(beginnings + FirstChars(word, n), wdf);
     }
   }

@@ -75,12 +75,14 @@ constexpr const char kPrefixFolder[] = "XH";   // words of the names of the fold
 // Stems of the words of a field, "Z" + the field's prefix, only where the
 // stem differs from the word: a stem is matched as that stem or as a word.
 constexpr const char kStemMark[] = "Z";
-// The beginnings (3 and 4 characters) of a field's words longer than that:
-// "XG" + the field's letter ("XGC", "XGN", "XGH"). A short prefix query is
-// then one term, whatever the number of words it begins.
+// The beginnings of a field's words longer than that, from kMinBeginning
+// up to MaxBeginning(field) characters: "XG" + the field's letter ("XGC",
+// "XGN", "XGH"). A short prefix query is then one term, whatever the
+// number of words it begins. Text has many words: there only the first 3
+// characters are worth their room in the index.
 constexpr const char kPrefixBeginning[] = "XG";
 constexpr size_t kMinBeginning = 3;
-constexpr size_t kMaxBeginning = 4;
+size_t MaxBeginning(const std::string& field_prefix);
 // Words as they stand, before folding, where folding changed them: an
 // accented query word ranks the files that have it accented first.
 constexpr const char kPrefixAccentedContent[] = "XAC";
@@ -104,7 +106,7 @@ constexpr size_t kMaxStoredText = 256u << 10;
 // Positions are kept for words in this much of the text (phrases match
 // there); words further on are indexed without them. Positions are most
 // of an index's size, and a long generated file holds many words once.
-constexpr size_t kMaxPositionalText = 256u << 10;
+constexpr size_t kMaxPositionalText = 128u << 10;
 
 // File types a search can select, and the folder pseudo-type.
 constexpr const char kTypeAll[] = "all";
