@@ -136,32 +136,54 @@ std::string FoldersBetween(const std::string& root, const std::string& path) {
 
 namespace {
 
-// Adds the terms derived from the words of one field: stems where they
-// differ from the word, and the word's beginnings.
-void AddDerivedTerms(Xapian::Document& doc, const std::string& prefix, const Stemmer& stemmer) {
-  std::vector<std::pair<std::string, Xapian::termcount>> words;
-  for (auto t = doc.termlist_begin(); t != doc.termlist_end(); ++t) {
-    const std::string& term = *t;
-    if (term.compare(0, prefix.size(), prefix) != 0 || term.size() == prefix.size()) continue;
-    const unsigned char first = static_cast<unsigned char>(term[prefix.size()]);
-    if (first >= 'A' && first <= 'Z') continue;  // another field's prefix
-    words.emplace_back(term.substr(prefix.size()), t.get_wdf());
-  }
-  const std::string stems = kStemMark + prefix;
-  const std::string beginnings = BeginningPrefix(prefix);
-  const size_t longest = MaxBeginning(prefix);
-  for (const auto& w : words) {
-    const std::string& word = w.first;
-    // Chinese, Japanese and Korean text is indexed as n-grams already.
-    if (static_cast<unsigned char>(word[0]) >= 0xE1 && HasCjk(word)) continue;
-    const Xapian::termcount wdf = std::max<Xapian::termcount>(w.second, 1);
-    const std::string stem = stemmer(word);
-    if (!stem.empty() && stem != word) doc.add_term(stems + stem, wdf);
-    const size_t chars = CharCount(word);
-    for (size_t n = kMinBeginning; n <= longest && n < chars; ++n) {
-      doc.add_term(beginnings + FirstChars(word, n), wdf);
+// Adds the terms derived from the words of the free-text fields: stems
+// where they differ from the word, and the words' beginnings. One walk over
+// the document's terms, which are sorted: the fields' words come in runs.
+void AddDerivedTerms(Xapian::Document& doc, const Stemmer& stemmer) {
+  struct Derived {
+    std::string term;
+    Xapian::termcount wdf;
+  };
+  std::vector<Derived> add;
+  const std::string fields[] = {kPrefixContent, kPrefixFolder, kPrefixName};
+  for (const std::string& prefix : fields) {
+    const std::string stems = kStemMark + prefix;
+    const std::string beginnings = BeginningPrefix(prefix);
+    const size_t longest = MaxBeginning(prefix);
+    // Sorted words share their beginnings with their neighbours: each
+    // beginning is added once, with the wdf of all its words.
+    std::vector<Derived> open(longest + 1);
+    auto flush = [&](size_t n) {
+      if (!open[n].term.empty()) add.push_back(open[n]);
+      open[n].term.clear();
+    };
+    Xapian::TermIterator t = doc.termlist_begin();
+    for (t.skip_to(prefix); t != doc.termlist_end(); ++t) {
+      const std::string& term = *t;
+      if (term.compare(0, prefix.size(), prefix) != 0) break;
+      if (term.size() == prefix.size()) continue;
+      const unsigned char first = static_cast<unsigned char>(term[prefix.size()]);
+      if (first >= 'A' && first <= 'Z') continue;  // another field's prefix
+      const std::string word = term.substr(prefix.size());
+      // Chinese, Japanese and Korean text is indexed as n-grams already.
+      if (first >= 0xE1 && HasCjk(word)) continue;
+      const Xapian::termcount wdf = std::max<Xapian::termcount>(t.get_wdf(), 1);
+      const std::string stem = stemmer(word);
+      if (!stem.empty() && stem != word) add.push_back({stems + stem, wdf});
+      const size_t chars = CharCount(word);
+      for (size_t n = kMinBeginning; n <= longest && n < chars; ++n) {
+        std::string beginning = beginnings + FirstChars(word, n);
+        if (beginning == open[n].term) {
+          open[n].wdf += wdf;
+        } else {
+          flush(n);
+          open[n] = {std::move(beginning), wdf};
+        }
+      }
     }
+    for (size_t n = kMinBeginning; n <= longest; ++n) flush(n);
   }
+  for (const auto& d : add) doc.add_term(d.term, d.wdf);
 }
 
 // For each word of `text` that folding changes: the word as it stands,
@@ -258,9 +280,7 @@ Xapian::Document MakeDocument(const FileRecord& record, const Stemmer& stemmer) 
   }
   AddWrittenForms(doc, record.name, true, kPrefixName, kPrefixAccentedName, stemmer);
   AddWrittenForms(doc, record.folders, true, kPrefixFolder, nullptr, stemmer);
-  for (const char* prefix : {kPrefixName, kPrefixFolder, kPrefixContent}) {
-    AddDerivedTerms(doc, prefix, stemmer);
-  }
+  AddDerivedTerms(doc, stemmer);
 
   doc.add_boolean_term(UniqueTerm(record.path));
   doc.add_boolean_term(ExactTerm(kPrefixExactName, record.name));

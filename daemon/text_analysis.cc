@@ -326,10 +326,20 @@ bool Stemmer::Make(const std::string& language, Stemmer* out) {
 }
 
 std::string Stemmer::operator()(const std::string& folded_word) const {
-  if (stem_.is_none()) return "";
+  if (stem_.is_none() || folded_word.size() < 3) return "";
   size_t chars = 0;
-  for (Xapian::Utf8Iterator it(folded_word); it != Xapian::Utf8Iterator(); ++it, ++chars) {
-    if (!IsLetter(*it) || IsCjk(*it)) return "";
+  for (size_t i = 0; i < folded_word.size(); ++i) {
+    const unsigned char c = static_cast<unsigned char>(folded_word[i]);
+    if (c >= 0x80) {
+      // Past ASCII: letters of any script but CJK.
+      for (Xapian::Utf8Iterator it(folded_word.data() + i, folded_word.size() - i);
+           it != Xapian::Utf8Iterator(); ++it, ++chars) {
+        if (!IsLetter(*it) || IsCjk(*it)) return "";
+      }
+      break;
+    }
+    if (!((c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z'))) return "";
+    ++chars;
   }
   if (chars < 3) return "";
   // Words ending in -sis make their plural in -ses; the English stemmer
