@@ -451,6 +451,8 @@ void CommandHandler::Handle(const std::string& text, const Peer& peer, IndexCach
       throw DaemonError(kErrUnknownCommand, "unknown command: " + name);
     }
   } catch (const DaemonError& e) {
+    // The module shows its own words for this code: the reason is here.
+    if (e.code() == kErrMalformedQuery) syslog(LOG_INFO, "keyword refused: %s", e.what());
     out.Send(ErrorReply(e.code(), e.what()));
   } catch (const Xapian::Error& e) {
     syslog(LOG_ERR, "request failed: %s", e.get_description().c_str());

@@ -228,6 +228,9 @@ TEST_F(SearchDaemonTest, FindsWordsWhateverTheirAccentsFormsScriptsAndPlaces) {
       {"QuarterlyReport_2024-Q3.final.pdf", ""},
       {"saffron.txt", "nothing else"},
       {"Projects/Saffron Trials/tasting.txt", "results"},
+      {"bad\xff\xfe"
+       "bytes.txt",
+       "caf\xe9 \xc3 mixed \xe6\x9d\xb1 words"},
   };
   for (const auto& f : files) WriteFile("/volume1/lang/" + f.first, f.second);
   Shell(Loader() + " /volume1/lang /volume1/@kestondri/index/lang > /dev/null");
@@ -267,6 +270,17 @@ TEST_F(SearchDaemonTest, FindsWordsWhateverTheirAccentsFormsScriptsAndPlaces) {
       {"(saffron AND", {"Saffron Trials", "recipe.txt", "saffron.txt", "tasting.txt"}, false},
       {"\"crème brû", {"plain.txt", "recipe.txt"}, false},
       {"NOT", {}, false},
+      // Bad input: an answer, never a failure.
+      {"\xff\xfe bytes",
+       {"bad\xff\xfe"
+        "bytes.txt"},
+       false},
+      {"mixed words",
+       {"bad\xff\xfe"
+        "bytes.txt"},
+       false},
+      {"!?.,;: --- ///", {}, false},
+      {"Москва 東京 cafe", {}, false},
   };
   for (const auto& c : cases) {
     auto reply = Exchange(SearchRequest({"fileindex_lang"}, c.keyword));
