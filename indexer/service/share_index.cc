@@ -150,6 +150,9 @@ bool ShareIndex::Open(std::string* error) {
     }
     if (!Current(*db_)) return Upgrade(error);
     fresh_ = db_->get_metadata(kFillingKey) == "1";
+    // A rebuild after damage that a stop cut short: readers stay away
+    // until it is complete.
+    rebuilding_ = fresh_ && access((db_path_ + ".checking").c_str(), F_OK) == 0;
   } catch (const Xapian::DatabaseLockError& e) {
     db_.reset();
     *error = e.get_description();  // another writer: try again later
@@ -253,6 +256,7 @@ bool ShareIndex::Rebuild(std::string* error) {
   try {
     db_.reset(new Xapian::WritableDatabase(db_path_, Xapian::DB_CREATE_OR_OPEN));
     Stamp(*db_);
+    db_->set_metadata(kFillingKey, "1");
     db_->commit();
   } catch (const Xapian::Error& e) {
     db_.reset();
@@ -266,12 +270,11 @@ bool ShareIndex::Rebuild(std::string* error) {
 
 void ShareIndex::EndRebuild() {
   if (!rebuilding() || !db_) return;
-  db_->set_metadata(kFillingKey, "");
-  Changed();
   Commit();
   const std::string from = upgrading_ ? db_path_ + kBuildSuffix : db_path_;
   Close();
-  if (!CompactInPlace(from) && upgrading_) {
+  const bool compacted = CompactInPlace(from);
+  if (!compacted && upgrading_) {
     // Uncompacted, but of the current layout: better than the old one.
     if (!Exchange(from, db_path_)) {
       syslog(LOG_ERR, "index %s: cannot put the new index in place: %s", db_path_.c_str(),
@@ -279,6 +282,15 @@ void ShareIndex::EndRebuild() {
       return;  // tried again at the next end of a walk
     }
     RemoveTree(from);
+  }
+  // Only now is the filling over: a stop during the compaction leaves it to
+  // the next end of a walk.
+  try {
+    Xapian::WritableDatabase db(db_path_, Xapian::DB_OPEN);
+    db.set_metadata(kFillingKey, "");
+    db.commit();
+  } catch (const Xapian::Error& e) {
+    syslog(LOG_ERR, "index %s: %s", db_path_.c_str(), e.get_description().c_str());
   }
   if (rebuilding_) unlink((db_path_ + ".checking").c_str());
   syslog(LOG_INFO, "index %s is %s", db_path_.c_str(),
