@@ -495,7 +495,16 @@ SyncResult ShareIndex::Sync(const std::string& path, SyncMode mode, const Folder
     ++result.changed;
     Changed();
   }
-  if (mode == SyncMode::kReindex) ForgetReindex(path);
+  if (mode == SyncMode::kReindex) {
+    ForgetReindex(path);
+    // Rewriting a large part of the index leaves it as loose as a new one:
+    // it is compacted too once the queue is worked off (EndRebuild).
+    if (!rebuilding() && result.changed * 2 >= db.get_doccount()) {
+      db.set_metadata(kFillingKey, "1");
+      Changed();
+      fresh_ = true;
+    }
+  }
   result.completed = true;
   return result;
 }

@@ -65,6 +65,7 @@ class ShareIndex {
   // - a damaged one (not merely locked): set aside and replaced by an empty
   //   one, and the "<database>.checking" file beside it keeps readers away
   //   until EndRebuild();
+  // - one where a reindex rewrote at least half the documents;
   // - one of an older layout (index_schema.h) or another language: a new
   //   one is built beside it ("<database>.new") while the old one goes on
   //   answering searches, and takes its place at EndRebuild().

@@ -240,6 +240,14 @@ TEST_F(ShareIndexTest, FullWalksEndCompactedAndANewLayoutIsBuiltBesideTheOld) {
   Reopen();
   EXPECT_FALSE(index_->rebuilding());
   EXPECT_EQ(kFiles, Texts());
+  // A reindex that rewrote most of it leaves it as loose: compacted again.
+  ASSERT_TRUE(Sync(SyncMode::kReindex).completed);
+  ASSERT_TRUE(index_->rebuilding());
+  const ino_t reindexed = Inode(kDb);
+  index_->EndRebuild();
+  EXPECT_NE(reindexed, Inode(kDb));
+  Reopen();
+  EXPECT_FALSE(index_->rebuilding());
 
   // Another language: the old index answers until the new one is whole.
   Reopen("french");
