@@ -195,7 +195,8 @@ Xapian::Query Beginning(const Field& field, const std::string& beginning, const 
       // opening a word's posting list (glass, warm cache).
       const std::string candidates = beginnings + index::FirstChars(beginning, longest);
       if (b.db.get_termfreq(candidates) * 5 < words.size() * 3) {
-        return Xapian::Query(new WordBeginningSource(pattern, candidates));
+        // Xapian owns the source from here (release()).
+        return Xapian::Query((new WordBeginningSource(pattern, candidates))->release());
       }
     }
   }
