@@ -9,7 +9,7 @@
 #include "common/error.h"
 #include "common/sdk/credentials.h"
 #include "kest/klib.h"
-#include "log_lines.h"
+#include "module/api_runner.h"
 #include "support/request_guard.h"
 #include "support/sandbox.h"
 #include "support/thrown.h"

@@ -12,7 +12,7 @@
 #include "common/sdk/task.h"
 #include "double/platform_double.h"
 #include "kest/klib.h"
-#include "log_lines.h"
+#include "module/api_runner.h"
 #include "support/request_guard.h"
 #include "support/sandbox.h"
 #include "support/thrown.h"

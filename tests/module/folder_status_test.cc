@@ -12,7 +12,6 @@
 #include "kest/klib.h"
 #include "kest/webapi.h"
 #include "kestondri/fileindex.h"
-#include "log_lines.h"
 #include "module/api_runner.h"
 #include "support/request_guard.h"
 #include "support/sandbox.h"

@@ -11,7 +11,6 @@
 
 #include "kest/json.h"
 #include "module/api_runner.h"
-#include "module/indexed_shares.h"
 #include "support/fake_daemon.h"
 #include "support/sandbox.h"
 #include "support/syslog_capture.h"

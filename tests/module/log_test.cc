@@ -7,7 +7,7 @@
 #include <string>
 
 #include "common/log.h"
-#include "log_lines.h"
+#include "module/api_runner.h"
 #include "support/syslog_capture.h"
 
 namespace kestondri {

@@ -8,7 +8,7 @@
 #include "common/lock_mutex.h"
 #include "common/mutex.h"
 #include "common/sdk/credentials.h"
-#include "log_lines.h"
+#include "module/api_runner.h"
 #include "support/syslog_capture.h"
 
 namespace kestondri {

@@ -14,7 +14,7 @@
 
 #include "common/error.h"
 #include "kest/json.h"
-#include "log_lines.h"
+#include "module/api_runner.h"
 #include "support/request_guard.h"
 #include "support/sandbox.h"
 #include "webapi/ondri_api.h"

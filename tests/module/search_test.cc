@@ -18,7 +18,6 @@
 #include "kestondri/db.h"
 #include "kestondri/pref.h"
 #include "module/api_runner.h"
-#include "module/indexed_shares.h"
 #include "support/fake_daemon.h"
 #include "support/sandbox.h"
 #include "support/syslog_capture.h"

@@ -12,7 +12,7 @@
 
 #include "common/error.h"
 #include "common/sdk/task.h"
-#include "log_lines.h"
+#include "module/api_runner.h"
 #include "support/request_guard.h"
 #include "support/sandbox.h"
 
