@@ -231,6 +231,8 @@ TEST_F(DaemonMethodsTest, SearchReplies) {
       {"a failure without error", R"({"success": false})", nullptr, "120", ""},
       {"status that is not JSON", R"({"success": true})", "oops", "121",
        "!res.fromString(str_res)"},
+      {"status that is no object", R"({"success": true})", "[1]", "121",
+       "!res.fromString(str_res)"},
       {"status closed early", R"({"success": true})", "", "121", "!conn.Recv(str_res)"},
   };
   for (auto& c : cases) {
@@ -312,7 +314,7 @@ TEST_F(DaemonMethodsTest, NoDaemon) {
 
 TEST_F(DaemonMethodsTest, HitsGainSharePathReadabilityOwnerAndMountFlag) {
   FakeDaemon daemon;
-  ScriptSearch(daemon, R"({"total": 6}|
+  std::string page = R"({"total": 6}|
       {"KESTMDPath": "/volume1/docs/open.txt", "KESTMDOwnerUserID": "2002"}|
       {"KESTMDPath": "/volume1/docs/closed.txt", "KESTMDOwnerUserID": "2002",
        "additional": {"kept": 1}}|
@@ -322,7 +324,9 @@ TEST_F(DaemonMethodsTest, HitsGainSharePathReadabilityOwnerAndMountFlag) {
       {"KESTMDPath": "/volume1/docs/open.txt", "KESTMDOwnerUserID": "4294967296"}|
       {"KESTMDPath": "/volume1/docs/open.txt", "KESTMDOwnerUserID": ""}|
       {"KESTMDPath": "/volume1", "KESTMDOwnerUserID": "0"}|{"KESTMDFSName": "bare"}|
-      {"success": true})");
+      {"KESTMDPath": "/volume1/docs/#"}|{"success": true})";
+  page[page.find('#')] = '\xff';  // a name that is not UTF-8
+  ScriptSearch(daemon, page);
   const auto response = RunAPI<SearchAPI>(kAnn, Params({"docs"}));
   ASSERT_TRUE(response.IsSuccess()) << response.GetErrorCode();
   const auto& hits = response.GetData()["hits"];
@@ -341,6 +345,7 @@ TEST_F(DaemonMethodsTest, HitsGainSharePathReadabilityOwnerAndMountFlag) {
       {"/docs/open.txt", true, Json::Value(), false},
       {"", true, "root", true},  // in no share; the volume is a mount point
       {"", false, Json::Value(), false},
+      {"/docs/\xff", false, Json::Value(), false},
   };
   ASSERT_EQ(sizeof(expect) / sizeof(expect[0]), hits.size());
   for (Json::ArrayIndex i = 0; i < hits.size(); ++i) {
@@ -350,6 +355,9 @@ TEST_F(DaemonMethodsTest, HitsGainSharePathReadabilityOwnerAndMountFlag) {
     EXPECT_EQ(expect[i].mount_point, hits[i]["additional"]["is_mount_point"].asBool()) << i;
   }
   EXPECT_EQ(1, hits[1]["additional"]["kept"].asInt());
+  // A path that is not UTF-8 also travels as a reference to its bytes.
+  EXPECT_EQ("hex:2f766f6c756d65312f646f63732fff", hits[9]["additional"]["path_ref"].asString());
+  EXPECT_FALSE(hits[0]["additional"].isMember("path_ref"));
   // Members the daemon did not send are not made up as null.
   EXPECT_EQ((Json::Value::Members{"KESTMDFSName", "KESTMDSharePath", "additional", "readable"}),
             hits[8].getMemberNames());
@@ -454,6 +462,7 @@ TEST_F(DaemonMethodsTest, TrackingFileDecidesWhoRuns) {
       {"unreadable record is ignored", "{not json", 6, 0, false, true},
       // A failed or killed request blocks nobody, and its pid is no target.
       {"an ended request", kRecord, 5, 0, false, true, kAnnUid, 1},
+      {"an ended request not yet reaped", kRecord, 5, 0, false, true, kAnnUid, 2},
       {"a reused pid", R"({"pid": %PID%, "query_serial": 6, "start_time": 1})", 5, 0, false, true},
       {"a record without start time", R"({"pid": %PID%, "query_serial": 6})", 7, 0, false, true},
       // What a user with a shell writes into a record of their own.
