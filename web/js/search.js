@@ -84,6 +84,7 @@ export class SearchScreen {
 
   typed() {
     this.text = this.el.box.value;
+    this.typedAt = performance.now();
     this.literal = false;
     this.clearTimers();
     this.timers.push(setTimeout(() => this.search('typing'), TYPING_DELAY));
@@ -168,6 +169,7 @@ export class SearchScreen {
       params.highlight = HIGHLIGHT;
     }
     const started = performance.now();
+    const typedAt = this.typedAt;
     let data;
     try {
       data = await this.api.call(SEARCH, 'search', params);
@@ -183,7 +185,8 @@ export class SearchScreen {
     if (serial !== this.latest) return;
     this.show(data, append, fullKeyword(text));
     if (this.onPaint) {
-      requestAnimationFrame(() => setTimeout(() => this.onPaint(kind, started, serial)));
+      // After the next frame: the results are on the screen.
+      requestAnimationFrame(() => setTimeout(() => this.onPaint({ kind, serial, text, started, typedAt })));
     }
     if (kind === 'full' && !append) this.count(serial, keyword);
   }
