@@ -15,6 +15,7 @@
 #include <thread>
 
 #include "host/server_harness.h"
+#include "kest/json.h"
 #include "kestondri/fileindex.h"
 #include "support/sandbox.h"
 
