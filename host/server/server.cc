@@ -347,8 +347,8 @@ class Connection : public std::enable_shared_from_this<Connection> {
     Send(response, true);
   }
 
-  // An error of the download endpoint: the usual JSON answer, with a status
-  // that a browser shows for what it is.
+  // 416 for a range past the end of a download of `size` bytes, with the
+  // size a client needs to ask again.
   void SendRangeRefused(uint64_t size) {
     auto response = std::make_shared<http::response<http::string_body>>(
         http::status::range_not_satisfiable, version_);

@@ -47,9 +47,11 @@ const folders = new FoldersScreen(api, {
 // For the benchmark and the tests: when the results of each search were
 // painted, from when it was sent and from the keystroke it answers.
 window.kestPaint = [];
-search.onPaint = ({ kind, serial, text, started, typedAt }) => {
+search.onPaint = ({ kind, serial, text, started, answered, typedAt }) => {
   const now = performance.now();
-  window.kestPaint.push({ kind, serial, text, ms: now - started, fromKey: typedAt === undefined ? null : now - typedAt });
+  window.kestPaint.push({
+    kind, serial, text, ms: now - started, answer: answered - started, fromKey: typedAt === undefined ? null : now - typedAt,
+  });
 };
 
 function showLogin(note = '') {

@@ -1,6 +1,7 @@
 // The search screen: the box, the type tabs with their counts, the filters,
 // the results and their paging. Searches while typing are light (no
-// fragments, no counts, no history); a pause or Enter sends the full search.
+// fragments, no counts, no history), at most one every 150 ms: the first
+// change at once, the last always; a pause or Enter sends the full search.
 // While the user types, the last word is matched as a prefix; Enter searches
 // the text exactly as typed. A pause keeps the prefix, so that the hits on
 // screen do not vanish when the user stops in the middle of a word.
@@ -11,7 +12,7 @@ import { renderHit } from './results.js';
 
 const SEARCH = 'KEST.Ondri.FileIndexing.Search';
 const INDICATE = 'KEST.Ondri.FileIndexing.Indicate';
-const TYPING_DELAY = 150;
+const TYPING_INTERVAL = 150;
 const PAUSE_DELAY = 600;
 const PAGE = 50;
 const TYPES = ['all', 'document', 'photo', 'video', 'audio', 'folder', 'other'];
@@ -46,6 +47,7 @@ export class SearchScreen {
     this.total = 0;
     this.owners = new Map();
     this.timers = [];
+    this.lastTyping = -Infinity;  // when the last search while typing was sent
     this.literal = false;  // Enter: the text as typed, no prefix
     this.onPaint = null;
     this.bind();
@@ -87,7 +89,16 @@ export class SearchScreen {
     this.typedAt = performance.now();
     this.literal = false;
     this.clearTimers();
-    this.timers.push(setTimeout(() => this.search('typing'), TYPING_DELAY));
+    // A keystroke after a quiet spell searches at once, so that its hits
+    // come as fast as the server answers; quicker keystrokes wait their
+    // turn, and the newest text always gets its search.
+    const wait = this.lastTyping + TYPING_INTERVAL - performance.now();
+    const send = () => {
+      this.lastTyping = performance.now();
+      this.search('typing');
+    };
+    if (wait <= 0) send();
+    else this.timers.push(setTimeout(send, wait));
     this.timers.push(setTimeout(() => this.search('full'), PAUSE_DELAY));
   }
 
@@ -183,10 +194,11 @@ export class SearchScreen {
       return;
     }
     if (serial !== this.latest) return;
+    const answered = performance.now();
     this.show(data, append, fullKeyword(text));
     if (this.onPaint) {
       // After the next frame: the results are on the screen.
-      requestAnimationFrame(() => setTimeout(() => this.onPaint({ kind, serial, text, started, typedAt })));
+      requestAnimationFrame(() => setTimeout(() => this.onPaint({ kind, serial, text, started, answered, typedAt })));
     }
     if (kind === 'full' && !append) this.count(serial, keyword);
   }
