@@ -166,7 +166,7 @@ test('bob searches as he types and sees only what he may read, as text', async (
   await page.keyboard.press('ArrowDown');
   assert.equal(await page.evaluate(() => document.activeElement.closest('.hit').dataset.index), '1');
   const [popup] = await Promise.all([page.waitForEvent('popup'), page.keyboard.press('Enter')]);
-  assert.match(popup.url(), /\/webapi\/file\?path=/);
+  await popup.waitForURL(/\/webapi\/file\?path=/);
   await popup.close();
 
   // A found file, as its bytes; another user's private file, never.
