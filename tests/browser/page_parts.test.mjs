@@ -1,11 +1,11 @@
-// The page's pure parts, and its size budget. The page in a browser is
-// tests/browser.
+// The page's pure parts, and its size budget; page.test.mjs drives the
+// whole page in a browser.
 import assert from 'node:assert/strict';
 import { readdirSync, statSync } from 'node:fs';
 import { join } from 'node:path';
 import { test } from 'node:test';
-import { typingKeyword } from '../js/keyword.js';
-import { fragmentPieces } from '../js/marks.js';
+import { typingKeyword } from '../../web/js/keyword.js';
+import { fragmentPieces } from '../../web/js/marks.js';
 
 test('the word being typed is a prefix only when it is a bare word of 3 or more', () => {
   const cases = [
