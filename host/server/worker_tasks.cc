@@ -3,6 +3,7 @@
 #include <sys/stat.h>
 #include <syslog.h>
 
+#include <cerrno>
 #include <cstdint>
 #include <vector>
 
@@ -29,6 +30,9 @@ Json::Value RunModuleRequestJson(const Route& route, Json::Value params, const s
                                  uid_t uid, const std::string& sid, bool admin) {
   KEST::APIRequest request(std::move(params), uid, user, sid, admin);
   KEST::APIResponse response;
+  // The module logs errno as the cause of a failure it reports; what the
+  // server's own calls left there is no cause of the module's.
+  errno = 0;
   try {
     if (route.checker && !route.checker(&request, &response)) {
       return response.ToJson(kModuleUnknownError);
