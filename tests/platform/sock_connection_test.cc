@@ -42,8 +42,9 @@ std::string Frame(const std::string& body) {
 }
 
 // Replies of one or several messages, arriving in pieces that need not follow
-// the frames: the reader hands out each message whole, in order, then fails
-// and leaves the buffer it was given as it was.
+// the frames, the connection closed after the last step: the reader hands out
+// each message whole, in order, then fails and leaves the buffer it was given
+// as it was.
 TEST_F(SockConnectionTest, ReplyScripts) {
   struct Case {
     const char* what;
@@ -52,43 +53,34 @@ TEST_F(SockConnectionTest, ReplyScripts) {
   };
   const std::string big(3u << 20, 'x');  // several reads' worth
   Case cases[] = {
-      {"one message", DaemonReply().Text("{\"a\":1}").Close(), {"{\"a\":1}"}},
-      {"empty frame", DaemonReply().Text("").Close(), {""}},
-      {"bytes kept", DaemonReply().Text(std::string("a\0b\xff", 4)).Close(), {{"a\0b\xff", 4}}},
-      {"slow reply", DaemonReply().Pause(200).Text("late").Close(), {"late"}},
+      {"one message", DaemonReply().Text("{\"a\":1}"), {"{\"a\":1}"}},
+      {"empty frame", DaemonReply().Text(""), {""}},
+      {"bytes kept", DaemonReply().Text(std::string("a\0b\xff", 4)), {{"a\0b\xff", 4}}},
+      {"slow reply", DaemonReply().Pause(200).Text("late"), {"late"}},
       {"header in pieces",
-       DaemonReply()
-           .Raw(std::string("\0\0", 2))
-           .Pause(50)
-           .Raw(std::string("\0\x02", 2) + "ok")
-           .Close(),
+       DaemonReply().Raw(std::string("\0\0", 2)).Pause(50).Raw(std::string("\0\x02", 2) + "ok"),
        {"ok"}},
       {"several in one piece",
-       DaemonReply().Raw(Frame("a") + Frame("bb") + Frame("") + Frame("{}")).Close(),
+       DaemonReply().Raw(Frame("a") + Frame("bb") + Frame("") + Frame("{}")),
        {"a", "bb", "", "{}"}},
       {"body split after a whole message",
-       DaemonReply()
-           .Raw(Frame("first") + Frame("second").substr(0, 6))
-           .Pause(50)
-           .Raw("cond")
-           .Close(),
+       DaemonReply().Raw(Frame("first") + Frame("second").substr(0, 6)).Pause(50).Raw("cond"),
        {"first", "second"}},
       {"header split after a whole message",
        DaemonReply()
            .Raw(Frame("one") + std::string("\0\0", 2))
            .Pause(50)
-           .Raw(std::string("\0\3", 2) + "two")
-           .Close(),
+           .Raw(std::string("\0\3", 2) + "two"),
        {"one", "two"}},
       {"large after small",
-       DaemonReply().Raw(Frame("x") + Frame(big) + Frame("y")).Close(),
+       DaemonReply().Raw(Frame("x") + Frame(big) + Frame("y")),
        {"x", big, "y"}},
       {"cut short after whole messages",
-       DaemonReply().Raw(Frame("one") + Frame("two") + Frame("three").substr(0, 6)).Close(),
+       DaemonReply().Raw(Frame("one") + Frame("two") + Frame("three").substr(0, 6)),
        {"one", "two"}},
       {"closed before replying", DaemonReply().Close(), {}},
-      {"short header", DaemonReply().Raw(std::string("\0\0", 2)).Close(), {}},
-      {"length that lies", DaemonReply().Header(100).Raw("short").Close(), {}},
+      {"short header", DaemonReply().Raw(std::string("\0\0", 2)), {}},
+      {"length that lies", DaemonReply().Header(100).Raw("short"), {}},
       {"length over the cap", DaemonReply().Header((64u << 20) + 1).Raw("x"), {}},
       {"length of 4 GiB - 1", DaemonReply().Header(0xffffffffu), {}},
       {"silent peer times out", DaemonReply().HoldUntilClientGoes(), {}},
