@@ -7,6 +7,7 @@
 #include <cstring>
 
 #include "platform/platform_test.h"
+#include "support/syslog_capture.h"
 
 namespace kesttest {
 namespace {
@@ -233,6 +234,16 @@ TEST_F(SharesTest, MalformedFileNamesTheLine) {
     EXPECT_EQ(0u, text.find("/etc/kest/shares.conf")) << text;
     EXPECT_NE(std::string::npos, text.find(c.expected)) << "got: " << text;
   }
+  // The administrator learns of a broken file from the log: once, not at
+  // every call that reads it.
+  SyslogCapture::Instance().Clear();
+  WriteSharesConf("[a]\nread only = yes\n");
+  for (int call = 0; call < 2; ++call) {
+    ShareHolder share;
+    EXPECT_GT(0, KESTShareGet("a", &share.share));
+  }
+  SyslogCapture::Instance().Settle();
+  EXPECT_EQ(1u, SyslogCapture::Instance().Matching(KLIBCErrTextGet()).size()) << KLIBCErrTextGet();
 }
 
 // An smb.conf as Samba's own tools write it: indented keys, continued lines,
