@@ -81,6 +81,8 @@ TEST_F(PrefDBTest, EachUserKeepsOwnValuesAndCannotReachOthers) {
 }
 
 TEST_F(PrefDBTest, DatabaseBelongsToTheServiceUserAndIsClosedToOthers) {
+  // The folder store made the folder first, as root's.
+  ASSERT_EQ(0, mkdir("/var/packages/KestOndri/var", 0755));
   As("ann", [] { Preference(kAnnUid).Get<bool>("enable_history"); });
   // A file since handed to another owner and opened up is taken back and closed.
   ASSERT_EQ(0, chown(kDB, 0, 0));
@@ -92,6 +94,7 @@ TEST_F(PrefDBTest, DatabaseBelongsToTheServiceUserAndIsClosedToOthers) {
   EXPECT_EQ(0600u, st.st_mode & 07777);
   ASSERT_EQ(0, stat("/var/packages/KestOndri/var", &st));
   EXPECT_EQ(kServiceUid, st.st_uid);
+  EXPECT_EQ(0700u, st.st_mode & 07777);
   for (const char* suffix : {"-wal", "-shm"}) {
     if (stat((std::string(kDB) + suffix).c_str(), &st) == 0) {
       EXPECT_EQ(kServiceUid, st.st_uid) << suffix;
