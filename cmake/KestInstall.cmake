@@ -18,7 +18,10 @@ endforeach()
 
 # The programs read /etc/kest and PAM reads /etc/pam.d whatever the prefix.
 install(FILES host/dist/kestondri.pam DESTINATION /etc/pam.d RENAME kestondri)
-install(FILES host/dist/webapi-server.conf DESTINATION /etc/kest)
+# The settings name the page where this build installs it.
+set(KEST_WWW_DIR "${CMAKE_INSTALL_FULL_DATADIR}/kestondri/www")
+configure_file(host/dist/webapi-server.conf "${PROJECT_BINARY_DIR}/dist/webapi-server.conf" @ONLY)
+install(FILES "${PROJECT_BINARY_DIR}/dist/webapi-server.conf" DESTINATION /etc/kest)
 install(FILES dist/kestondri.logrotate DESTINATION /etc/logrotate.d RENAME kestondri)
 install(FILES dist/kestondri.sysusers DESTINATION "${CMAKE_INSTALL_PREFIX}/lib/sysusers.d"
         RENAME kestondri.conf)

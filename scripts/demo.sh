@@ -1,16 +1,16 @@
 #!/usr/bin/env bash
 # Runs the whole product for a demo: installs what is needed, builds, creates
 # demo users, shares and sample files, starts kestelasticd, kest-indexer and
-# the web API server, indexes the shares, and prints how to log in and search
-# with curl. Ctrl-C stops everything.
+# the web API server with the web page, indexes the shares, and prints the
+# page's address and how to log in. Ctrl-C stops everything.
 #
 # By default everything happens in private namespaces: the demo's users,
 # /etc, /run, /tmp, /dev/log, /volume1 and /var/packages exist only there, so
 # the machine's own users, folders and services (an installed KestOndri
 # included) are untouched (empty mount points are created for folders that
 # do not exist yet). The checkout may lie anywhere, /tmp included. The web
-# API server listens on the machine's loopback, so curl from any shell
-# reaches it.
+# API server listens on the machine's loopback, so a browser or curl on the
+# machine reaches it.
 #
 #   bash scripts/demo.sh            # the demo, in private namespaces
 #   KEST_DEMO_PORT=5080 bash scripts/demo.sh
@@ -33,7 +33,7 @@ if [[ "${1:-}" != "--inside" ]]; then
   bash "$ROOT/scripts/install-deps.sh"
   cmake -S "$ROOT" -B "$BUILD" -DCMAKE_BUILD_TYPE=RelWithDebInfo >/dev/null
   cmake --build "$BUILD" -j"$(nproc)" --target kestelasticd kest-indexer kest-extract-worker \
-    kest-webapi-server kestondri_webapi kest-demo-files
+    kest-webapi-server kestondri_webapi kest-demo-files kest_web
   if curl -s -o /dev/null "http://127.0.0.1:$PORT/" 2>/dev/null; then
     echo "demo.sh: port $PORT is taken; set KEST_DEMO_PORT" >&2
     exit 1
@@ -223,6 +223,7 @@ cat >"$STATE/webapi-server.conf" <<EOF
 [server]
 address = 127.0.0.1
 port = $PORT
+static_root = $BUILD/www
 access_log = $LOGS/webapi-access.log
 login_failure_delay_ms = 300
 
@@ -284,18 +285,25 @@ echo "Indexing: $status"
 
 cat <<EOF
 
-KestOndri is running (web API on 127.0.0.1:$PORT). Users of this demo:
+KestOndri is running. Open the page in a browser on this machine:
+
+  http://127.0.0.1:$PORT/
+
+Users of this demo:
 
   alice  ${PASSWORDS[alice]}   administrator, member of staff
   bruno  ${PASSWORDS[bruno]}   member of staff; owns public/bruno-private (private)
   chen   ${PASSWORDS[chen]}   may not use the share "projects"
 
-Log in as bruno and keep the session id:
+Search for "telescope" as bruno, then as chen: bruno sees his diary, Chen's
+notes and the staff plan; chen sees neither the diary nor the plan. alice, an
+administrator, manages the indexed folders under "Folders".
+
+The same with curl: log in as bruno and keep the session id:
 
   SID=\$(curl -s -H 'Content-Type: application/json' -d '{"api":"KEST.API.Auth","method":"login","version":1,"account":"bruno","passwd":"${PASSWORDS[bruno]}"}' $URL | sed -n 's/.*"sid":"\([0-9a-f]*\)".*/\1/p')
 
-Search for "telescope" (bruno sees his diary, Chen's notes and the staff plan;
-chen sees neither the diary nor the plan):
+then search:
 
   curl -s -H 'Content-Type: application/json' -d '{"api":"KEST.Ondri.FileIndexing.Search","method":"search","version":1,"_sid":"'\$SID'","indice":["public","projects"],"keyword":"telescope","from":0,"size":50,"query_serial":1,"fields":["KESTMDPath","KESTMDFSName"],"file_type":"","search_weight_list":[]}' $URL
 

@@ -24,6 +24,8 @@ enum ServerErrorCode : int {
   kErrLoginThrottled = 113,  // too many failed logins for the account or address
   kErrInternal = 114,        // the server could not run the request (fork, pipe)
   kErrBadServerParam = 115,  // a parameter of a server method is missing or wrong
+  kErrNoSuchFile = 116,      // download: no regular file there that the user's folders hold
+  kErrFileDenied = 118,      // download: the kernel refused the user the file
 };
 
 }  // namespace host

@@ -1,6 +1,7 @@
 #include "server/server.h"
 
 #include <signal.h>
+#include <sys/stat.h>
 #include <sys/wait.h>
 #include <syslog.h>
 #include <unistd.h>
@@ -26,6 +27,8 @@
 #include "kest/klib.h"
 #include "kest/webapi.h"
 #include "server/error_codes.h"
+#include "server/fd_range_body.h"
+#include "server/file_access.h"
 #include "server/login_throttle.h"
 #include "server/request_params.h"
 #include "server/session_store.h"
@@ -46,6 +49,7 @@ using Clock = std::chrono::steady_clock;
 namespace {
 
 constexpr char kEntryPath[] = "/webapi/entry.cgi";
+constexpr char kFilePath[] = "/webapi/file";
 constexpr char kAuthAPI[] = "KEST.API.Auth";
 constexpr char kSessionCookie[] = "kest_sid";
 constexpr char kTokenHeader[] = "X-Kest-CSRF-Token";
@@ -103,7 +107,15 @@ struct Outcome {
   int admin = -1;             // the administrator flag when the worker looked it up
   bool has_identity = false;  // with it, the user's identity, when found
   KLIBUserIdentity identity{};
+  UniqueFd fd;  // a descriptor the worker passed with its answer
 };
+
+// The outcome of a job that no worker answered.
+Outcome ServerError(int code) {
+  Outcome outcome;
+  outcome.code = code;
+  return outcome;
+}
 
 class Connection;
 
@@ -122,6 +134,7 @@ struct Worker {
   asio::posix::stream_descriptor pipe;
   asio::steady_timer timer;
   std::string received;
+  UniqueFd passed;        // a descriptor that came with the answer
   bool finished = false;  // the job's outcome was delivered
   bool pipe_done = false;
 };
@@ -169,12 +182,19 @@ class ServerImpl {
   void MaybeStop();
 
   void HandleApi(const std::shared_ptr<Connection>& connection, const std::string& query);
+  void HandleFile(const std::shared_ptr<Connection>& connection, const std::string& query);
   void ServeStatic(const std::shared_ptr<Connection>& connection, const std::string& path);
   void Login(const std::shared_ptr<Connection>& connection, const Json::Value& params);
   void Logout(const std::shared_ptr<Connection>& connection, const Json::Value& sid_param);
-  // The caller's session, or null after answering the connection.
+  // The caller's session, or null after answering the connection with
+  // `http_status`. A session from the cookie needs the CSRF header unless
+  // `cookie_alone` (a read-only request that a link must be able to make).
   const Session* Authenticate(const std::shared_ptr<Connection>& connection,
-                              const Json::Value& sid_param);
+                              const Json::Value& sid_param, bool cookie_alone = false,
+                              http::status http_status = http::status::ok);
+  // Counts a request of `uid` against its bound; false (answered) past it.
+  bool Admit(const std::shared_ptr<Connection>& connection, uid_t uid,
+             http::status http_status = http::status::ok);
 
   void Submit(Job job);
   void Start(Job job);
@@ -273,17 +293,89 @@ class Connection : public std::enable_shared_from_this<Connection> {
     Send(response, static_cast<int>(status) < 400);
   }
 
-  void SendFile(http::file_body::value_type body, const std::string& path) {
+  // A file of the page. Always revalidated (no-cache) against its ETag, so
+  // a new version is seen at once and an unchanged one costs a 304.
+  void SendStatic(http::file_body::value_type body, const std::string& path,
+                  const std::string& etag, bool gzipped, bool has_twin) {
     auto response = std::make_shared<http::response<http::file_body>>(
         std::piecewise_construct, std::make_tuple(std::move(body)),
         std::make_tuple(http::status::ok, version_));
-    response->set(http::field::content_type, StaticMimeType(path));
-    response->set(http::field::cache_control, "no-cache");
+    SetStaticHeaders(*response, path, etag, has_twin);
+    if (gzipped) response->set(http::field::content_encoding, "gzip");
+    Send(response, true);
+  }
+
+  void SendNotModified(const std::string& path, const std::string& etag, bool has_twin) {
+    auto response =
+        std::make_shared<http::response<http::empty_body>>(http::status::not_modified, version_);
+    SetStaticHeaders(*response, path, etag, has_twin);
+    Send(response, true);
+  }
+
+  // A user's file, `range` of it. Nothing of it is kept by a cache, and it
+  // may never act as part of the page: sandboxed, no sniffing, not
+  // embeddable by another origin, attachment unless a harmless type.
+  void SendDownload(std::shared_ptr<UniqueFd> fd, const std::string& path, uint64_t size,
+                    const std::string& etag, const ByteRange& range, bool as_attachment) {
+    const DownloadType type = DownloadTypeOf(path);
+    FdRangeBody::value_type body;
+    body.fd = std::move(fd);
+    body.offset = range.state == ByteRange::kPartial ? range.first : 0;
+    body.length = range.state == ByteRange::kPartial ? range.length : size;
+    const auto status =
+        range.state == ByteRange::kPartial ? http::status::partial_content : http::status::ok;
+    auto response = std::make_shared<http::response<FdRangeBody>>(
+        std::piecewise_construct, std::make_tuple(std::move(body)),
+        std::make_tuple(status, version_));
+    response->set(http::field::content_type, type.content_type);
+    const size_t slash = path.rfind('/');
+    response->set(http::field::content_disposition,
+                  ContentDisposition(path.substr(slash + 1), as_attachment || !type.inline_ok));
+    response->set(http::field::accept_ranges, "bytes");
+    response->set(http::field::etag, etag);
+    if (range.state == ByteRange::kPartial) {
+      response->set(http::field::content_range, "bytes " + std::to_string(range.first) + "-" +
+                                                    std::to_string(range.first + range.length - 1) +
+                                                    "/" + std::to_string(size));
+    }
+    response->set(http::field::cache_control, "private, no-store");
+    response->set("Content-Security-Policy",
+                  "sandbox; default-src 'none'; img-src 'self'; media-src 'self'; "
+                  "style-src 'unsafe-inline'");
+    response->set("Cross-Origin-Resource-Policy", "same-origin");
+    response->set("Referrer-Policy", "no-referrer");
+    Send(response, true);
+  }
+
+  // 416 for a range past the end of a download of `size` bytes, with the
+  // size a client needs to ask again.
+  void SendRangeRefused(uint64_t size) {
+    auto response = std::make_shared<http::response<http::string_body>>(
+        http::status::range_not_satisfiable, version_);
+    response->set(http::field::content_type, "application/json; charset=utf-8");
+    response->set(http::field::cache_control, "no-store");
+    response->set(http::field::content_range, "bytes */" + std::to_string(size));
+    response->body() = Json::toString(ErrorAnswer(kErrBadRequest));
+    record_.code = kErrBadRequest;
     Send(response, true);
   }
 
  private:
   enum class State { kReading, kBusy, kWriting };
+
+  template <typename Message>
+  void SetStaticHeaders(Message& response, const std::string& path, const std::string& etag,
+                        bool has_twin) {
+    response.set(http::field::content_type, StaticMimeType(path));
+    response.set(http::field::cache_control, "no-cache");
+    response.set(http::field::etag, etag);
+    if (has_twin) response.set(http::field::vary, "Accept-Encoding");
+    response.set("Content-Security-Policy", kPageSecurityPolicy);
+    response.set("X-Frame-Options", "DENY");
+    response.set("Referrer-Policy", "no-referrer");
+    response.set("Cross-Origin-Opener-Policy", "same-origin");
+    response.set("Cross-Origin-Resource-Policy", "same-origin");
+  }
 
   void ReadRequest() {
     state_ = State::kReading;
@@ -366,16 +458,32 @@ class Connection : public std::enable_shared_from_this<Connection> {
         std::chrono::duration_cast<std::chrono::milliseconds>(Clock::now() - started_).count());
     server_->access_log()->Write(record_);
     state_ = State::kWriting;
+    auto serializer =
+        std::make_shared<http::serializer<false, typename Message::body_type>>(*message);
+    WriteSome(message, serializer);
+  }
+
+  // Writes the answer piece by piece, each piece within the client time-out:
+  // a large download takes as long as the client needs, but a client that
+  // stops reading is dropped.
+  template <typename Message, typename Serializer>
+  void WriteSome(const std::shared_ptr<Message>& message,
+                 const std::shared_ptr<Serializer>& serializer) {
     stream_.expires_after(std::chrono::seconds(server_->config().client_timeout));
-    http::async_write(stream_, *message,
-                      [self = shared_from_this(), message](beast::error_code ec, size_t) {
-                        if (ec || !message->keep_alive()) {
-                          beast::error_code ignored;
-                          self->stream_.socket().shutdown(tcp::socket::shutdown_send, ignored);
-                          return;
-                        }
-                        self->ReadRequest();
-                      });
+    http::async_write_some(
+        stream_, *serializer,
+        [self = shared_from_this(), message, serializer](beast::error_code ec, size_t) {
+          if (!ec && !serializer->is_done()) {
+            self->WriteSome(message, serializer);
+            return;
+          }
+          if (ec || !message->keep_alive()) {
+            beast::error_code ignored;
+            self->stream_.socket().shutdown(tcp::socket::shutdown_send, ignored);
+            return;
+          }
+          self->ReadRequest();
+        });
   }
 
   beast::tcp_stream stream_;
@@ -597,6 +705,8 @@ void ServerImpl::Handle(const std::shared_ptr<Connection>& connection) {
   const std::string path = target.substr(0, question);
   if (path == kEntryPath) {
     HandleApi(connection, question == std::string::npos ? "" : target.substr(question + 1));
+  } else if (path == kFilePath) {
+    HandleFile(connection, question == std::string::npos ? "" : target.substr(question + 1));
   } else if (!static_root_.empty() && req.method() == http::verb::get) {
     ServeStatic(connection, path);
   } else {
@@ -676,13 +786,8 @@ void ServerImpl::HandleApi(const std::shared_ptr<Connection>& connection,
   }
   const Session* session = Authenticate(connection, sid);
   if (!session) return;
-  // One user alone must not fill every worker and the whole queue.
   const uid_t uid = session->uid;
-  if (pending_[uid] >= config_.max_requests_per_user) {
-    connection->SendJson(http::status::ok, ErrorAnswer(kErrTooBusy));
-    return;
-  }
-  ++pending_[uid];
+  if (!Admit(connection, uid)) return;
 
   Job job;
   job.connection = connection;
@@ -713,8 +818,104 @@ void ServerImpl::HandleApi(const std::shared_ptr<Connection>& connection,
   Submit(std::move(job));
 }
 
+bool ServerImpl::Admit(const std::shared_ptr<Connection>& connection, uid_t uid,
+                       http::status http_status) {
+  // One user alone must not fill every worker and the whole queue.
+  if (pending_[uid] >= config_.max_requests_per_user) {
+    connection->SendJson(http_status, ErrorAnswer(kErrTooBusy));
+    return false;
+  }
+  ++pending_[uid];
+  return true;
+}
+
+// The download endpoint. A GET that changes nothing, made by links, so the
+// cookie alone signs it in (SameSite=Strict keeps it from other sites); the
+// worker opens the file as the user and hands the master the descriptor.
+void ServerImpl::HandleFile(const std::shared_ptr<Connection>& connection,
+                            const std::string& query) {
+  const auto& req = connection->request();
+  if (req.method() != http::verb::get) {
+    connection->SendJson(http::status::method_not_allowed, ErrorAnswer(kErrBadRequest));
+    return;
+  }
+  // Fetch metadata, where the browser sends it: no other site's page may
+  // pull a user's file into itself.
+  if (beast::iequals(req["Sec-Fetch-Site"], "cross-site")) {
+    connection->SendJson(http::status::forbidden, ErrorAnswer(kErrBadToken));
+    return;
+  }
+  Json::Value params(Json::objectValue);
+  std::string problem;
+  if (!ParseFormParams(query, &params, &problem, {"_sid", "path", "download"})) {
+    connection->SendJson(http::status::bad_request, ErrorAnswer(kErrBadRequest));
+    return;
+  }
+  const Json::Value& reference = params["path"];
+  std::string path;
+  if (!reference.isString() || !DecodeFileReference(reference.asString(), &path)) {
+    connection->SendJson(http::status::bad_request,
+                         ParamError("path", reference.isNull() ? "required" : "invalid"));
+    return;
+  }
+  const bool as_attachment = params["download"].asString() == "1";
+  const Session* session = Authenticate(connection, params["_sid"], true, http::status::forbidden);
+  if (!session) return;
+  const uid_t uid = session->uid;
+  if (!Admit(connection, uid, http::status::service_unavailable)) return;
+
+  Job job;
+  job.connection = connection;
+  job.label = "download";
+  const bool recheck =
+      Clock::now() - session->looked_up >= std::chrono::seconds(config_.admin_recheck_interval);
+  const int known_admin = recheck ? -1 : (session->is_admin ? 1 : 0);
+  std::optional<KLIBUserIdentity> identity;
+  if (!recheck && session->has_identity) identity = session->identity;
+  job.work = [path, user = session->user, known_admin, identity]() {
+    return RunFileOpen(path, user, known_admin, identity ? &*identity : nullptr);
+  };
+  job.on_outcome = [this, connection, id = session->id, uid, path, as_attachment](Outcome outcome) {
+    if (--pending_[uid] <= 0) pending_.erase(uid);
+    if (outcome.admin >= 0) {
+      sessions_.SetLookup(id, outcome.admin == 1,
+                          outcome.has_identity ? &outcome.identity : nullptr, Clock::now());
+    }
+    Json::Value answer;
+    if (!outcome.answered || !Json::fromString(answer, outcome.text)) {
+      connection->SendJson(http::status::internal_server_error,
+                           ErrorAnswer(outcome.answered ? kErrWorkerEnded : outcome.code));
+      return;
+    }
+    const int code = AnswerCode(answer);
+    if (code != 0 || outcome.fd.get() < 0) {
+      const auto status = code == kErrNoSuchFile   ? http::status::not_found
+                          : code == kErrFileDenied ? http::status::forbidden
+                                                   : http::status::internal_server_error;
+      connection->SendJson(status, code != 0 ? answer : ErrorAnswer(kErrInternal));
+      return;
+    }
+    const uint64_t size = answer["data"]["size"].asUInt64();
+    const std::string etag = answer["data"]["etag"].asString();
+    const auto& req = connection->request();
+    ByteRange range = ParseRange(std::string(req[http::field::range]), size);
+    // A range of a file that changed since the client's first piece would
+    // splice two versions: send the whole file instead.
+    const std::string if_range(req[http::field::if_range]);
+    if (!if_range.empty() && if_range != etag) range = ByteRange();
+    if (range.state == ByteRange::kUnsatisfiable) {
+      connection->SendRangeRefused(size);
+      return;
+    }
+    connection->SendDownload(std::make_shared<UniqueFd>(std::move(outcome.fd)), path, size, etag,
+                             range, as_attachment);
+  };
+  Submit(std::move(job));
+}
+
 const Session* ServerImpl::Authenticate(const std::shared_ptr<Connection>& connection,
-                                        const Json::Value& sid_param) {
+                                        const Json::Value& sid_param, bool cookie_alone,
+                                        http::status http_status) {
   const auto& req = connection->request();
   std::string sid;
   const bool from_cookie = !sid_param.isString();
@@ -725,14 +926,15 @@ const Session* ServerImpl::Authenticate(const std::shared_ptr<Connection>& conne
   }
   const Session* session = sid.empty() ? nullptr : sessions_.Find(sid, Clock::now());
   if (!session) {
-    connection->SendJson(http::status::ok, ErrorAnswer(kErrNotLoggedIn));
+    connection->SendJson(http_status, ErrorAnswer(kErrNotLoggedIn));
     return nullptr;
   }
   connection->SetUser(session->user);
   // A cross-site page can make the browser send the cookie, never a header
   // with a token it cannot read.
-  if (from_cookie && !TokensEqual(std::string(req[kTokenHeader]), session->csrf_token)) {
-    connection->SendJson(http::status::ok, ErrorAnswer(kErrBadToken));
+  if (from_cookie && !cookie_alone &&
+      !TokensEqual(std::string(req[kTokenHeader]), session->csrf_token)) {
+    connection->SendJson(http_status, ErrorAnswer(kErrBadToken));
     return nullptr;
   }
   return session;
@@ -835,15 +1037,26 @@ void ServerImpl::Logout(const std::shared_ptr<Connection>& connection,
 
 void ServerImpl::ServeStatic(const std::shared_ptr<Connection>& connection,
                              const std::string& path) {
+  const auto& req = connection->request();
   const std::string file = ResolveStaticFile(static_root_, path);
+  const std::string twin = file.empty() ? "" : StaticGzipTwin(static_root_, file);
+  const bool gzipped = !twin.empty() && AcceptsGzip(std::string(req[http::field::accept_encoding]));
+  const std::string& sent = gzipped ? twin : file;
   http::file_body::value_type body;
   beast::error_code ec;
-  if (!file.empty()) body.open(file.c_str(), beast::file_mode::scan, ec);
-  if (file.empty() || ec) {
+  struct stat st;
+  if (!file.empty()) body.open(sent.c_str(), beast::file_mode::scan, ec);
+  if (file.empty() || ec || fstat(body.file().native_handle(), &st) != 0) {
     connection->SendJson(http::status::not_found, ErrorAnswer(kErrBadRequest));
     return;
   }
-  connection->SendFile(std::move(body), file);
+  // The validator of what is sent: the gzip twin and the plain file differ.
+  const std::string etag = FileETag(st);
+  if (ETagMatches(std::string(req[http::field::if_none_match]), etag)) {
+    connection->SendNotModified(file, etag, !twin.empty());
+    return;
+  }
+  connection->SendStatic(std::move(body), file, etag, gzipped, !twin.empty());
 }
 
 void ServerImpl::Submit(Job job) {
@@ -853,7 +1066,7 @@ void ServerImpl::Submit(Job job) {
   } else if (queue_.size() < static_cast<size_t>(config_.max_queue)) {
     queue_.push_back(std::move(job));
   } else {
-    job.on_outcome(Outcome{false, "", kErrTooBusy});
+    job.on_outcome(ServerError(kErrTooBusy));
   }
 }
 
@@ -864,7 +1077,7 @@ void ServerImpl::Start(Job job) {
       kLogIdent, &fd);
   if (pid < 0) {
     syslog(LOG_ERR, "cannot start a worker for %s: %m", job.label.c_str());
-    job.on_outcome(Outcome{false, "", kErrInternal});
+    job.on_outcome(ServerError(kErrInternal));
     return;
   }
   // Also here, not only in the worker: a time-out may come before the worker
@@ -889,11 +1102,10 @@ void ServerImpl::WaitAnswer(const std::shared_ptr<Worker>& worker) {
 
 bool ServerImpl::ReadAnswer(const std::shared_ptr<Worker>& worker) {
   if (worker->pipe_done) return true;
-  char chunk[65536];
   for (;;) {
-    const ssize_t n = read(worker->pipe.native_handle(), chunk, sizeof(chunk));
+    const ssize_t n =
+        ReadAnswerChunk(worker->pipe.native_handle(), &worker->received, &worker->passed);
     if (n > 0) {
-      worker->received.append(chunk, static_cast<size_t>(n));
       if (worker->received.size() > kMaxAnswerSize + 4) break;
       continue;
     }
@@ -908,13 +1120,15 @@ bool ServerImpl::ReadAnswer(const std::shared_ptr<Worker>& worker) {
       if (end_of_file) worker->pipe_done = true;
       return end_of_file;
     }
-    Outcome outcome{true, "", 0, -1};
+    Outcome outcome;
+    outcome.answered = true;
     AnswerHeader header;
     if (!DecodeAnswer(frame, &header, &outcome.text)) break;
     outcome.code = header.code;
     outcome.admin = header.admin;
     outcome.has_identity = header.has_identity;
     outcome.identity = std::move(header.identity);
+    outcome.fd = std::move(worker->passed);
     worker->pipe_done = true;
     Finish(worker, std::move(outcome));
     return true;
@@ -922,7 +1136,7 @@ bool ServerImpl::ReadAnswer(const std::shared_ptr<Worker>& worker) {
   syslog(LOG_ERR, "worker %d for %s sent a malformed answer", worker->pid,
          worker->job.label.c_str());
   worker->pipe_done = true;
-  Finish(worker, Outcome{false, "", kErrWorkerEnded});
+  Finish(worker, ServerError(kErrWorkerEnded));
   return true;
 }
 
@@ -944,7 +1158,7 @@ void ServerImpl::TimeOut(const std::shared_ptr<Worker>& worker) {
          worker->job.label.c_str(), config_.request_timeout);
   kill(-worker->pid, SIGKILL);
   kill(worker->pid, SIGKILL);
-  Finish(worker, Outcome{false, "", kErrTimedOut});
+  Finish(worker, ServerError(kErrTimedOut));
 }
 
 void ServerImpl::ReapChildren() {
@@ -973,7 +1187,7 @@ void ServerImpl::ChildExited(pid_t pid, int status) {
       syslog(LOG_ERR, "worker %d for %s exited with status %d before answering", pid,
              worker->job.label.c_str(), WEXITSTATUS(status));
     }
-    Finish(worker, Outcome{false, "", kErrWorkerEnded});
+    Finish(worker, ServerError(kErrWorkerEnded));
   }
   worker->timer.cancel();
   beast::error_code ignored;

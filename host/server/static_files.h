@@ -5,6 +5,8 @@
 #ifndef KESTONDRI_HOST_SERVER_STATIC_FILES_H_
 #define KESTONDRI_HOST_SERVER_STATIC_FILES_H_
 
+#include <sys/stat.h>
+
 #include <string>
 
 namespace kestondri {
@@ -17,6 +19,26 @@ std::string ResolveStaticFile(const std::string& root, const std::string& url_pa
 
 // The Content-Type for a file name.
 const char* StaticMimeType(const std::string& path);
+
+// The gzip twin of a resolved static file (`file` + ".gz", made when the
+// page was built), when it is a regular file inside `root`; "" otherwise.
+std::string StaticGzipTwin(const std::string& root, const std::string& file);
+
+// Whether an Accept-Encoding header lets gzip through (named, or "*", with a
+// weight above zero).
+bool AcceptsGzip(const std::string& accept_encoding);
+
+// A strong validator of one file's content: its inode, size and
+// modification time, which every rewrite of the file changes.
+std::string FileETag(const struct stat& st);
+
+// Whether an If-None-Match header names `etag` (or is "*").
+bool ETagMatches(const std::string& if_none_match, const std::string& etag);
+
+// The page's Content-Security-Policy: its own files only, no inline script
+// or style, and DOM sinks that refuse plain strings (Trusted Types), so
+// that no file name or fragment can become script.
+extern const char kPageSecurityPolicy[];
 
 }  // namespace host
 }  // namespace kestondri

@@ -4,15 +4,16 @@
 #include <fcntl.h>
 #include <linux/close_range.h>
 #include <signal.h>
+#include <sys/socket.h>
 #include <sys/syscall.h>
 #include <syslog.h>
 #include <unistd.h>
 
 #include <cerrno>
 #include <climits>
-#include <cstdlib>
-
 #include <cstdint>
+#include <cstdlib>
+#include <cstring>
 
 namespace kestondri {
 namespace host {
@@ -57,10 +58,33 @@ void ShedMasterState(int keep_fd, const std::string& log_ident) {
   setpgid(0, 0);
 }
 
+int g_passed_fd = -1;
+
+// The first byte carries the descriptor, when there is one: on a stream
+// socket the descriptor arrives with the byte it was sent with.
 bool WriteAll(int fd, const std::string& data) {
   size_t done = 0;
+  while (g_passed_fd >= 0 && !data.empty()) {
+    char control[CMSG_SPACE(sizeof(int))] = {};
+    iovec iov{const_cast<char*>(data.data()), 1};
+    msghdr message{};
+    message.msg_iov = &iov;
+    message.msg_iovlen = 1;
+    message.msg_control = control;
+    message.msg_controllen = sizeof(control);
+    cmsghdr* header = CMSG_FIRSTHDR(&message);
+    header->cmsg_level = SOL_SOCKET;
+    header->cmsg_type = SCM_RIGHTS;
+    header->cmsg_len = CMSG_LEN(sizeof(int));
+    memcpy(CMSG_DATA(header), &g_passed_fd, sizeof(int));
+    const ssize_t n = sendmsg(fd, &message, MSG_NOSIGNAL);
+    if (n < 0 && errno == EINTR) continue;
+    if (n != 1) return false;
+    done = 1;
+    break;
+  }
   while (done < data.size()) {
-    const ssize_t n = write(fd, data.data() + done, data.size() - done);
+    const ssize_t n = send(fd, data.data() + done, data.size() - done, MSG_NOSIGNAL);
     if (n < 0 && errno == EINTR) continue;
     if (n <= 0) return false;
     done += static_cast<size_t>(n);
@@ -70,10 +94,50 @@ bool WriteAll(int fd, const std::string& data) {
 
 }  // namespace
 
+UniqueFd& UniqueFd::operator=(UniqueFd&& other) noexcept {
+  if (this != &other) Reset(other.Release());
+  return *this;
+}
+
+void UniqueFd::Reset(int fd) {
+  if (fd_ >= 0) close(fd_);
+  fd_ = fd;
+}
+
+void PassDescriptorWithAnswer(int fd) { g_passed_fd = fd; }
+
+ssize_t ReadAnswerChunk(int channel, std::string* received, UniqueFd* passed) {
+  char chunk[65536];
+  char control[CMSG_SPACE(4 * sizeof(int))];
+  iovec iov{chunk, sizeof(chunk)};
+  msghdr message{};
+  message.msg_iov = &iov;
+  message.msg_iovlen = 1;
+  message.msg_control = control;
+  message.msg_controllen = sizeof(control);
+  const ssize_t n = recvmsg(channel, &message, MSG_CMSG_CLOEXEC);
+  if (n < 0) return n;
+  for (cmsghdr* header = CMSG_FIRSTHDR(&message); header; header = CMSG_NXTHDR(&message, header)) {
+    if (header->cmsg_level != SOL_SOCKET || header->cmsg_type != SCM_RIGHTS) continue;
+    const size_t count = (header->cmsg_len - CMSG_LEN(0)) / sizeof(int);
+    for (size_t i = 0; i < count; ++i) {
+      int fd;
+      memcpy(&fd, CMSG_DATA(header) + i * sizeof(int), sizeof(int));
+      if (passed->get() < 0) {
+        passed->Reset(fd);
+      } else {
+        close(fd);
+      }
+    }
+  }
+  received->append(chunk, static_cast<size_t>(n));
+  return n;
+}
+
 pid_t ForkWorker(const std::function<std::string()>& work, const std::string& failure_answer,
                  const std::string& log_ident, int* answer_fd) {
   int fds[2];
-  if (pipe2(fds, O_CLOEXEC) != 0) return -1;
+  if (socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, fds) != 0) return -1;
   const pid_t pid = fork();
   if (pid < 0) {
     const int saved = errno;
@@ -95,6 +159,8 @@ pid_t ForkWorker(const std::function<std::string()>& work, const std::string& fa
     _exit(0);
   }
   close(fds[1]);
+  // The master only reads; the worker's end is the one that writes.
+  shutdown(fds[0], SHUT_WR);
   fcntl(fds[0], F_SETFL, fcntl(fds[0], F_GETFL) | O_NONBLOCK);
   *answer_fd = fds[0];
   return pid;

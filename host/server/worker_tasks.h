@@ -27,6 +27,15 @@ std::string RunModuleRequest(const Route& route, Json::Value params, const std::
                              uid_t uid, const std::string& sid, int known_admin,
                              const KLIBUserIdentity* known_identity);
 
+// Opens the file at `path` for a download as the login user (an
+// administrator as root), when it lies below an indexed folder the user may
+// see, in a share the user has a privilege on (in "homes", the user's own
+// home only). The descriptor goes to the master with the answer
+// {"size", "mtime", "etag"}; refusals answer 116 or 118. `known_admin` and
+// `known_identity` as for RunModuleRequest.
+std::string RunFileOpen(const std::string& path, const std::string& user, int known_admin,
+                        const KLIBUserIdentity* known_identity);
+
 // PAM, then the account's uid, administrator flag and groups: an object
 // {"ok", "user", "uid", "is_admin", "reason"[, "gid", "groups"]}.
 std::string RunLogin(const std::string& service, const std::string& account,

@@ -18,8 +18,6 @@ class PlatformDouble {
   static void FailNext(const std::string& function, int error_code = 0, int times = 1);
   // Calls of `function` since the last Reset().
   static int Calls(const std::string& function);
-  // Total calls of every wrapped function since the last Reset().
-  static int TotalCalls();
   // Clears counters and faults.
   static void Reset();
 };

@@ -167,6 +167,9 @@ HttpReply SendHttp(const HttpRequest& request, int port) {
   reply.content_type = std::string(response[http::field::content_type]);
   for (const auto& field : response) {
     if (field.name() == http::field::set_cookie) reply.set_cookies.emplace_back(field.value());
+    std::string name(field.name_string());
+    for (char& c : name) c = static_cast<char>(tolower(static_cast<unsigned char>(c)));
+    reply.headers[name] = std::string(field.value());
   }
   if (!Json::fromString(reply.json, reply.body)) reply.json = Json::Value();
   return reply;

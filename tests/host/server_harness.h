@@ -6,6 +6,7 @@
 #include <json/json.h>
 #include <sys/types.h>
 
+#include <map>
 #include <string>
 #include <utility>
 #include <vector>
@@ -34,6 +35,12 @@ struct HttpReply {
   Json::Value json;  // the body parsed, null when it is no JSON
   std::string content_type;
   std::vector<std::string> set_cookies;
+  std::map<std::string, std::string> headers;  // by lower-case name; the last of a name
+  // The value of a header (lower-case name), "" when absent.
+  std::string header(const std::string& name) const {
+    const auto it = headers.find(name);
+    return it == headers.end() ? "" : it->second;
+  }
 };
 
 // Connections this thread opens from now on come from `address` (127.0.0.2,

@@ -680,6 +680,9 @@ TEST_F(ServerTest, AccessLogRecordsRequestsWithoutSecrets) {
 
 TEST_F(ServerTest, SigtermLetsRequestsInFlightFinish) {
   const LoginSession ann = Login("ann", "ann-secret");
+  // The login worker may still be on its way out: counted as the sleeper
+  // below, the stop would come before the request had even arrived.
+  ASSERT_TRUE(server_.WaitQuiet(5000));
   HttpReply running;
   std::thread client([&] { running = CallApi(TestCall("sleep", {{"seconds", "2"}}), ann.sid); });
   for (int i = 0; i < 500 && server_.Descendants().empty(); ++i) {

@@ -1,18 +1,27 @@
-// Runs one web API request through the module's handler template, as the
-// server does, for one of the sandbox's test users.
+// What the module's tests share: the sandbox's users as login users, one web
+// API request run through the module's handler template as the server runs
+// it, the exact log lines the module writes, the shares the search methods
+// are tried on, and the fixture every module test starts from.
 #ifndef KEST_TESTS_MODULE_API_RUNNER_H_
 #define KEST_TESTS_MODULE_API_RUNNER_H_
 
+#include <gtest/gtest.h>
 #include <json/json.h>
+#include <sys/stat.h>
 #include <sys/types.h>
+#include <unistd.h>
 
+#include <cerrno>
+#include <cstdlib>
 #include <string>
 #include <vector>
 
 #include "kest/webapi.h"
+#include "kestondri/fileindex.h"
 #include "support/fake_daemon.h"
 #include "support/request_guard.h"
 #include "support/sandbox.h"
+#include "support/syslog_capture.h"
 #include "webapi/ondri_api.h"
 
 namespace kesttest {
@@ -27,6 +36,24 @@ constexpr Login kAnn{"ann", kAnnUid, false};
 constexpr Login kBob{"bob", kBobUid, false};
 constexpr Login kCarol{"carol", kCarolUid, true};
 constexpr Login kDave{"dave", kDaveUid, false};
+
+// "<file>:<line> (<pid>, <euid>) (<func>) <text>".
+inline std::string LogLine(const std::string& file, int line, const std::string& func,
+                           const std::string& text, pid_t pid = getpid(), uid_t euid = geteuid()) {
+  return file + ":" + std::to_string(line) + " (" + std::to_string(pid) + ", " +
+         std::to_string(euid) + ") (" + func + ") " + text;
+}
+
+// The texts captured since the last Clear(), once the log went quiet.
+inline std::vector<std::string> CapturedLines() {
+  SyslogCapture::Instance().Settle(50);
+  std::vector<std::string> out;
+  for (const auto& line : SyslogCapture::Instance().Lines()) out.push_back(line.text);
+  return out;
+}
+
+constexpr char kTaskHeader[] = "../../..//src/include/common/sdk/task.h";
+constexpr char kOndriApiHeader[] = "../../..//src/include/webapi/ondri_api.h";
 
 // Runs the request under a RequestGuard: descriptors, children, identity and
 // the platform lock are checked afterwards, and the children the request
@@ -67,6 +94,49 @@ KEST::APIResponse RunAPIUnguarded(const Login& login, const Json::Value& params)
   BecomeRoot();
   return response;
 }
+
+// The shares the search methods are tried on: docs (open to staff) holding
+// open.txt and bob's closed.txt (0600), the homes with ann's and bob's
+// folders (dave refused), and private (bob's share) holding p.txt.
+inline void MakeSearchShares() {
+  WriteSharesConf(
+      "[global]\nuser home = yes\n"
+      "[docs]\npath = /volume1/docs\nread list = @staff\n"
+      "[homes]\npath = /volume1/homes\ninvalid users = dave\n"
+      "[private]\npath = /volume1/private\nread list = bob\n");
+  for (const char* dir : {"/volume1/docs", "/volume1/private", "/volume1/homes",
+                          "/volume1/homes/ann", "/volume1/homes/bob"}) {
+    mkdir(dir, 0755);
+  }
+  WriteFile("/volume1/docs/open.txt", "x", 0644);
+  WriteFile("/volume1/docs/closed.txt", "x", 0600);
+  (void)!chown("/volume1/docs/closed.txt", kBobUid, kBobUid);
+  WriteFile("/volume1/private/p.txt", "x", 0644);
+}
+
+// Makes exactly the given shares indexed (each with its own folder), through
+// the real indexing library.
+inline void IndexShares(const std::vector<std::string>& shares) {
+  (void)!system("rm -f /var/packages/KestOndri/var/fileindex/folders.db*");
+  Json::Value folders(Json::arrayValue);
+  for (const auto& share : shares) folders.append(Json::Value())["path"] = "/volume1/" + share;
+  if (!folders.empty()) kestondri::fileindex::FolderAdd(folders, false);
+}
+
+// Every module test starts as root with an empty log and errno 0 (log lines
+// report it), and ends as root with the children it left reaped.
+class ModuleTest : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    BecomeRoot();
+    SyslogCapture::Instance().Clear();
+    errno = 0;
+  }
+  void TearDown() override {
+    BecomeRoot();
+    ReapChildren();
+  }
+};
 
 }  // namespace kesttest
 

@@ -1,22 +1,14 @@
 // The Folder and Status methods end to end through the module's handlers,
-// on the real indexing library, shares, users and queue files. Every request
-// runs under a RequestGuard (descriptors, children, identity, lock).
+// on the real indexing library, shares, users and queue files.
 #include <gtest/gtest.h>
-#include <signal.h>
-#include <sys/stat.h>
 #include <unistd.h>
 
 #include <cstdlib>
 #include <string>
 
 #include "kest/klib.h"
-#include "kest/webapi.h"
 #include "kestondri/fileindex.h"
-#include "log_lines.h"
 #include "module/api_runner.h"
-#include "support/request_guard.h"
-#include "support/sandbox.h"
-#include "support/syslog_capture.h"
 #include "webapi/folder.h"
 #include "webapi/status.h"
 
@@ -34,16 +26,19 @@ KEST::APIResponse Request(const Login& login, const std::string& params) {
   return response;
 }
 
-std::string Names(const KEST::APIResponse& response) {
-  std::string names;
+// "<total>:<name>,<name>,..." of a folder list, or the error code.
+std::string List(const std::string& params) {
+  const auto response = Request<FolderListAPI>(kAnn, params);
+  if (response.IsError()) return "error " + std::to_string(response.GetErrorCode());
+  std::string names = std::to_string(response.GetData()["total"].asInt64()) + ":";
   for (const auto& f : response.GetData()["folders"]) names += f["name"].asString() + ",";
-  return std::to_string(response.GetData()["total"].asInt64()) + ":" + names;
+  return names;
 }
 
-class FolderAPITest : public ::testing::Test {
+class FolderStatusTest : public ModuleTest {
  protected:
   void SetUp() override {
-    system("rm -rf /var/packages/KestOndri /volume1/* /volume1/@kestondri /volume2/*");
+    (void)!system("rm -rf /var/packages/KestOndri /volume1/* /volume1/@kestondri /volume2/*");
     WriteSharesConf(
         "[photo]\npath = /volume1/photo\n[docs]\npath = /volume1/docs\n"
         "[music]\npath = /volume2/music\n");
@@ -51,69 +46,49 @@ class FolderAPITest : public ::testing::Test {
          {"/volume1/photo/a", "/volume1/photo/b", "/volume1/docs/c", "/volume2/music/d"}) {
       WriteFile(std::string(dir) + "/keep", "");
     }
-    SyslogCapture::Instance().Clear();
+    ModuleTest::SetUp();  // last: a clean log and errno
   }
-  void TearDown() override { BecomeRoot(); }
 
   void AddAsAnn(const std::string& folders) {
-    auto r = Request<FolderAddAPI>(kAnn, R"({"folder": )" + folders + "}");
-    ASSERT_TRUE(r.IsSuccess()) << r.GetErrorCode();
+    ASSERT_TRUE(Request<FolderAddAPI>(kAnn, R"({"folder": )" + folders + "}").IsSuccess());
+  }
+  std::string IndexWord() {
+    return Request<StatusGetAPI>(kAnn, "{}").GetData()["status"]["index"].asString();
   }
 };
 
-TEST_F(FolderAPITest, DeleteTakesPathBeforeOwnerAndNeedsOne) {
-  AddAsAnn(R"([{"path": "/volume1/photo/a"}, {"path": "/volume1/photo/b"}])");
-  auto both = Request<FolderDelAPI>(kAnn, R"({"path": ["/volume1/photo/a"], "owner": "ann"})");
-  EXPECT_TRUE(both.IsSuccess());
-  EXPECT_EQ("1:b,", Names(Request<FolderListAPI>(kAnn, "{}")));
-
-  auto none = Request<FolderDelAPI>(kAnn, R"({"owner": ""})");
-  EXPECT_EQ(120, none.GetErrorCode());
-  EXPECT_TRUE(SyslogCapture::Instance().WaitFor("Got exception: Need path or owner"));
-  EXPECT_EQ(120, Request<FolderDelAPI>(kAnn, "{}").GetErrorCode());
-  EXPECT_EQ("1:b,", Names(Request<FolderListAPI>(kAnn, "{}")));
-
-  EXPECT_TRUE(Request<FolderDelAPI>(kAnn, R"({"owner": "ann"})").IsSuccess());
-  EXPECT_EQ("0:", Names(Request<FolderListAPI>(kAnn, "{}")));
-}
-
-TEST_F(FolderAPITest, ListDefaultsAndSignExtension) {
-  AddAsAnn(R"([{"path": "/volume1/photo/a"}, {"path": "/volume1/photo/b"},
-               {"path": "/volume1/docs/c"}])");
-  // No limit: -1 reaches the library as "no limit"; no group: "all".
-  EXPECT_EQ("3:c,a,b,", Names(Request<FolderListAPI>(kAnn, "{}")));
-  EXPECT_EQ("3:a,", Names(Request<FolderListAPI>(kAnn, R"({"limit": 1, "offset": 1})")));
-  // A negative offset arrives huge: an empty page.
-  EXPECT_EQ("3:", Names(Request<FolderListAPI>(kAnn, R"({"offset": -1})")));
-  EXPECT_EQ("2:b,a,", Names(Request<FolderListAPI>(kAnn, R"({"sort_by": "name", "direction": "desc",
-                                               "group": "share:photo", "pattern": ""})")));
-  // Parameters of the wrong type read as absent in the class (the checker
-  // guards the type before it).
-  EXPECT_EQ("3:c,a,b,", Names(Request<FolderListAPI>(kAnn, R"({"limit": "2", "group": 5})")));
-  auto bad = Request<FolderListAPI>(kAnn, R"({"sort_by": "size"})");
-  EXPECT_EQ(120, bad.GetErrorCode());
-  EXPECT_TRUE(bad.GetErrorData().isNull());
-}
-
-TEST_F(FolderAPITest, AddAndSetNeverReplace) {
-  AddAsAnn(R"([{"path": "/volume1/photo/a", "name": "first", "audio": false}])");
+TEST_F(FolderStatusTest, FolderMethods) {
+  AddAsAnn(R"([{"path": "/volume1/photo/a", "name": "first", "audio": false},
+               {"path": "/volume1/photo/b"}, {"path": "/volume1/docs/c"}])");
+  // Adding and setting never replace: what set did not name stays.
   EXPECT_EQ(
       120,
       Request<FolderAddAPI>(kAnn, R"({"folder": [{"path": "/volume1/photo/a"}]})").GetErrorCode());
   EXPECT_TRUE(
       Request<FolderSetAPI>(kAnn, R"({"folder": [{"path": "/volume1/photo/a", "paused": true}]})")
           .IsSuccess());
-  auto get = Request<FolderGetAPI>(kAnn, R"({"path": "/volume1/photo/a"})");
-  ASSERT_TRUE(get.IsSuccess());
-  // Without replacing, what set did not name stays.
-  EXPECT_EQ("first", get.GetData()["name"].asString());
-  EXPECT_FALSE(get.GetData()["audio"].asBool());
-  EXPECT_TRUE(get.GetData()["paused"].asBool());
-  EXPECT_EQ("ann", get.GetData()["owner"].asString());
-}
+  const Json::Value got = Request<FolderGetAPI>(kAnn, R"({"path": "/volume1/photo/a"})").GetData();
+  EXPECT_EQ("first ann", got["name"].asString() + " " + got["owner"].asString());
+  EXPECT_FALSE(got["audio"].asBool());
+  EXPECT_TRUE(got["paused"].asBool());
 
-TEST_F(FolderAPITest, GroupsSummaryAndReindexPassThrough) {
-  AddAsAnn(R"([{"path": "/volume1/photo/a"}, {"path": "/volume1/docs/c"}])");
+  const struct {
+    const char* params;
+    const char* names;
+  } lists[] = {
+      // No limit: -1 reaches the library as "no limit"; no group: "all".
+      {"{}", "3:c,first,b,"},
+      {R"({"limit": 1, "offset": 1})", "3:first,"},
+      {R"({"offset": -1})", "3:"},  // arrives huge: an empty page
+      {R"({"sort_by": "name", "direction": "desc", "group": "share:photo", "pattern": ""})",
+       "2:first,b,"},
+      // Parameters of the wrong type read as absent (the checker guards the
+      // type before the class).
+      {R"({"limit": "2", "group": 5})", "3:c,first,b,"},
+      {R"({"sort_by": "size"})", "error 120"},
+  };
+  for (const auto& l : lists) EXPECT_EQ(l.names, List(l.params)) << l.params;
+
   Json::Value groups, summary;
   ASSERT_TRUE(ResetCredentialsByName("ann", true));
   kestondri::fileindex::FolderListGroups(groups);
@@ -123,7 +98,7 @@ TEST_F(FolderAPITest, GroupsSummaryAndReindexPassThrough) {
   EXPECT_EQ(summary, Request<FolderSummaryAPI>(kAnn, "{}").GetData());
 
   unlink("/volume1/@kestondri/queue/photo.queue");
-  auto reindex = Request<FolderReIndexAPI>(kAnn, R"({"path": ["/volume1/photo/a"]})");
+  const auto reindex = Request<FolderReIndexAPI>(kAnn, R"({"path": ["/volume1/photo/a"]})");
   EXPECT_TRUE(reindex.IsSuccess());
   EXPECT_TRUE(reindex.GetData().isNull());
   EXPECT_EQ("# kestondri queue 2\nreindex\t/volume1/photo/a\n",
@@ -131,29 +106,28 @@ TEST_F(FolderAPITest, GroupsSummaryAndReindexPassThrough) {
   // bob may read the folder but not reindex it.
   EXPECT_EQ(507,
             Request<FolderReIndexAPI>(kBob, R"({"path": ["/volume1/photo/a"]})").GetErrorCode());
+
+  // Delete takes the path before the owner and needs one of them.
+  EXPECT_TRUE(
+      Request<FolderDelAPI>(kAnn, R"({"path": ["/volume1/photo/a"], "owner": "ann"})").IsSuccess());
+  EXPECT_EQ("2:c,b,", List("{}"));
+  EXPECT_EQ(120, Request<FolderDelAPI>(kAnn, R"({"owner": ""})").GetErrorCode());
+  EXPECT_TRUE(SyslogCapture::Instance().WaitFor("Got exception: Need path or owner"));
+  EXPECT_EQ(120, Request<FolderDelAPI>(kAnn, "{}").GetErrorCode());
+  EXPECT_EQ("2:c,b,", List("{}"));
+  EXPECT_TRUE(Request<FolderDelAPI>(kAnn, R"({"owner": "ann"})").IsSuccess());
+  EXPECT_EQ("0:", List("{}"));
 }
 
-class StatusAPITest : public FolderAPITest {
- protected:
-  std::string IndexWord(const Login& login = kAnn) {
-    auto r = Request<StatusGetAPI>(login, "{}");
-    EXPECT_TRUE(r.IsSuccess());
-    return r.GetData()["status"]["index"].asString();
-  }
-  std::string TermWord() {
-    return Request<StatusGetAPI>(kAnn, "{}").GetData()["status"]["term"].asString();
-  }
-};
-
-TEST_F(StatusAPITest, IndexWordsOverQueuesAndThePauseRule) {
+TEST_F(FolderStatusTest, IndexWordOverQueuesAndThePauseRule) {
   EXPECT_EQ("finished", IndexWord());  // no indexed share at all
   AddAsAnn(R"([{"path": "/volume1/photo/a"}, {"path": "/volume2/music/d"}])");
   EXPECT_EQ("processing", IndexWord());
-
-  EXPECT_TRUE(Request<StatusPauseAPI>(kCarol, R"({"length": 0})").IsSuccess());
-  EXPECT_EQ("paused", IndexWord());  // 0: paused until resumed
-  EXPECT_TRUE(Request<StatusPauseAPI>(kCarol, R"({"length": 3600})").IsSuccess());
-  EXPECT_EQ("paused", IndexWord());
+  for (const char* length : {"0", "3600"}) {  // 0: paused until resumed
+    EXPECT_TRUE(
+        Request<StatusPauseAPI>(kCarol, std::string(R"({"length": )") + length + "}").IsSuccess());
+    EXPECT_EQ("paused", IndexWord());
+  }
   EXPECT_TRUE(Request<StatusPauseAPI>(kCarol, R"({"length": -20})").IsSuccess());
   EXPECT_EQ(0, kestondri::fileindex::StatusMgr().GetPauseInfo());
   EXPECT_EQ(507, Request<StatusResumeAPI>(kAnn, "{}").GetErrorCode());
@@ -167,12 +141,23 @@ TEST_F(StatusAPITest, IndexWordsOverQueuesAndThePauseRule) {
   unlink("/volume1/@kestondri/queue/photo.queue.tmp");
   EXPECT_EQ("finished", IndexWord());
 
-  // Nothing waiting: finished, even while paused.
-  EXPECT_TRUE(Request<StatusPauseAPI>(kCarol, R"({"length": 0})").IsSuccess());
+  // Nothing waiting: finished, even while paused. Without the checker the
+  // class reads an absent length as 0.
+  EXPECT_TRUE(Request<StatusPauseAPI>(kCarol, "{}").IsSuccess());
+  EXPECT_EQ(0, kestondri::fileindex::StatusMgr().GetPauseInfo());
   EXPECT_EQ("finished", IndexWord());
+
+  // The term word follows the updater's pid file (what its contents mean is
+  // the platform's pid file rule).
+  const auto term = [] {
+    return Request<StatusGetAPI>(kAnn, "{}").GetData()["status"]["term"].asString();
+  };
+  EXPECT_EQ("finished", term());
+  WriteFile("/var/packages/KestOndri/etc/updater.term.sugg.pid", std::to_string(getpid()) + "\n");
+  EXPECT_EQ("processing", term());
 }
 
-TEST_F(StatusAPITest, SharesThatCannotBeIndexedOrVanishedAreSkipped) {
+TEST_F(FolderStatusTest, SharesThatCannotBeIndexedOrVanishedAreSkipped) {
   AddAsAnn(R"([{"path": "/volume1/docs/c"}, {"path": "/volume1/photo/a"}])");
   // docs turns read-only: its queue no longer counts.
   WriteSharesConf(
@@ -186,22 +171,8 @@ TEST_F(StatusAPITest, SharesThatCannotBeIndexedOrVanishedAreSkipped) {
   EXPECT_EQ("processing", IndexWord());
   const auto lines = SyslogCapture::Instance().Matching("Failed to get status from share[docs]");
   ASSERT_EQ(1u, lines.size());
-  EXPECT_NE(std::string::npos, lines[0].text.find("status.cc:"));
+  EXPECT_NE(std::string::npos, lines[0].text.find("status.cc:43 ("));
   EXPECT_NE(std::string::npos, lines[0].text.find("(IsIndexProcessing) Failed to get status"));
-}
-
-TEST_F(StatusAPITest, TermWordFollowsTheUpdaterPidFile) {
-  const std::string pid_file = "/var/packages/KestOndri/etc/updater.term.sugg.pid";
-  EXPECT_EQ("finished", TermWord());
-  // What the file's contents mean is the platform's pid file rule.
-  WriteFile(pid_file, std::to_string(getpid()) + "\n");
-  EXPECT_EQ("processing", TermWord());
-}
-
-TEST_F(StatusAPITest, PauseNeedsAnInteger) {
-  // Without the checker the class reads an absent length as 0.
-  EXPECT_TRUE(Request<StatusPauseAPI>(kCarol, "{}").IsSuccess());
-  EXPECT_EQ(0, kestondri::fileindex::StatusMgr().GetPauseInfo());
 }
 
 }  // namespace

@@ -30,17 +30,14 @@
 namespace kestondri {
 namespace {
 
-using kesttest::WriteSharesConf;
-
 using kesttest::PlatformDouble;
 using kesttest::Thrown;
+using kesttest::WriteSharesConf;
 
-std::string Rwx(int bits) {
-  std::string s = "---";
-  if (bits & 4) s[0] = 'r';
-  if (bits & 2) s[1] = 'w';
-  if (bits & 1) s[2] = 'x';
-  return s;
+// The ACL text of a permission word's low three bits.
+std::string Rwx(unsigned bits) {
+  static const char* const kTexts[] = {"---", "--x", "-w-", "-wx", "r--", "r-x", "rw-", "rwx"};
+  return kTexts[bits & 7];
 }
 
 class PermissionModelTest : public ::testing::Test {
@@ -190,60 +187,49 @@ TEST_F(PermissionModelTest, ChecksMatchTheModel) {
   }
 }
 
-class FilePermissionTest : public PermissionModelTest {
- protected:
-  void SetUp() override {
-    WriteSharesConf(
-        "[global]\nuser home = yes\n[photo]\npath = /volume1/photo\nftp disable download = yes\n"
-        "[docs]\npath = /volume1/docs\n[homes]\npath = /volume1/homes\n");
-    kesttest::WriteFile("/volume1/photo/a.jpg", "x");
-    kesttest::WriteFile("/volume1/docs/a.txt", "x");
-    PlatformDouble::Reset();
-  }
-};
-
-TEST_F(FilePermissionTest, SharesAndPathWordsAreAskedOnce) {
+// The share and the permission words are asked once per object; the FTP
+// flags answer before any word is asked; paths and lookups that fail throw,
+// never answer false.
+TEST_F(PermissionModelTest, AskedOnceAndFailures) {
+  WriteSharesConf(
+      "[global]\nuser home = yes\n[photo]\npath = /volume1/photo\nftp disable download = yes\n"
+      "[docs]\npath = /volume1/docs\n[homes]\npath = /volume1/homes\n");
+  kesttest::WriteFile("/volume1/photo/a.jpg", "x");
+  kesttest::WriteFile("/volume1/docs/a.txt", "x");
+  PlatformDouble::Reset();
   FilePermission permission(kesttest::kAnnUid);
   EXPECT_TRUE(permission.CheckRead("/volume1/docs/a.txt"));
   EXPECT_TRUE(permission.CheckRead("/volume1/docs/a.txt"));
   EXPECT_TRUE(permission.CheckList("/volume1/docs/a.txt"));
   EXPECT_EQ(1, PlatformDouble::Calls("KESTShareGet"));
-  // The path's own word once, the parent's once.
-  EXPECT_EQ(2, PlatformDouble::Calls("KESTACLPermCalc"));
-  EXPECT_EQ(permission.GetShare("docs"), permission.GetShare("docs"));
-}
-
-TEST_F(FilePermissionTest, FtpDownloadFlagStopsReadingBeforeAnyAclQuery) {
-  FilePermission permission(kesttest::kAnnUid);
+  EXPECT_EQ(2, PlatformDouble::Calls("KESTACLPermCalc")) << "the path's word, the parent's";
   EXPECT_FALSE(permission.CheckRead("/volume1/photo/a.jpg"));
-  EXPECT_EQ(0, PlatformDouble::Calls("KESTACLPermCalc"));
+  EXPECT_EQ(2, PlatformDouble::Calls("KESTACLPermCalc"));
   EXPECT_TRUE(permission.CheckList("/volume1/photo/a.jpg"));
-}
 
-TEST_F(FilePermissionTest, MalformedPathsAndFailures) {
-  FilePermission permission(kesttest::kAnnUid);
+  kesttest::SyslogCapture::Instance().Clear();
   EXPECT_EQ("502 Malformed path: /volume1",
             Thrown<Error>([&] { permission.CheckRead("/volume1"); }));
-  EXPECT_TRUE(kesttest::SyslogCapture::Instance().WaitFor(
-      "permission.cc:16 (" + std::to_string(getpid()) +
-      ", 0) (ExtractShareName) Failed [string::npos == slash_pos1], reason: Malformed path: "
-      "/volume1"));
-  // /volume1/docs names share "docs" (its parent is the volume).
-  EXPECT_NO_THROW(permission.CheckRead("/volume1/docs"));
+  EXPECT_NO_THROW(permission.CheckRead("/volume1/docs"));  // share "docs"
   EXPECT_EQ("800 nosuchshare",
             Thrown<Error>([&] { permission.CheckRead("/volume1/nosuchshare/x"); }));
-  // A missing file: the ACL query fails and the check throws, never false.
+  // A missing file: the word cannot be asked.
   EXPECT_EQ("502 KESTACLPermCalc failed, user: ann, path: /volume1/docs/none",
             Thrown<Error>([&] { permission.CheckRead("/volume1/docs/none"); }));
-  EXPECT_TRUE(kesttest::SyslogCapture::Instance().WaitFor("permission.cc:117 ("));
-}
-
-TEST_F(FilePermissionTest, ConstructionFailures) {
-  EXPECT_EQ("801", Thrown<Error>([] { FilePermission permission(54321); }).substr(0, 3));
+  EXPECT_EQ("801", Thrown<Error>([] { FilePermission unknown(54321); }).substr(0, 3));
   PlatformDouble::FailNext("KLIBGroupInfoListGet");
   EXPECT_EQ("502 KLIBGroupInfoListGet failed, user: bob",
-            Thrown<Error>([] { FilePermission permission(kesttest::kBobUid); }));
-  EXPECT_TRUE(kesttest::SyslogCapture::Instance().WaitFor("permission.cc:29 ("));
+            Thrown<Error>([] { FilePermission bob(kesttest::kBobUid); }));
+  const std::string pid = std::to_string(getpid());
+  for (const std::string& site :
+       std::vector<std::string>{"permission.cc:16 (" + pid +
+                                    ", 0) (ExtractShareName) Failed [string::npos == slash_pos1], "
+                                    "reason: Malformed path: "
+                                    "/volume1",
+                                "permission.cc:117 (" + pid + ", 0) (GetPathACL) Failed [",
+                                "permission.cc:29 (" + pid + ", 0) (FilePermission) Failed ["}) {
+    EXPECT_TRUE(kesttest::SyslogCapture::Instance().WaitFor(site)) << site;
+  }
 }
 
 }  // namespace

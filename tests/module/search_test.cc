@@ -1,15 +1,14 @@
-// The search method end to end: real shares and users, a scripted daemon on
-// the real socket, real tracking files, processes and history database.
-#include <arpa/inet.h>
+// The three methods the search daemon answers (search, highlight, indicate)
+// end to end: real shares, users, processes, tracking files and history
+// database, and a scripted daemon on the real socket.
 #include <gtest/gtest.h>
 #include <signal.h>
-#include <sys/socket.h>
-#include <sys/stat.h>
-#include <sys/un.h>
+#include <sys/prctl.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 #include <cstring>
+#include <functional>
 #include <string>
 #include <vector>
 
@@ -18,35 +17,20 @@
 #include "kestondri/db.h"
 #include "kestondri/pref.h"
 #include "module/api_runner.h"
-#include "module/indexed_shares.h"
-#include "support/fake_daemon.h"
-#include "support/sandbox.h"
-#include "support/syslog_capture.h"
+#include "webapi/highlight.h"
+#include "webapi/indicate.h"
 #include "webapi/search.h"
 
 namespace kesttest {
 namespace {
 
+using kestondri::webapi::HighlightAPI;
+using kestondri::webapi::IndicateAPI;
 using kestondri::webapi::SearchAPI;
 
 std::string TrackingFile(const std::string& id) { return "/tmp/vyr_query_" + id + ".pid"; }
 
-// A search request with every parameter given.
-Json::Value FullParams() {
-  return ParseJson(R"({
-    "indice": ["docs", "private", "nosuch", "homes"],
-    "from": 10, "size": 20, "query_serial": 3,
-    "fields": ["KESTMDPath", "KESTMDFSName"],
-    "file_type": "document",
-    "highlight": [{"field": "KESTMDTextContent", "frag_length": 80, "num_fragments": 2}],
-    "keyword": "kw*", "orig_keyword": "kw",
-    "criteria_list": [{"field": "KESTMDExtension", "value": "pdf"}],
-    "search_weight_list": [{"field": "KESTMDFSName", "weight": 2.5}],
-    "agent": "desktop"
-  })");
-}
-
-// The smallest request the method accepts, searching `shares`.
+// The smallest search request the method accepts, over `shares`.
 Json::Value Params(const std::vector<std::string>& shares, const std::string& query_id = "",
                    int serial = 0) {
   Json::Value params = ParseJson(R"({"from": 0, "size": 10, "fields": [], "file_type": ""})");
@@ -57,9 +41,29 @@ Json::Value Params(const std::vector<std::string>& shares, const std::string& qu
   return params;
 }
 
-DaemonReply Hits(const std::vector<std::string>& messages) {
+Json::Value HighlightParams(const std::string& path) {
+  Json::Value params = ParseJson(R"({"doc_id": 17, "keyword": "kw",
+      "highlight": {"field": "KESTMDTextContent", "frag_length": 100, "num_fragments": 3,
+                    "extra": "kept"}})");
+  params["full_path"] = path;
+  return params;
+}
+
+Json::Value IndicateParams(const std::string& file_types) {
+  Json::Value params = ParseJson(R"({"keyword": "kw",
+      "criteria_list": [{"field": "KESTMDExtension", "value": "pdf"}],
+      "search_weight_list": [{"field": "KESTMDFSName", "weight": 1.5}]})");
+  params["file_type"] = ParseJson(file_types);
+  return params;
+}
+
+// One framed message per '|'-separated part of `messages`.
+DaemonReply Hits(const std::string& messages) {
   DaemonReply reply;
-  for (const auto& m : messages) reply.Text(m);
+  for (size_t at = 0, end = 0; end != std::string::npos; at = end + 1) {
+    end = messages.find('|', at);
+    reply.Text(messages.substr(at, end - at));
+  }
   return reply;
 }
 
@@ -69,298 +73,264 @@ DaemonReply StatusReply() {
           "crashed": ["fileindex_c", "fileindex_a"]}})");
 }
 
-class SearchTest : public ::testing::Test {
+// Scripts one search: its hits (by default none) and the status exchange.
+void ScriptSearch(FakeDaemon& daemon, const std::string& hits = R"({"success": true})") {
+  daemon.On("search", Hits(hits));
+  daemon.On("list_db_status", StatusReply());
+}
+
+class DaemonMethodsTest : public ModuleTest {
  protected:
   void SetUp() override {
-    BecomeRoot();
     MakeSearchShares();
-    system("rm -f /tmp/vyr_query_*");
-    SyslogCapture::Instance().Clear();
+    IndexShares({"docs", "homes", "private"});
+    (void)!system("rm -f /tmp/vyr_query_*");
+    ModuleTest::SetUp();  // last: a clean log and errno
   }
   void TearDown() override {
-    BecomeRoot();
-    ReapChildren();
-    unlink("/var/run/kestelasticd.sock");
-  }
-
-  // Runs a search as `login` against the scripted daemon.
-  KEST::APIResponse Search(const Login& login, const Json::Value& params) {
-    return RunAPI<SearchAPI>(login, params);
+    ModuleTest::TearDown();
+    unlink(FakeDaemon::kSocketPath);
   }
 };
 
-TEST_F(SearchTest, DaemonRequestIsBuiltMemberByMember) {
-  const char* kCommon = R"(
-      "pre_query": {"keyword": "kw*",
-                    "criteria_list": [{"field": "KESTMDExtension", "value": "pdf"}],
-                    "file_type": "document",
-                    "search_weight_list": [{"field": "KESTMDFSName", "weight": 2.5}]},
-      "orig_keyword": "kw", "from": 10, "size": 20,
+TEST_F(DaemonMethodsTest, SearchRequestAsSent) {
+  const Json::Value full = ParseJson(R"({
+    "indice": ["docs", "private", "nosuch", "homes"],
+    "from": 10, "size": 20, "query_serial": 3,
+    "fields": ["KESTMDPath", "KESTMDFSName"], "file_type": "document",
+    "highlight": [{"field": "KESTMDTextContent", "frag_length": 80, "num_fragments": 2}],
+    "keyword": "kw*", "orig_keyword": "kw",
+    "criteria_list": [{"field": "KESTMDExtension", "value": "pdf"}],
+    "search_weight_list": [{"field": "KESTMDFSName", "weight": 2.5}], "agent": "desktop"})");
+  const std::string fixed = R"(
       "default_search_op": "AND", "accurate_sum": false,
       "load_field": ["KESTMDPath", "KESTMDFSName", "KESTMDExtension", "KESTMDIsDir",
                      "KESTMDFSSize"],
-      "lazy_field": ["KESTMDTextContent"],
-      "highlight": [{"field": "KESTMDTextContent", "frag_length": 80, "num_fragments": 2}],
-      "fields": ["KESTMDPath", "KESTMDFSName"])";
-  struct Case {
+      "lazy_field": ["KESTMDTextContent"], )";
+  const std::string from_full = fixed + R"(
+      "pre_query": {"keyword": "kw*", "file_type": "document",
+                    "criteria_list": [{"field": "KESTMDExtension", "value": "pdf"}],
+                    "search_weight_list": [{"field": "KESTMDFSName", "weight": 2.5}]},
+      "orig_keyword": "kw", "from": 10, "size": 20, "fields": ["KESTMDPath", "KESTMDFSName"],
+      "highlight": [{"field": "KESTMDTextContent", "frag_length": 80, "num_fragments": 2}], )";
+  const struct {
     Login login;
+    Json::Value params;
     std::string data;
   } cases[] = {
       // An administrator searches every share that exists, with no filter.
-      {kCarol, std::string("{") + kCommon + R"(,
+      {kCarol, full, "{" + from_full + R"(
          "indice": ["fileindex_docs", "fileindex_private", "fileindex_homes"],
          "collector": {"agent": "desktop", "uid": 2003, "has_criteria": true}})"},
       // Another user loses the share closed to them and carries the filter.
-      {kAnn, std::string("{") + kCommon + R"(,
+      {kAnn, full, "{" + from_full + R"(
          "filters": [{"name": "permission", "data": 2001}],
          "indice": ["fileindex_docs", "fileindex_homes"],
          "collector": {"agent": "desktop", "uid": 2001, "has_criteria": true}})"},
+      // The defaults of what is optional.
+      {kAnn, Params({"docs"}), "{" + fixed + R"(
+         "pre_query": {"keyword": "", "file_type": "", "criteria_list": [],
+                       "search_weight_list": null},
+         "orig_keyword": "", "from": 0, "size": 10, "fields": [],
+         "filters": [{"name": "permission", "data": 2001}], "indice": ["fileindex_docs"],
+         "collector": {"agent": "others", "uid": 2001, "has_criteria": false}})"},
   };
   for (const auto& c : cases) {
     FakeDaemon daemon;
-    daemon.On("search", Hits({R"({"total": 0})", R"({"success": true})"}));
-    daemon.On("list_db_status", StatusReply());
-    const auto response = Search(c.login, FullParams());
+    ScriptSearch(daemon);
+    const auto response = RunAPI<SearchAPI>(c.login, c.params);
     ASSERT_TRUE(response.IsSuccess()) << c.login.name << " " << response.GetErrorCode();
-    const auto requests = daemon.Requests("search");
-    ASSERT_EQ(1u, requests.size());
-    Json::Value expected;
-    expected["command"] = "search";
-    expected["data"] = ParseJson(c.data);
-    EXPECT_EQ(expected, requests[0]) << c.login.name << "\n" << requests[0].toStyledString();
-    const auto status = daemon.Requests("list_db_status");
-    ASSERT_EQ(1u, status.size());
-    EXPECT_EQ(ParseJson(R"({"command": "list_db_status", "data": {}})"), status[0]);
+    ASSERT_EQ(1u, daemon.Requests("search").size());
+    EXPECT_EQ(ParseJson(R"({"command": "search", "data": )" + c.data + "}"),
+              daemon.Requests("search")[0])
+        << c.login.name << "\n"
+        << daemon.Requests("search")[0].toStyledString();
+    EXPECT_EQ(std::vector<Json::Value>{ParseJson(R"({"command": "list_db_status", "data": {}})")},
+              daemon.Requests("list_db_status"));
+    EXPECT_EQ(-1, access(TrackingFile("").c_str(), F_OK)) << "untracked: no file";
   }
 }
 
-TEST_F(SearchTest, HomesIsSearchedForEveryUserWithoutAPrivilegeCheck) {
-  FakeDaemon daemon;
-  daemon.On("search", Hits({R"({"success": true})"}));
-  daemon.On("list_db_status", StatusReply());
-  // dave is refused by the homes share itself, and by docs.
-  ASSERT_TRUE(Search(kDave, Params({"docs", "homes"})).IsSuccess());
-  EXPECT_EQ(ParseJson(R"(["fileindex_homes"])"), daemon.Requests("search").at(0)["data"]["indice"]);
-}
-
-TEST_F(SearchTest, NoShareNamedSearchesEveryIndexedShareInNameOrder) {
+// The shares named (none: every indexed share, in name order), less those
+// closed to the user; "homes" is searched without a privilege check. With
+// none left the answer is empty and the daemon is not asked.
+TEST_F(DaemonMethodsTest, SearchedShares) {
   IndexShares({"private", "homes", "docs"});
-  struct Case {
+  const struct {
     Login login;
-    const char* indice;
+    const char* shares;  // null: no "indice" at all
+    const char* indice;  // null: nothing to search
   } cases[] = {
-      {kCarol, R"(["fileindex_docs", "fileindex_homes", "fileindex_private"])"},
-      {kAnn, R"(["fileindex_docs", "fileindex_homes"])"},
+      {kCarol, nullptr, R"(["fileindex_docs", "fileindex_homes", "fileindex_private"])"},
+      {kCarol, "[]", R"(["fileindex_docs", "fileindex_homes", "fileindex_private"])"},
+      {kAnn, nullptr, R"(["fileindex_docs", "fileindex_homes"])"},
+      {kAnn, "[]", R"(["fileindex_docs", "fileindex_homes"])"},
+      {kDave, R"(["docs", "homes"])", R"(["fileindex_homes"])"},
+      {kDave, R"(["docs", "private"])", nullptr},
+      {kCarol, R"(["nosuch", "gone"])", nullptr},
   };
   for (const auto& c : cases) {
-    for (const bool absent : {true, false}) {
-      FakeDaemon daemon;
-      daemon.On("search", Hits({R"({"success": true})"}));
-      daemon.On("list_db_status", StatusReply());
-      Json::Value params = Params({});
-      if (absent) params.removeMember("indice");
-      ASSERT_TRUE(Search(c.login, params).IsSuccess()) << c.login.name;
-      EXPECT_EQ(ParseJson(c.indice), daemon.Requests("search").at(0)["data"]["indice"])
-          << c.login.name << (absent ? " without indice" : " with an empty indice");
+    const std::string what = std::string(c.login.name) + " " + (c.shares ? c.shares : "none");
+    FakeDaemon daemon;
+    ScriptSearch(daemon);
+    Json::Value params = Params({}, "q-shares", 4);
+    if (c.shares) {
+      params["indice"] = ParseJson(c.shares);
+    } else {
+      params.removeMember("indice");
+    }
+    const auto response = RunAPI<SearchAPI>(c.login, params);
+    ASSERT_TRUE(response.IsSuccess()) << what;
+    EXPECT_EQ(-1, access(TrackingFile("q-shares").c_str(), F_OK)) << what;
+    if (c.indice) {
+      EXPECT_EQ(ParseJson(c.indice), daemon.Requests("search").at(0)["data"]["indice"]) << what;
+    } else {
+      EXPECT_EQ(ParseJson(R"({"hits": [], "total": 0, "unavail": []})"), response.GetData())
+          << what;
+      EXPECT_EQ(0, daemon.Connections()) << what;
     }
   }
-  IndexShares({});
 }
 
-TEST_F(SearchTest, DefaultsOfOptionalParameters) {
-  FakeDaemon daemon;
-  daemon.On("search", Hits({R"({"success": true})"}));
-  daemon.On("list_db_status", StatusReply());
-  ASSERT_TRUE(Search(kAnn, Params({"docs"})).IsSuccess());
-  const auto data = daemon.Requests("search").at(0)["data"];
-  EXPECT_EQ("others", data["collector"]["agent"].asString());
-  EXPECT_FALSE(data["collector"]["has_criteria"].asBool());
-  EXPECT_FALSE(data.isMember("highlight"));
-  EXPECT_EQ(Json::Value(Json::arrayValue), data["pre_query"]["criteria_list"]);
-  EXPECT_TRUE(data["pre_query"]["search_weight_list"].isNull());
-  EXPECT_EQ("", data["pre_query"]["keyword"].asString());
-  EXPECT_EQ("", data["orig_keyword"].asString());
-  EXPECT_EQ(-1, access(TrackingFile("").c_str(), F_OK)) << "untracked: no file";
-}
-
-TEST_F(SearchTest, ReplyStreamRules) {
-  struct Case {
+// The daemon's reply stream: counts, hits, the closing status; then the
+// status exchange. What breaks either costs an error code, and the failed
+// check is logged.
+TEST_F(DaemonMethodsTest, SearchReplies) {
+  const struct {
     const char* what;
-    std::vector<std::string> messages;
-    Json::Value total;
-    std::vector<std::string> hit_names;
+    const char* search;  // the messages, '|'-separated; "": closed at once
+    const char* status;  // null: the usual reply; "": closed at once
+    const char* answer;  // "<total>:<hit names>", or the error code
+    const char* check;   // the failed check logged, or ""
   } cases[] = {
       {"count, hits, end",
-       {R"({"total": 2})", R"({"KESTMDFSName": "a"})", R"({"KESTMDFSName": "b"})",
-        R"({"success": true})"},
-       2,
-       {"a", "b"}},
+       R"({"total": 2}|{"KESTMDFSName": "a"}|{"KESTMDFSName": "b"}|{"success": true})", nullptr,
+       "2:a,b,", ""},
       {"the later count wins",
-       {R"({"total": 5})", R"({"KESTMDFSName": "a"})", R"({"total": 7})", R"({"success": true})"},
-       7,
-       {"a"}},
+       R"({"total": 5}|{"KESTMDFSName": "a"}|{"total": 7}|{"success": true})", nullptr, "7:a,", ""},
       {"a hit holding total is a count",
-       {R"({"KESTMDFSName": "a"})", R"({"KESTMDFSName": "b", "total": 9})", R"({"success": true})"},
-       9,
-       {"a"}},
+       R"({"KESTMDFSName": "a"}|{"KESTMDFSName": "b", "total": 9}|{"success": true})", nullptr,
+       "9:a,", ""},
       {"a count holding success is still a count",
-       {R"({"total": 1, "success": false})", R"({"KESTMDFSName": "a"})", R"({"success": true})"},
-       1,
-       {"a"}},
-      {"no count at all",
-       {R"({"KESTMDFSName": "a"})", R"({"success": true})"},
-       Json::Value(),
-       {"a"}},
-      {"nothing but the end", {R"({"success": true})"}, Json::Value(), {}},
-  };
-  for (const auto& c : cases) {
-    FakeDaemon daemon;
-    daemon.On("search", Hits(c.messages));
-    daemon.On("list_db_status", StatusReply());
-    const auto response = Search(kCarol, Params({"docs"}));
-    ASSERT_TRUE(response.IsSuccess()) << c.what;
-    const auto& out = response.GetData();
-    EXPECT_EQ(c.total, out["total"]) << c.what;
-    ASSERT_EQ(c.hit_names.size(), out["hits"].size()) << c.what;
-    for (Json::ArrayIndex i = 0; i < out["hits"].size(); ++i) {
-      EXPECT_EQ(c.hit_names[i], out["hits"][i]["KESTMDFSName"].asString()) << c.what;
-    }
-    EXPECT_EQ(ParseJson(R"(["fileindex_a", "fileindex_b", "fileindex_c", "fileindex_a"])"),
-              out["unavail"])
-        << c.what;
-  }
-}
-
-TEST_F(SearchTest, DaemonTroubleCostsAnErrorCode) {
-  const std::string over_cap = [] {
-    const uint32_t n = htonl((64u << 20) + 1);
-    return std::string(reinterpret_cast<const char*>(&n), 4);
-  }();
-  struct Case {
-    const char* what;
-    DaemonReply search;
-    DaemonReply status;
-    int code;
-    const char* check;  // the failed check logged, or ""
-  } cases[] = {
-      {"closed before replying", DaemonReply().Close(), StatusReply(), 121, "!conn.Recv(str_resp)"},
-      {"closed in mid stream", Hits({R"({"total": 1})", R"({"KESTMDFSName": "a"})"}), StatusReply(),
-       121, "!conn.Recv(str_resp)"},
-      {"text that is not JSON", Hits({R"({"total": 1})", "{\"KESTMDFSName\": "}), StatusReply(),
-       121, "!js_resp.fromString(str_resp)"},
-      {"a length that lies", DaemonReply().Header(500).Raw("{}").Close(), StatusReply(), 121,
+       R"({"total": 1, "success": false}|{"KESTMDFSName": "a"}|{"success": true})", nullptr, "1:a,",
+       ""},
+      {"no count at all", R"({"KESTMDFSName": "a"}|{"success": true})", nullptr, "null:a,", ""},
+      {"nothing but the end", R"({"success": true})", nullptr, "null:", ""},
+      {"closed before replying", "", nullptr, "121", "!conn.Recv(str_resp)"},
+      {"closed in mid stream", R"({"total": 1}|{"KESTMDFSName": "a"})", nullptr, "121",
        "!conn.Recv(str_resp)"},
-      {"a length over the cap", DaemonReply().Raw(over_cap + "{}"), StatusReply(), 121,
-       "!conn.Recv(str_resp)"},
-      {"a hit that is no object", Hits({"[1, 2]", R"({"success": true})"}), StatusReply(), 121,
+      {"text that is not JSON", R"({"total": 1}|{"KESTMDFSName": )", nullptr, "121",
        "!js_resp.fromString(str_resp)"},
-      {"a count that is no number", Hits({R"({"total": "many"})", R"({"success": true})"}),
-       StatusReply(), 121, ""},
-      {"the daemon's own code", DaemonReply::Failure(4242, "index busy"), StatusReply(), 4242, ""},
-      {"a failure without a code", Hits({R"({"success": false, "error": {"msg": "x"}})"}),
-       StatusReply(), 120, ""},
-      {"a failure without error", Hits({R"({"success": false})"}), StatusReply(), 120, ""},
-      {"status that is not JSON", Hits({R"({"success": true})"}), DaemonReply().Text("oops"), 121,
+      {"a hit that is no object", R"([1, 2]|{"success": true})", nullptr, "121",
+       "!js_resp.fromString(str_resp)"},
+      {"a count that is no number", R"({"total": "many"}|{"success": true})", nullptr, "121", ""},
+      {"the daemon's own code", R"({"success": false, "error": {"code": 4242, "msg": "busy"}})",
+       nullptr, "4242", ""},
+      {"a failure without a code", R"({"success": false, "error": {"msg": "x"}})", nullptr, "120",
+       ""},
+      {"a failure without error", R"({"success": false})", nullptr, "120", ""},
+      {"status that is not JSON", R"({"success": true})", "oops", "121",
        "!res.fromString(str_res)"},
-      {"status closed early", Hits({R"({"success": true})"}), DaemonReply().Close(), 121,
-       "!conn.Recv(str_res)"},
+      {"status that is no object", R"({"success": true})", "[1]", "121",
+       "!res.fromString(str_res)"},
+      {"status closed early", R"({"success": true})", "", "121", "!conn.Recv(str_res)"},
   };
   for (auto& c : cases) {
     SyslogCapture::Instance().Clear();
     FakeDaemon daemon;
-    daemon.On("search", c.search);
-    daemon.On("list_db_status", c.status);
-    const auto response = Search(kAnn, Params({"docs"}));
-    EXPECT_TRUE(response.IsError()) << c.what;
-    EXPECT_EQ(c.code, response.GetErrorCode()) << c.what;
-    EXPECT_TRUE(response.GetErrorData().isNull()) << c.what;
+    daemon.On("search", *c.search ? Hits(c.search) : DaemonReply().Close());
+    daemon.On("list_db_status", !c.status   ? StatusReply()
+                                : *c.status ? DaemonReply().Text(c.status)
+                                            : DaemonReply().Close());
+    const auto response = RunAPI<SearchAPI>(kAnn, Params({"docs"}));
+    const Json::Value& out = response.GetData();
+    std::string answer = std::to_string(response.GetErrorCode());
+    if (response.IsSuccess()) {
+      answer = Json::toString(out["total"]) + ":";
+      for (const auto& hit : out["hits"]) answer += hit["KESTMDFSName"].asString() + ",";
+      EXPECT_EQ(ParseJson(R"(["fileindex_a", "fileindex_b", "fileindex_c", "fileindex_a"])"),
+                out["unavail"]);
+    }
+    EXPECT_EQ(c.answer, answer) << c.what;
     if (*c.check) {
       EXPECT_TRUE(SyslogCapture::Instance().WaitFor(std::string("Failed [") + c.check +
                                                     "], reason: KestOndri error, code=121"))
           << c.what;
     }
   }
-}
 
-TEST_F(SearchTest, MalformedQueryReportsTheRequestInsteadOfTheDaemonText) {
+  // A malformed query is reported with the request instead of the daemon's
+  // text.
+  SyslogCapture::Instance().Clear();
   FakeDaemon daemon;
   daemon.On("search", DaemonReply::Failure(1001, "parse error near x"));
-  const auto response = Search(kAnn, Params({"docs"}));
-  EXPECT_EQ(1001, response.GetErrorCode());
+  EXPECT_EQ(1001, RunAPI<SearchAPI>(kAnn, Params({"docs"})).GetErrorCode());
   ASSERT_EQ(1u, daemon.RawRequests().size());
-  const std::string expected =
-      "Got exception: Unable to perform search, msg=" + std::string("Malformed search query: ") +
-      daemon.RawRequests()[0];
-  ASSERT_TRUE(SyslogCapture::Instance().WaitFor(expected));
+  EXPECT_TRUE(SyslogCapture::Instance().WaitFor(
+      "Got exception: Unable to perform search, msg=Malformed search query: " +
+      daemon.RawRequests()[0]));
   EXPECT_TRUE(SyslogCapture::Instance().Matching("parse error near x").empty());
 }
 
-TEST_F(SearchTest, SocketThatNobodyListensOnIs605) {
-  BindDeadSocket(FakeDaemon::kSocketPath);
-  EXPECT_EQ(605, Search(kAnn, Params({"docs"})).GetErrorCode());
-  EXPECT_TRUE(SyslogCapture::Instance().WaitFor(
-      "(Search) Failed [!conn.Connect(kElasticdConnectTimeout)], reason: KestOndri error, "
-      "code=605"));
-}
-
-TEST_F(SearchTest, NoShareToSearchAnswersEmptyWithoutTheDaemon) {
-  FakeDaemon daemon;
-  struct Case {
-    const char* what;
-    Login login;
-    std::vector<std::string> shares;
+// Without a daemon on the socket: a socket file nobody listens on, or none
+// at all (the search step then has nothing to ask, but the status step
+// fails; indicate answers zeros, once per file type).
+TEST_F(DaemonMethodsTest, NoDaemon) {
+  const std::string unreachable =
+      "Failed [!conn.Connect(kElasticdConnectTimeout)], reason: KestOndri "
+      "error, code=605";
+  const struct {
+    bool dead_socket;
+    std::function<KEST::APIResponse()> run;
+    std::string answer;  // the wire form
+    std::string log;
   } cases[] = {
-      {"every share closed to the user", kDave, {"docs", "private"}},
-      {"shares that do not exist", kCarol, {"nosuch", "gone"}},
+      {true, [] { return RunAPI<SearchAPI>(kAnn, Params({"docs"})); },
+       R"({"error":{"code":605},"success":false})", "(Search) " + unreachable},
+      {false, [] { return RunAPI<SearchAPI>(kAnn, Params({"docs"})); },
+       R"({"error":{"code":605},"success":false})", "(GetUnavailDB) " + unreachable},
+      {false, [] { return RunAPI<HighlightAPI>(kAnn, HighlightParams("/volume1/docs/open.txt")); },
+       R"({"error":{"code":605},"success":false})", "Cannot connect to kestelastic daemon"},
+      {true, [] { return RunAPI<IndicateAPI>(kAnn, IndicateParams(R"(["document"])")); },
+       R"({"error":{"code":605},"success":false})", "Cannot connect to kestelastic daemon"},
+      {false,
+       [] {
+         return RunAPI<IndicateAPI>(kAnn, IndicateParams(R"(["document", "image", "document"])"));
+       },
+       R"({"data":{"document":0,"image":0},"success":true})", ""},
+      {false, [] { return RunAPI<IndicateAPI>(kAnn, IndicateParams("[]")); },
+       R"({"data":{},"success":true})", ""},
   };
   for (const auto& c : cases) {
-    const auto response = Search(c.login, Params(c.shares, "q-empty", 4));
-    ASSERT_TRUE(response.IsSuccess()) << c.what;
-    EXPECT_EQ(ParseJson(R"({"hits": [], "total": 0, "unavail": []})"), response.GetData())
-        << c.what;
-    EXPECT_EQ(-1, access(TrackingFile("q-empty").c_str(), F_OK)) << c.what;
+    SyslogCapture::Instance().Clear();
+    unlink(FakeDaemon::kSocketPath);
+    if (c.dead_socket) BindDeadSocket(FakeDaemon::kSocketPath);
+    EXPECT_EQ(c.answer, Json::toString(c.run().ToJson())) << c.log;
+    if (!c.log.empty()) {
+      EXPECT_TRUE(SyslogCapture::Instance().WaitFor(c.log)) << c.log;
+    }
   }
-  EXPECT_EQ(0, daemon.Connections());
 }
 
-// Reaches the protected steps of the method.
-class SearchProbe : public SearchAPI {
- public:
-  using SearchAPI::SearchAPI;
-  Json::Value RunSearch() { return Search(); }
-};
-
-TEST_F(SearchTest, WithoutASocketTheSearchStepIsEmptyButTheStatusStepFails) {
-  KEST::APIRequest request(Params({"docs"}), kAnnUid, "ann", "s", false);
-  KEST::APIResponse response;
-  {
-    SearchProbe probe(&request, &response);
-    EXPECT_EQ(ParseJson(R"({"hits": [], "total": 0})"), probe.RunSearch());
-  }
-  BecomeRoot();
-  // The whole method still asks for the index status, which needs the daemon.
-  EXPECT_EQ(605, Search(kAnn, Params({"docs"})).GetErrorCode());
-}
-
-TEST_F(SearchTest, HitsGainSharePathReadabilityOwnerAndMountFlag) {
+TEST_F(DaemonMethodsTest, HitsGainSharePathReadabilityOwnerAndMountFlag) {
   FakeDaemon daemon;
-  daemon.On("search",
-            Hits({R"({"total": 6})",
-                  R"({"KESTMDPath": "/volume1/docs/open.txt", "KESTMDOwnerUserID": "2002"})",
-                  R"({"KESTMDPath": "/volume1/docs/closed.txt", "KESTMDOwnerUserID": "2002",
-                      "additional": {"kept": 1}})",
-                  R"({"KESTMDPath": "/volume1/homes/ann", "KESTMDOwnerUserID": "2001"})",
-                  R"({"KESTMDPath": "/volume1/docs/open.txt", "KESTMDOwnerUserID": "not a uid"})",
-                  R"({"KESTMDPath": "/volume1/docs/open.txt", "KESTMDOwnerUserID": "77777"})",
-                  R"({"KESTMDPath": "/volume1/docs/open.txt", "KESTMDOwnerUserID": "4294967296"})",
-                  R"({"KESTMDPath": "/volume1/docs/open.txt", "KESTMDOwnerUserID": ""})",
-                  R"({"KESTMDPath": "/volume1", "KESTMDOwnerUserID": "0"})",
-                  R"({"KESTMDFSName": "bare"})", R"({"success": true})"}));
-  daemon.On("list_db_status", StatusReply());
-  const auto response = Search(kAnn, Params({"docs"}));
+  std::string page = R"({"total": 6}|
+      {"KESTMDPath": "/volume1/docs/open.txt", "KESTMDOwnerUserID": "2002"}|
+      {"KESTMDPath": "/volume1/docs/closed.txt", "KESTMDOwnerUserID": "2002",
+       "additional": {"kept": 1}}|
+      {"KESTMDPath": "/volume1/homes/ann", "KESTMDOwnerUserID": "2001"}|
+      {"KESTMDPath": "/volume1/docs/open.txt", "KESTMDOwnerUserID": "not a uid"}|
+      {"KESTMDPath": "/volume1/docs/open.txt", "KESTMDOwnerUserID": "77777"}|
+      {"KESTMDPath": "/volume1/docs/open.txt", "KESTMDOwnerUserID": "4294967296"}|
+      {"KESTMDPath": "/volume1/docs/open.txt", "KESTMDOwnerUserID": ""}|
+      {"KESTMDPath": "/volume1", "KESTMDOwnerUserID": "0"}|{"KESTMDFSName": "bare"}|
+      {"KESTMDPath": "/volume1/docs/#"}|{"success": true})";
+  page[page.find('#')] = '\xff';  // a name that is not UTF-8
+  ScriptSearch(daemon, page);
+  const auto response = RunAPI<SearchAPI>(kAnn, Params({"docs"}));
   ASSERT_TRUE(response.IsSuccess()) << response.GetErrorCode();
   const auto& hits = response.GetData()["hits"];
-  struct Expect {
+  const struct {
     const char* share_path;
     bool readable;
     Json::Value owner;  // null: no owner name set
@@ -375,6 +345,7 @@ TEST_F(SearchTest, HitsGainSharePathReadabilityOwnerAndMountFlag) {
       {"/docs/open.txt", true, Json::Value(), false},
       {"", true, "root", true},  // in no share; the volume is a mount point
       {"", false, Json::Value(), false},
+      {"/docs/\xff", false, Json::Value(), false},
   };
   ASSERT_EQ(sizeof(expect) / sizeof(expect[0]), hits.size());
   for (Json::ArrayIndex i = 0; i < hits.size(); ++i) {
@@ -384,17 +355,19 @@ TEST_F(SearchTest, HitsGainSharePathReadabilityOwnerAndMountFlag) {
     EXPECT_EQ(expect[i].mount_point, hits[i]["additional"]["is_mount_point"].asBool()) << i;
   }
   EXPECT_EQ(1, hits[1]["additional"]["kept"].asInt());
+  // A path that is not UTF-8 also travels as a reference to its bytes.
+  EXPECT_EQ("hex:2f766f6c756d65312f646f63732fff", hits[9]["additional"]["path_ref"].asString());
+  EXPECT_FALSE(hits[0]["additional"].isMember("path_ref"));
   // Members the daemon did not send are not made up as null.
   EXPECT_EQ((Json::Value::Members{"KESTMDFSName", "KESTMDSharePath", "additional", "readable"}),
             hits[8].getMemberNames());
   EXPECT_EQ(6, response.GetData()["total"].asInt());
 }
 
-TEST_F(SearchTest, QueryIdWithASlashIsRefusedBeforeAnyFile) {
+TEST_F(DaemonMethodsTest, QueryIdWithASlashIsRefusedBeforeAnyFile) {
   FakeDaemon daemon;
   mkdir("/tmp/vyr_query_x", 0777);
-  const auto response = Search(kAnn, Params({"docs"}, "x/../../etc/passwd", 2));
-  EXPECT_EQ(120, response.GetErrorCode());
+  EXPECT_EQ(120, RunAPI<SearchAPI>(kAnn, Params({"docs"}, "x/../../etc/passwd", 2)).GetErrorCode());
   EXPECT_EQ(0, daemon.Connections());
   EXPECT_TRUE(SyslogCapture::Instance().WaitFor(R"(Failed [string::npos != query_id_.find("/")])"));
   rmdir("/tmp/vyr_query_x");
@@ -406,14 +379,13 @@ struct RemoteSearch {
   int fd;
 };
 
-RemoteSearch StartSearch(const Json::Value& params, const Login& login = kAnn) {
+RemoteSearch StartSearch(const Json::Value& params) {
   int fds[2];
   EXPECT_EQ(0, pipe(fds));
   const pid_t pid = fork();
   if (pid == 0) {
     close(fds[0]);
-    const auto response = RunAPIUnguarded<SearchAPI>(login, params);
-    const std::string text = Json::toString(response.ToJson());
+    const std::string text = Json::toString(RunAPIUnguarded<SearchAPI>(kAnn, params).ToJson());
     (void)!write(fds[1], text.data(), text.size());
     _exit(0);
   }
@@ -430,14 +402,24 @@ std::string ReadAll(int fd) {
   return out;
 }
 
+// Waits for `pid`, after SIGTERM when `end` says so; the signal that ended it.
+int EndedBy(pid_t pid, bool end = true) {
+  if (end) kill(pid, SIGTERM);
+  int status = 0;
+  EXPECT_EQ(pid, waitpid(pid, &status, 0));
+  return WIFSIGNALED(status) ? WTERMSIG(status) : 0;
+}
+
 // A process that stands for an older request of the query id: a sibling of
-// the searches StartSearch forks, acting as `euid` as a worker does.
+// the searches StartSearch forks, acting as `euid` as a worker does. It dies
+// with the test process.
 pid_t SpawnSleeper(uid_t euid) {
   int ready[2];
   EXPECT_EQ(0, pipe(ready));
   const pid_t pid = fork();
   if (pid == 0) {
     close(ready[0]);
+    prctl(PR_SET_PDEATHSIG, SIGKILL);
     if (seteuid(euid) != 0) _exit(1);
     close(ready[1]);
     for (;;) pause();
@@ -449,25 +431,26 @@ pid_t SpawnSleeper(uid_t euid) {
   return pid;
 }
 
-void ReplaceAll(std::string& text, const std::string& from, const std::string& to) {
-  for (size_t at = text.find(from); at != std::string::npos; at = text.find(from, at + to.size())) {
-    text.replace(at, from.size(), to);
-  }
-}
-
-TEST_F(SearchTest, TrackingFileDecidesWhoRuns) {
-  // A record as the module writes it; "%PID%" and "%START%" name the sleeper.
+// Which request runs when a record of the query id exists. Anyone may write
+// a record in /tmp naming any pid: only a live sibling worker acting for the
+// same identity, started when the record says, is stopped, and only by a
+// newer serial. A record the module did not write is never read nor
+// written through.
+TEST_F(DaemonMethodsTest, TrackingFileDecidesWhoRuns) {
+  // "%PID%" and "%START%" name the sleeper.
   const std::string kRecord =
       R"({"pid": %PID%, "query_serial": 6, "start_time": %START%, "mine": 1})";
-  struct Case {
+  enum File { kAnns, kBobs, kLink };  // ann's own file, bob's, a link to ann's file
+  const struct {
     const char* what;
-    std::string file;
+    std::string record;
     int serial;
-    int code;                    // 0: success
-    bool killed;                 // the recorded process was stopped
-    bool file_is_gone;           // else it is left as it was
-    uid_t sleeper = kAnnUid;     // the identity the recorded process acts as
-    bool sleeper_ended = false;  // it ended before the request came
+    int code;           // 0: success
+    bool killed;        // the recorded process was stopped
+    bool file_is_gone;  // else it is left as it was
+    uid_t sleeper_euid = kAnnUid;
+    int ended = 0;  // before the request came: 1 and reaped, 2 and not yet reaped
+    File file = kAnns;
     const char* refusal = nullptr;
   } cases[] = {
       {"newer serial stops the older", kRecord, 7, 0, true, true},
@@ -478,49 +461,59 @@ TEST_F(SearchTest, TrackingFileDecidesWhoRuns) {
       {"no pid is outdated", R"({"query_serial": 1})", 6, 1600, false, false},
       {"unreadable record is ignored", "{not json", 6, 0, false, true},
       // A failed or killed request blocks nobody, and its pid is no target.
-      {"an ended request", kRecord, 5, 0, false, true, kAnnUid, true},
+      {"an ended request", kRecord, 5, 0, false, true, kAnnUid, 1},
+      {"an ended request not yet reaped", kRecord, 5, 0, false, true, kAnnUid, 2},
       {"a reused pid", R"({"pid": %PID%, "query_serial": 6, "start_time": 1})", 5, 0, false, true},
       {"a record without start time", R"({"pid": %PID%, "query_serial": 6})", 7, 0, false, true},
       // What a user with a shell writes into a record of their own.
-      {"a root process", kRecord, 7, 0, false, true, 0, false, "acts for another identity"},
-      {"another user's search", kRecord, 5, 0, false, true, kBobUid, false,
+      {"a root process", kRecord, 7, 0, false, true, 0, false, kAnns, "acts for another identity"},
+      {"another user's search", kRecord, 5, 0, false, true, kBobUid, false, kAnns,
        "acts for another identity"},
+      // What another user plants: neither trusted nor replaced.
+      {"bob's file", kRecord, 7, 0, false, false, kAnnUid, false, kBobs},
+      {"a link to ann's file", kRecord, 7, 0, false, false, kAnnUid, false, kLink},
   };
+  const std::string path = TrackingFile("q1");
+  const std::string target = "/tmp/link-target";
   for (const auto& c : cases) {
     FakeDaemon daemon;
-    daemon.On("search", Hits({R"({"success": true})"}));
-    daemon.On("list_db_status", StatusReply());
+    ScriptSearch(daemon);
     SyslogCapture::Instance().Clear();
-    const pid_t sleeper = SpawnSleeper(c.sleeper);
-    kestondri::ProcessMark mark;
-    ASSERT_TRUE(kestondri::ReadProcessMark(sleeper, &mark)) << c.what;
-    std::string text = c.file;
-    ReplaceAll(text, "%PID%", std::to_string(sleeper));
-    ReplaceAll(text, "%START%", std::to_string(mark.start_time));
-    int status = 0;
-    if (c.sleeper_ended) {
-      kill(sleeper, SIGKILL);
-      ASSERT_EQ(sleeper, waitpid(sleeper, &status, 0)) << c.what;
+    const pid_t sleeper = SpawnSleeper(c.sleeper_euid);
+    // No ASSERT until the sleeper is ended: a request guard would wait for it.
+    kestondri::ProcessMark mark{};
+    EXPECT_TRUE(kestondri::ReadProcessMark(sleeper, &mark)) << c.what;
+    std::string text = c.record;
+    for (const auto& from_to : {std::make_pair("%PID%", std::to_string(sleeper)),
+                                std::make_pair("%START%", std::to_string(mark.start_time))}) {
+      const size_t at = text.find(from_to.first);
+      if (at != std::string::npos) text.replace(at, strlen(from_to.first), from_to.second);
     }
-    const std::string path = TrackingFile("q1");
-    WriteFile(path, text);
-    chown(path.c_str(), kAnnUid, kAnnUid);  // left by an earlier request of ann's
+    if (c.ended) {
+      kill(sleeper, SIGKILL);
+      siginfo_t info;
+      EXPECT_EQ(0, waitid(P_PID, sleeper, &info, WEXITED | WNOWAIT)) << c.what;  // a zombie
+      if (c.ended == 1) EndedBy(sleeper, false);
+    }
+    // The link is root's, as /tmp is: the kernel lets it be followed.
+    const std::string written = c.file == kLink ? target : path;
+    WriteFile(written, text);
+    (void)!chown(written.c_str(), c.file == kBobs ? kBobUid : kAnnUid, kAnnUid);
+    if (c.file == kLink) {
+      EXPECT_EQ(0, symlink(target.c_str(), path.c_str()));
+    }
 
     const RemoteSearch search = StartSearch(Params({"docs"}, "q1", c.serial));
     const auto answer = ParseJson(ReadAll(search.fd));
-    ASSERT_EQ(search.pid, waitpid(search.pid, &status, 0)) << c.what;
+    EXPECT_EQ(0, EndedBy(search.pid, false));
     EXPECT_EQ(c.code, answer["success"].asBool() ? 0 : answer["error"]["code"].asInt()) << c.what;
-    if (!c.sleeper_ended) {
-      // Ends a sleeper that the request left alone; a killed one is a zombie.
-      kill(sleeper, SIGTERM);
-      ASSERT_EQ(sleeper, waitpid(sleeper, &status, 0)) << c.what;
-      ASSERT_TRUE(WIFSIGNALED(status)) << c.what;
-      EXPECT_EQ(c.killed ? SIGKILL : SIGTERM, WTERMSIG(status)) << c.what;
+    // A sleeper the request left alone ends by this test's signal.
+    if (c.ended != 1) {
+      EXPECT_EQ(c.killed || c.ended ? SIGKILL : SIGTERM, EndedBy(sleeper, !c.ended)) << c.what;
     }
-    if (c.file_is_gone) {
-      EXPECT_EQ(-1, access(path.c_str(), F_OK)) << c.what;
-    } else {
-      EXPECT_EQ(text, ReadFile(path)) << c.what;
+    EXPECT_EQ(c.file_is_gone, access(path.c_str(), F_OK) != 0) << c.what;
+    if (!c.file_is_gone) {
+      EXPECT_EQ(text, ReadFile(written)) << c.what;
     }
     if (c.code == 1600) {
       EXPECT_EQ(0, daemon.Connections()) << c.what;
@@ -531,66 +524,36 @@ TEST_F(SearchTest, TrackingFileDecidesWhoRuns) {
           ": " + c.refusal))
           << c.what;
     }
+    if (c.file != kAnns) {
+      EXPECT_TRUE(
+          SyslogCapture::Instance().WaitFor("Failed [!query_info.toFile(query_info_file_)]"))
+          << c.what;
+    }
     unlink(path.c_str());
+    unlink(target.c_str());
   }
 }
 
-TEST_F(SearchTest, TrackingFileNotWrittenByTheModuleIsIgnored) {
-  FakeDaemon daemon;
-  const std::string path = TrackingFile("q3");
-  const std::string victim = "/tmp/victim";
-
-  // Planted by another user: nobody is stopped, and it is not replaced.
-  daemon.On("search", Hits({R"({"success": true})"}));
-  daemon.On("list_db_status", StatusReply());
-  const pid_t sleeper = SpawnSleeper(kAnnUid);
-  const std::string planted = R"({"pid": )" + std::to_string(sleeper) + R"(, "query_serial": 1})";
-  WriteFile(path, planted);
-  chown(path.c_str(), kBobUid, kBobUid);
-  EXPECT_TRUE(RunAPIUnguarded<SearchAPI>(kAnn, Params({"docs"}, "q3", 6)).IsSuccess());
-  kill(sleeper, SIGTERM);
-  int status = 0;
-  ASSERT_EQ(sleeper, waitpid(sleeper, &status, 0));
-  EXPECT_TRUE(WIFSIGNALED(status) && WTERMSIG(status) == SIGTERM);
-  EXPECT_EQ(planted, ReadFile(path));
-  unlink(path.c_str());
-
-  // A symbolic link is never followed, neither to read nor to write.
-  daemon.On("search", Hits({R"({"success": true})"}));
-  daemon.On("list_db_status", StatusReply());
-  WriteFile(victim, "precious");
-  chown(victim.c_str(), kAnnUid, kAnnUid);
-  ASSERT_EQ(0, symlink(victim.c_str(), path.c_str()));
-  EXPECT_TRUE(Search(kAnn, Params({"docs"}, "q3", 7)).IsSuccess());
-  EXPECT_EQ("precious", ReadFile(victim));
-  EXPECT_TRUE(SyslogCapture::Instance().WaitFor("Failed [!query_info.toFile(query_info_file_)]"));
-  unlink(path.c_str());
-  unlink(victim.c_str());
-}
-
-TEST_F(SearchTest, FailedSearchLeavesItsClaimWhichDoesNotStopItsOwnProcess) {
+// A failed search leaves its claim, naming the worker that goes on serving:
+// the next request of the query id must not stop the process it runs in.
+TEST_F(DaemonMethodsTest, FailedSearchLeavesItsClaimWhichDoesNotStopItsOwnProcess) {
   FakeDaemon daemon;
   daemon.On("search", DaemonReply::Failure(4242, "broken"));
-  ASSERT_EQ(4242, Search(kAnn, Params({"docs"}, "q2", 9)).GetErrorCode());
+  ASSERT_EQ(4242, RunAPI<SearchAPI>(kAnn, Params({"docs"}, "q2", 9)).GetErrorCode());
   const auto record = ParseJson(ReadFile(TrackingFile("q2")));
   EXPECT_EQ(static_cast<int>(getpid()), record["pid"].asInt());
   EXPECT_EQ(9, record["query_serial"].asInt());
-  // The worker goes on serving: the next request of the query id must not
-  // stop the process it runs in.
-  daemon.On("search", Hits({R"({"success": true})"}));
-  daemon.On("list_db_status", StatusReply());
-  EXPECT_TRUE(Search(kAnn, Params({"docs"}, "q2", 10)).IsSuccess());
+  ScriptSearch(daemon);
+  EXPECT_TRUE(RunAPI<SearchAPI>(kAnn, Params({"docs"}, "q2", 10)).IsSuccess());
   EXPECT_EQ(-1, access(TrackingFile("q2").c_str(), F_OK));
 }
 
-TEST_F(SearchTest, NewerRequestOfTheSameQueryKillsTheOlderProcess) {
+TEST_F(DaemonMethodsTest, NewerRequestOfTheSameQueryKillsTheOlderProcess) {
   FakeDaemon daemon;
   // The older request waits for a reply that never comes.
   daemon.On("search", DaemonReply().HoldUntilClientGoes());
-  daemon.On("search", Hits({R"({"total": 1})", R"({"KESTMDPath": "/volume1/docs/open.txt"})",
-                            R"({"success": true})"}));
-  daemon.On("list_db_status", StatusReply());
-
+  ScriptSearch(daemon,
+               R"({"total": 1}|{"KESTMDPath": "/volume1/docs/open.txt"}|{"success": true})");
   const RemoteSearch older = StartSearch(Params({"docs"}, "typeahead", 5));
   ASSERT_TRUE(daemon.WaitForRequests(1));
   const auto claim = ParseJson(ReadFile(TrackingFile("typeahead")));
@@ -599,37 +562,28 @@ TEST_F(SearchTest, NewerRequestOfTheSameQueryKillsTheOlderProcess) {
 
   const RemoteSearch newer = StartSearch(Params({"docs"}, "typeahead", 6));
   const auto answer = ParseJson(ReadAll(newer.fd));
-  int status = 0;
-  ASSERT_EQ(newer.pid, waitpid(newer.pid, &status, 0));
-  EXPECT_TRUE(answer["success"].asBool()) << Json::toString(answer);
-
+  EXPECT_EQ(0, EndedBy(newer.pid, false));
+  EXPECT_EQ(1, answer["data"]["total"].asInt()) << Json::toString(answer);
   // Were the older one still running, this would end it with another signal.
-  kill(older.pid, SIGTERM);
-  ASSERT_EQ(older.pid, waitpid(older.pid, &status, 0));
-  ASSERT_TRUE(WIFSIGNALED(status));
-  EXPECT_EQ(SIGKILL, WTERMSIG(status));
+  EXPECT_EQ(SIGKILL, EndedBy(older.pid));
   EXPECT_EQ("", ReadAll(older.fd));  // the older request never answered
-  EXPECT_EQ(1, answer["data"]["total"].asInt());
   EXPECT_EQ(-1, access(TrackingFile("typeahead").c_str(), F_OK));
   EXPECT_TRUE(daemon.WaitIdle());
 }
 
-class SearchHistoryTest : public SearchTest {
- protected:
-  void SetUp() override {
-    SearchTest::SetUp();
-    system("rm -f /var/packages/KestOndri/var/kestondri.db*");
-  }
-  static std::vector<std::string> History(uid_t uid) {
-    std::vector<std::string> out;
-    kestondri::db::SearchHistoryTable table(kestondri::db::DBSession::Instance());
-    for (const auto& row : table.List(uid)) out.push_back(row.keyword);
-    return out;
-  }
-};
+std::vector<std::string> History(uid_t uid) {
+  std::vector<std::string> out;
+  kestondri::db::SearchHistoryTable table(kestondri::db::DBSession::Instance());
+  for (const auto& row : table.List(uid)) out.push_back(row.keyword);
+  return out;
+}
 
-TEST_F(SearchHistoryTest, TheChildRecordsTheTypedKeyword) {
-  struct Case {
+// A forked child records the typed keyword, trimmed, in the user's history
+// when the user keeps one, up to the user's limit.
+TEST_F(DaemonMethodsTest, SearchHistory) {
+  (void)!system("rm -f /var/packages/KestOndri/var/kestondri.db*");
+  kestondri::pref::Preference(kCarolUid).Set<int>("max_history_num", 2);
+  const struct {
     const char* what;
     Login login;
     bool enabled;
@@ -645,13 +599,14 @@ TEST_F(SearchHistoryTest, TheChildRecordsTheTypedKeyword) {
       // Blank alone passes the test before trimming: recorded as "".
       {"blank keyword", kDave, true, true, "   ", "docs", {""}},
       {"even when nothing may be searched", kDave, true, true, "lonely", "private", {"lonely", ""}},
-      {"an administrator", kCarol, true, true, "audit", "docs", {"audit"}},
+      {"an administrator", kCarol, true, true, "one", "docs", {"one"}},
+      {"the limit", kCarol, true, true, "two", "docs", {"two", "one"}},
+      {"the limit", kCarol, true, true, "three", "docs", {"three", "two"}},
   };
   for (const auto& c : cases) {
     kestondri::pref::Preference(c.login.uid).Set<bool>("enable_history", c.enabled);
     FakeDaemon daemon;
-    daemon.On("search", Hits({R"({"success": true})"}));
-    daemon.On("list_db_status", StatusReply());
+    ScriptSearch(daemon);
     Json::Value params = Params({c.share});
     if (c.orig_keyword) params["orig_keyword"] = c.orig_keyword;
     std::vector<int> children;
@@ -666,17 +621,153 @@ TEST_F(SearchHistoryTest, TheChildRecordsTheTypedKeyword) {
   EXPECT_TRUE(SyslogCapture::Instance().Matching("Failed to execute").empty());
 }
 
-TEST_F(SearchHistoryTest, HistoryKeepsTheUsersLimit) {
-  kestondri::pref::Preference(kAnnUid).Set<int>("max_history_num", 2);
-  FakeDaemon daemon;
-  for (const char* word : {"one", "two", "three"}) {
-    daemon.On("search", Hits({R"({"success": true})"}));
-    daemon.On("list_db_status", StatusReply());
-    Json::Value params = Params({"docs"});
-    params["orig_keyword"] = word;
-    ASSERT_TRUE(Search(kAnn, params).IsSuccess());
+TEST_F(DaemonMethodsTest, HighlightOfAnUnreadableFileIs507WithoutDaemonTraffic) {
+  const struct {
+    Login login;
+    const char* path;
+  } cases[] = {
+      {kAnn, "/volume1/docs/closed.txt"},  // the file's own mode
+      {kDave, "/volume1/docs/open.txt"},   // no privilege on the share
+      {kAnn, "/volume1/private/p.txt"},    // a share closed to the user
+  };
+  for (const auto& c : cases) {
+    FakeDaemon daemon;
+    SyslogCapture::Instance().Clear();
+    EXPECT_EQ(507, RunAPI<HighlightAPI>(c.login, HighlightParams(c.path)).GetErrorCode());
+    EXPECT_EQ(0, daemon.Connections()) << c.path;
+    EXPECT_TRUE(SyslogCapture::Instance().WaitFor(
+        std::string("Failed [!file_perm.CheckRead(full_path.Get())], reason: "
+                    "No file permission, "
+                    "path: ") +
+        c.path + ", user: " + c.login.name))
+        << c.path;
   }
-  EXPECT_EQ((std::vector<std::string>{"three", "two"}), History(kAnnUid));
+}
+
+// A user's request names the user: the path checked here is the client's,
+// and only the daemon can tell whether the document is that file.
+TEST_F(DaemonMethodsTest, HighlightRequestAsSentAndTheDataComesBackUnchanged) {
+  WriteFile("/volume1/homes/note.txt", "x", 0644);
+  const struct {
+    Login login;
+    const char* path;
+    const char* id;
+  } cases[] = {
+      {kAnn, "/volume1/docs/open.txt", "fileindex_docs"},
+      {kCarol, "/volume1/homes/note.txt", "fileindex_homes"},
+  };
+  for (const auto& c : cases) {
+    FakeDaemon daemon;
+    const Json::Value data =
+        ParseJson(R"({"KESTMDTextContent": ["a <em>kw</em> b"], "n": [1, 2]})");
+    daemon.On("highlight", DaemonReply::Success(data));
+    const auto response = RunAPI<HighlightAPI>(c.login, HighlightParams(c.path));
+    ASSERT_TRUE(response.IsSuccess()) << response.GetErrorCode();
+    EXPECT_EQ(data, response.GetData());
+    Json::Value expected = ParseJson(R"({"command": "highlight", "data": {
+        "doc_id": 17,
+        "highlight": {"field": "KESTMDTextContent", "frag_length": 100, "num_fragments": 3,
+                      "extra": "kept"},
+        "keyword": "kw", "search_weight_list": []}})");
+    expected["data"]["id"] = c.id;
+    if (!c.login.admin) {
+      expected["data"]["filters"] = ParseJson(R"([{"name": "permission", "data": 2001}])");
+    }
+    EXPECT_EQ(std::vector<Json::Value>{expected}, daemon.Requests()) << c.login.name;
+  }
+}
+
+// "success" of an indicate reply is not looked at: the data is the answer.
+TEST_F(DaemonMethodsTest, HighlightAndIndicateReplies) {
+  const struct {
+    const char* command;
+    DaemonReply reply;
+    std::string answer;  // the wire form
+    const char* log;
+  } cases[] = {
+      {"highlight", DaemonReply().Text(R"({"success": true})"), R"({"data":null,"success":true})",
+       ""},
+      {"highlight", DaemonReply::Failure(4321, "gone"),
+       R"({"error":{"code":4321},"success":false})", ""},
+      {"highlight", DaemonReply().Text("oops"), R"({"error":{"code":121},"success":false})",
+       "Malformed resp from daemon: oops"},
+      {"highlight", DaemonReply().Text(R"({"success": false})"),
+       R"({"error":{"code":121},"success":false})", "Malformed resp from daemon"},
+      {"highlight", DaemonReply().Close(), R"({"error":{"code":121},"success":false})",
+       "Recv from daemon fail"},
+      {"indicate", DaemonReply().Text(R"({"success": false, "data": {"document": 1}})"),
+       R"({"data":{"document":1},"success":true})", ""},
+      {"indicate", DaemonReply().Text(R"({"success": true})"), R"({"data":null,"success":true})",
+       ""},
+      {"indicate", DaemonReply().Text("{oops"), R"({"error":{"code":121},"success":false})",
+       "Malformed resp from daemon: {oops"},
+      {"indicate", DaemonReply().Close(), R"({"error":{"code":121},"success":false})",
+       "Recv from daemon fail"},
+  };
+  for (auto& c : cases) {
+    FakeDaemon daemon;
+    SyslogCapture::Instance().Clear();
+    daemon.On(c.command, c.reply);
+    const auto response =
+        std::string(c.command) == "highlight"
+            ? RunAPI<HighlightAPI>(kAnn, HighlightParams("/volume1/docs/open.txt"))
+            : RunAPI<IndicateAPI>(kAnn, IndicateParams(R"(["document"])"));
+    EXPECT_EQ(c.answer, Json::toString(response.ToJson())) << c.command << " " << c.log;
+    if (*c.log) {
+      EXPECT_TRUE(SyslogCapture::Instance().WaitFor(c.log)) << c.log;
+    }
+  }
+}
+
+// One sub-query per file type (duplicates too) over the indices the user may
+// see, each with the user's filter first.
+TEST_F(DaemonMethodsTest, IndicateRequestPerUser) {
+  const struct {
+    Login login;
+    const char* file_types;
+    const char* indice;
+    const char* permission;  // the filter that comes first, or ""
+  } cases[] = {
+      {kCarol, R"(["document", "image"])",
+       R"(["fileindex_docs", "fileindex_homes", "fileindex_private"])", ""},
+      {kAnn, R"(["document", "image"])", R"(["fileindex_docs", "fileindex_homes"])",
+       R"({"name": "permission", "data": 2001}, )"},
+      // Closed to every share but the homes, which nobody is asked about.
+      {kDave, R"(["document", "image"])", R"(["fileindex_homes"])",
+       R"({"name": "permission", "data": 2004}, )"},
+      {kCarol, R"(["document", "document"])",
+       R"(["fileindex_docs", "fileindex_homes", "fileindex_private"])", ""},
+      {kAnn, "[]", R"(["fileindex_docs", "fileindex_homes"])", ""},
+  };
+  for (const auto& c : cases) {
+    FakeDaemon daemon;
+    const Json::Value counts = ParseJson(R"({"document": 3, "image": 0})");
+    daemon.On("indicate", DaemonReply::Success(counts));
+    const auto response = RunAPI<IndicateAPI>(c.login, IndicateParams(c.file_types));
+    ASSERT_TRUE(response.IsSuccess()) << c.login.name;
+    EXPECT_EQ(counts, response.GetData()) << c.login.name;
+    Json::Value expected = ParseJson(std::string(R"({"command": "indicate", "data": {
+        "keyword": "kw", "indice": )") +
+                                     c.indice + R"(,
+        "criteria_list": [{"field": "KESTMDExtension", "value": "pdf"}],
+        "search_weight_list": [{"field": "KESTMDFSName", "weight": 1.5}]}})");
+    for (const auto& type : ParseJson(c.file_types)) {
+      expected["data"]["queries"].append(
+          ParseJson(std::string(R"({"query": {"filters": [)") + c.permission +
+                    R"({"name": "file_type", "data": ")" + type.asString() +
+                    R"("}], "default_search_op": "AND"}, "name": ")" + type.asString() + R"("})"));
+    }
+    EXPECT_EQ(std::vector<Json::Value>{expected}, daemon.Requests())
+        << c.login.name << "\n"
+        << daemon.Requests().at(0).toStyledString();
+  }
+
+  // Without an index the user may see: zeros, and the daemon is not asked.
+  IndexShares({"private"});
+  FakeDaemon daemon;
+  EXPECT_EQ(ParseJson(R"({"video": 0})"),
+            RunAPI<IndicateAPI>(kDave, IndicateParams(R"(["video"])")).GetData());
+  EXPECT_EQ(0, daemon.Connections());
 }
 
 }  // namespace

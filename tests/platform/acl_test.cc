@@ -2,18 +2,12 @@
 // (named users, named groups, masks) on files and folders; for each user
 // the word KESTACLPermCalc computes must equal what the kernel grants when
 // the process acts as that user (KESTACLPermGet asks the kernel).
-#include <gtest/gtest.h>
 #include <sys/acl.h>
-#include <sys/stat.h>
-#include <unistd.h>
 
 #include <cerrno>
 #include <random>
-#include <string>
-#include <vector>
 
-#include "kest/klib.h"
-#include "support/sandbox.h"
+#include "platform/platform_test.h"
 
 namespace kesttest {
 namespace {
@@ -26,15 +20,8 @@ std::string Rwx(int bits) {
   return s;
 }
 
-struct Subject {
-  const char* user;
-  PKLIBCSZLIST groups;
-};
-
-class AclTest : public ::testing::Test {
+class AclTest : public IdentityTest {
  protected:
-  void TearDown() override { BecomeRoot(); }
-
   // What the kernel grants `user` on `path`: nothing when it cannot reach it.
   int KernelPerm(const char* user, const std::string& path) {
     EXPECT_TRUE(ResetCredentialsByName(user, true)) << user;
@@ -95,11 +82,10 @@ TEST_F(AclTest, RandomModesAndAclsMatchTheKernel) {
     for (const char* user : users) {
       int calc = -1;
       ASSERT_EQ(0, KESTACLPermCalc(user, nullptr, path.c_str(), &calc)) << user;
-      PKLIBCSZLIST groups = KLIBGroupInfoListGet(user, TRUE);
+      ListPtr groups(KLIBGroupInfoListGet(user, TRUE));
       ASSERT_NE(nullptr, groups);
       int with_list = -1;
-      ASSERT_EQ(0, KESTACLPermCalc(user, groups, path.c_str(), &with_list));
-      KLIBCSzListFree(groups);
+      ASSERT_EQ(0, KESTACLPermCalc(user, groups.get(), path.c_str(), &with_list));
       const int kernel = KernelPerm(user, path);
       EXPECT_EQ(kernel, calc) << user << " on " << (dir ? "dir" : "file") << " mode " << std::oct
                               << mode << std::dec << " acl [" << text << "]";

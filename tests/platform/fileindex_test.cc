@@ -1,32 +1,24 @@
 // The indexing library on the real platform: validation, who may do what,
 // transactions, the queue files, the pause state across processes.
-#include <gtest/gtest.h>
-#include <sys/stat.h>
-#include <sys/wait.h>
-#include <unistd.h>
-
 #include <algorithm>
 #include <climits>
-#include <cstdio>
 #include <ctime>
-#include <functional>
-#include <string>
+#include <set>
 
-#include "common/error.h"
-#include "kest/klib.h"
 #include "kestondri/fileindex.h"
-#include "support/sandbox.h"
+#include "platform/platform_test.h"
 #include "support/syslog_capture.h"
 
 namespace kestondri {
 namespace fileindex {
 namespace {
 
+using kesttest::As;
+using kesttest::CodeOf;
 using kesttest::ParseJson;
-using kesttest::WriteSharesConf;
-
 using kesttest::ReadFile;
 using kesttest::WriteFile;
+using kesttest::WriteSharesConf;
 
 void MakeDir(const std::string& path, uid_t owner, mode_t mode) {
   std::string partial;
@@ -39,38 +31,6 @@ void MakeDir(const std::string& path, uid_t owner, mode_t mode) {
   ASSERT_EQ(0, chmod(path.c_str(), mode));
 }
 
-// Runs `body` acting as `user` (euid only, as the module does), then root.
-void As(const std::string& user, const std::function<void()>& body) {
-  if (user != "root") {
-    ASSERT_TRUE(ResetCredentialsByName(user, true));
-  }
-  const uid_t euid = geteuid();
-  try {
-    body();
-  } catch (...) {
-    EXPECT_EQ(euid, geteuid()) << "privilege not given back";
-    kesttest::BecomeRoot();
-    throw;
-  }
-  EXPECT_EQ(euid, geteuid()) << "privilege not given back";
-  kesttest::BecomeRoot();
-}
-
-// The code of the Error that `body`, run as `user`, throws; 0 for none.
-int CodeOf(const std::string& user, const std::function<void()>& body,
-           std::string* reason = nullptr) {
-  int code = 0;
-  As(user, [&] {
-    try {
-      body();
-    } catch (const Error& e) {
-      code = e.code();
-      if (reason) *reason = e.what();
-    }
-  });
-  return code;
-}
-
 std::vector<std::string> ListedPaths(const std::string& user) {
   std::vector<std::string> paths;
   As(user, [&] {
@@ -81,24 +41,27 @@ std::vector<std::string> ListedPaths(const std::string& user) {
   return paths;
 }
 
-// Runs `body` in a child process, as another process using the library
-// would; true when it returned without throwing.
-bool InAnotherProcess(const std::function<void()>& body) {
-  const pid_t child = fork();
-  if (child == 0) {
-    try {
-      body();
-    } catch (...) {
-      _exit(1);
-    }
-    _exit(0);
-  }
-  int wstatus = 0;
-  return child > 0 && waitpid(child, &wstatus, 0) == child && WIFEXITED(wstatus) &&
-         WEXITSTATUS(wstatus) == 0;
+// The library's calls on JSON text, as `user`: the Error's code, 0 for none.
+int Add(const std::string& user, const std::string& folders, std::string* reason = nullptr) {
+  return CodeOf(
+      user, [&] { FolderAdd(ParseJson(folders), false); }, reason);
+}
+int Set(const std::string& user, const std::string& folders, bool replace) {
+  return CodeOf(user, [&] { FolderSet(ParseJson(folders), replace); });
+}
+int Delete(const std::string& user, const std::string& paths) {
+  return CodeOf(user, [&] { FolderDelete(ParseJson(paths)); });
+}
+// The entry as `user` sees it; with `reason`, a folder `user` may not see.
+Json::Value Get(const std::string& user, const std::string& path, std::string* reason = nullptr) {
+  Json::Value entry;
+  EXPECT_EQ(reason ? 120 : 0, CodeOf(
+                                  user, [&] { FolderGet(entry, path); }, reason))
+      << path;
+  return entry;
 }
 
-class FileIndexTest : public ::testing::Test {
+class FileIndexTest : public kesttest::IdentityTest {
  protected:
   void SetUp() override {
     system("rm -rf /var/packages/KestOndri /volume1/* /volume1/@kestondri /volume2/*");
@@ -118,21 +81,14 @@ class FileIndexTest : public ::testing::Test {
     symlink("/volume1/outside", "/volume1/photo/escape");
     symlink("/volume1/photo/shared", "/volume1/photo/alias");
   }
-  void TearDown() override { kesttest::BecomeRoot(); }
-
-  void Add(const std::string& user, const std::string& folders) {
-    ASSERT_EQ(0, CodeOf(user, [&] { FolderAdd(ParseJson(folders), false); }));
-  }
 };
 
 TEST_F(FileIndexTest, AddMakesTheCallerOwnerAndQueuesTheFolder) {
-  Add("ann", R"([{"path": "/volume1/photo/ann/", "photo": false, "name": "My pictures"}])");
-  Json::Value entry;
-  As("ann", [&] { FolderGet(entry, "/volume1/photo/ann"); });
-  EXPECT_EQ("/volume1/photo/ann", entry["path"].asString());
-  EXPECT_EQ("My pictures", entry["name"].asString());
-  EXPECT_EQ("ann", entry["owner"].asString());
-  EXPECT_EQ("photo", entry["share"].asString());
+  ASSERT_EQ(0, Add("ann", R"([{"path": "/volume1/photo/ann/", "photo": false, "name": "Pics"}])"));
+  const Json::Value entry = Get("ann", "/volume1/photo/ann");
+  EXPECT_EQ("/volume1/photo/ann Pics ann photo",
+            entry["path"].asString() + " " + entry["name"].asString() + " " +
+                entry["owner"].asString() + " " + entry["share"].asString());
   EXPECT_FALSE(entry["paused"].asBool());
   EXPECT_FALSE(entry["photo"].asBool());
   EXPECT_TRUE(entry["video"].asBool());
@@ -140,23 +96,22 @@ TEST_F(FileIndexTest, AddMakesTheCallerOwnerAndQueuesTheFolder) {
 
   EXPECT_EQ("# kestondri queue 2\nupdate\t/volume1/photo/ann\n",
             ReadFile("/volume1/@kestondri/queue/photo.queue"));
-  struct stat st;
-  ASSERT_EQ(0, stat("/var/packages/KestOndri/var/fileindex", &st));
-  EXPECT_EQ(0700u, st.st_mode & 07777);
-  EXPECT_EQ(0u, st.st_uid);
-  ASSERT_EQ(0, stat("/var/packages/KestOndri/var/fileindex/folders.db", &st));
-  EXPECT_EQ(0600u, st.st_mode & 07777);
-  EXPECT_EQ(0u, st.st_uid);
-  EXPECT_EQ(0u, st.st_gid);
-  ASSERT_EQ(0, stat("/volume1/@kestondri/queue/photo.queue", &st));
-  EXPECT_EQ(0600u, st.st_mode & 07777);
-  ASSERT_EQ(0, stat("/volume1/@kestondri/queue", &st));
-  EXPECT_EQ(0755u, st.st_mode & 07777);
+  // Root's own, closed to others but for the queue folder the indexer reads.
+  for (const auto& file :
+       {std::make_pair("/var/packages/KestOndri/var/fileindex", 0700u),
+        std::make_pair("/var/packages/KestOndri/var/fileindex/folders.db", 0600u),
+        std::make_pair("/volume1/@kestondri/queue/photo.queue", 0600u),
+        std::make_pair("/volume1/@kestondri/queue", 0755u)}) {
+    struct stat st;
+    ASSERT_EQ(0, stat(file.first, &st)) << file.first;
+    EXPECT_EQ(file.second, st.st_mode & 07777) << file.first;
+    EXPECT_EQ(0u, st.st_uid | st.st_gid) << file.first;
+  }
   EXPECT_EQ(std::set<std::string>{"photo"}, FolderMgr().GetIndexedShares());
 }
 
 TEST_F(FileIndexTest, BadInputIsRefusedAndNothingChanges) {
-  Add("ann", R"([{"path": "/volume1/photo/ann"}])");
+  ASSERT_EQ(0, Add("ann", R"([{"path": "/volume1/photo/ann"}])"));
   const std::string before = ReadFile("/volume1/@kestondri/queue/photo.queue");
   struct Case {
     const char* user;
@@ -197,9 +152,7 @@ TEST_F(FileIndexTest, BadInputIsRefusedAndNothingChanges) {
   };
   for (const auto& c : cases) {
     std::string reason;
-    EXPECT_EQ(c.code, CodeOf(
-                          c.user, [&] { FolderAdd(ParseJson(c.folders), false); }, &reason))
-        << c.folders;
+    EXPECT_EQ(c.code, Add(c.user, c.folders, &reason)) << c.folders;
     EXPECT_NE(std::string::npos, reason.find(c.reason)) << c.folders << " gave: " << reason;
   }
   EXPECT_EQ(std::vector<std::string>{"/volume1/photo/ann"}, ListedPaths("root"));
@@ -207,31 +160,24 @@ TEST_F(FileIndexTest, BadInputIsRefusedAndNothingChanges) {
 }
 
 TEST_F(FileIndexTest, AFailedQueueWriteRollsTheStoreBack) {
-  Add("root", R"([{"path": "/volume1/photo/shared"}])");
+  ASSERT_EQ(0, Add("root", R"([{"path": "/volume1/photo/shared"}])"));
   // The queue's twin cannot be written: the change must not stay half done.
   mkdir("/volume1/@kestondri/queue/docs.queue.tmp", 0755);
   std::string reason;
-  EXPECT_EQ(
-      502,
-      CodeOf(
-          "root",
-          [] {
-            FolderAdd(
-                ParseJson(R"([{"path": "/volume1/photo/ann"}, {"path": "/volume1/docs/open"}])"),
-                false);
-          },
-          &reason));
+  EXPECT_EQ(502, Add("root", R"([{"path": "/volume1/photo/ann"}, {"path": "/volume1/docs/open"}])",
+                     &reason));
   EXPECT_NE(std::string::npos, reason.find("docs.queue.tmp")) << reason;
   EXPECT_EQ(std::vector<std::string>{"/volume1/photo/shared"}, ListedPaths("root"));
   rmdir("/volume1/@kestondri/queue/docs.queue.tmp");
-  EXPECT_EQ(0, CodeOf("root", [] { FolderDelete(ParseJson(R"(["/volume1/photo/shared"])")); }));
+  EXPECT_EQ(0, Delete("root", R"(["/volume1/photo/shared"])"));
   EXPECT_TRUE(ListedPaths("root").empty());
 }
 
 TEST_F(FileIndexTest, UsersSeeOnlyWhatTheyCanRead) {
-  Add("ann", R"([{"path": "/volume1/photo/ann"}])");
-  Add("bob", R"([{"path": "/volume1/photo/bob"}, {"path": "/volume1/photo/shared"}])");
-  Add("root", R"([{"path": "/volume1/docs/open", "owner": "carol"}])");
+  ASSERT_EQ(0, Add("ann", R"([{"path": "/volume1/photo/ann"}])"));
+  ASSERT_EQ(0,
+            Add("bob", R"([{"path": "/volume1/photo/bob"}, {"path": "/volume1/photo/shared"}])"));
+  ASSERT_EQ(0, Add("root", R"([{"path": "/volume1/docs/open", "owner": "carol"}])"));
   EXPECT_EQ((std::vector<std::string>{"/volume1/docs/open", "/volume1/photo/ann",
                                       "/volume1/photo/bob", "/volume1/photo/shared"}),
             ListedPaths("root"));
@@ -241,13 +187,7 @@ TEST_F(FileIndexTest, UsersSeeOnlyWhatTheyCanRead) {
   // dave may not use the docs share at all.
   EXPECT_EQ((std::vector<std::string>{"/volume1/photo/shared"}), ListedPaths("dave"));
   std::string reason;
-  EXPECT_EQ(120, CodeOf(
-                     "ann",
-                     [] {
-                       Json::Value out;
-                       FolderGet(out, "/volume1/photo/bob");
-                     },
-                     &reason));
+  Get("ann", "/volume1/photo/bob", &reason);
   EXPECT_EQ("not an indexed folder: /volume1/photo/bob", reason);
 
   Json::Value groups;
@@ -267,8 +207,9 @@ TEST_F(FileIndexTest, UsersSeeOnlyWhatTheyCanRead) {
 }
 
 TEST_F(FileIndexTest, OnlyOwnersAndAdministratorsChangeFolders) {
-  Add("bob", R"([{"path": "/volume1/photo/bob"}, {"path": "/volume1/photo/shared"}])");
-  Add("ann", R"([{"path": "/volume1/photo/ann"}])");
+  ASSERT_EQ(0,
+            Add("bob", R"([{"path": "/volume1/photo/bob"}, {"path": "/volume1/photo/shared"}])"));
+  ASSERT_EQ(0, Add("ann", R"([{"path": "/volume1/photo/ann"}])"));
   struct Case {
     const char* user;
     std::function<void()> call;
@@ -297,27 +238,21 @@ TEST_F(FileIndexTest, OnlyOwnersAndAdministratorsChangeFolders) {
   for (const auto& c : cases) EXPECT_EQ(c.code, CodeOf(c.user, c.call));
   EXPECT_EQ(3u, ListedPaths("root").size());
 
-  EXPECT_EQ(0, CodeOf("bob", [] {
-              FolderSet(
-                  ParseJson(R"([{"path": "/volume1/photo/shared", "paused": true, "name": "S"}])"),
-                  false);
-            }));
-  Json::Value entry;
-  As("ann", [&] { FolderGet(entry, "/volume1/photo/shared"); });
+  EXPECT_EQ(
+      0, Set("bob", R"([{"path": "/volume1/photo/shared", "paused": true, "name": "S"}])", false));
+  Json::Value entry = Get("ann", "/volume1/photo/shared");
   EXPECT_TRUE(entry["paused"].asBool());
   EXPECT_EQ("S", entry["name"].asString());
   EXPECT_EQ("paused", entry["additional"]["status"].asString());
   // replace: what is not given returns to its default.
-  EXPECT_EQ(0, CodeOf("bob", [] {
-              FolderSet(ParseJson(R"([{"path": "/volume1/photo/shared", "audio": false}])"), true);
-            }));
-  As("bob", [&] { FolderGet(entry, "/volume1/photo/shared"); });
+  EXPECT_EQ(0, Set("bob", R"([{"path": "/volume1/photo/shared", "audio": false}])", true));
+  entry = Get("bob", "/volume1/photo/shared");
   EXPECT_FALSE(entry["paused"].asBool());
   EXPECT_FALSE(entry["audio"].asBool());
   EXPECT_EQ("shared", entry["name"].asString());
 
   EXPECT_EQ(0, CodeOf("ann", [] { FolderDelete(std::string("ann")); }));
-  EXPECT_EQ(0, CodeOf("root", [] { FolderDelete(ParseJson(R"(["/volume1/photo/shared"])")); }));
+  EXPECT_EQ(0, Delete("root", R"(["/volume1/photo/shared"])"));
   EXPECT_EQ(std::vector<std::string>{"/volume1/photo/bob"}, ListedPaths("root"));
   EXPECT_NE(
       std::string::npos,
@@ -327,51 +262,43 @@ TEST_F(FileIndexTest, OnlyOwnersAndAdministratorsChangeFolders) {
 }
 
 TEST_F(FileIndexTest, ListPagesSortsAndFilters) {
-  Add("root", R"([{"path": "/volume1/photo/shared", "name": "beta"},
+  ASSERT_EQ(0, Add("root", R"([{"path": "/volume1/photo/shared", "name": "beta"},
                   {"path": "/volume1/photo/ann", "name": "Alpha", "owner": "ann"},
-                  {"path": "/volume1/docs/open", "name": "gamma"}])");
-  auto list = [](const std::string& user, uint64_t offset, uint64_t limit, const std::string& sort,
-                 const std::string& dir, const std::string& group, const std::string& pattern) {
+                  {"path": "/volume1/docs/open", "name": "gamma"}])"));
+  // "<total>:<name>,<name>,..." of one page, or the error's code.
+  auto list = [](const char* user, uint64_t offset, uint64_t limit, const char* sort,
+                 const char* dir, const char* group, const char* pattern,
+                 const char* additional = "null") {
     Json::Value page;
-    As(user, [&] { FolderList(page, offset, limit, sort, dir, group, pattern, Json::Value()); });
-    std::string names;
+    const int code = CodeOf(user, [&] {
+      FolderList(page, offset, limit, sort, dir, group, pattern, ParseJson(additional));
+    });
+    std::string names = std::to_string(page["total"].asUInt64()) + ":";
     for (const auto& f : page["folders"]) names += f["name"].asString() + ",";
-    return std::to_string(page["total"].asUInt64()) + ":" + names;
+    return code ? "error " + std::to_string(code) : names;
   };
-  EXPECT_EQ("3:gamma,Alpha,beta,", list("root", 0, UINT64_MAX, "", "", "", ""));
-  EXPECT_EQ("3:Alpha,beta,gamma,", list("root", 0, UINT64_MAX, "name", "asc", "all", ""));
+  const uint64_t all = UINT64_MAX;
+  EXPECT_EQ("3:gamma,Alpha,beta,", list("root", 0, all, "", "", "", ""));
+  EXPECT_EQ("3:Alpha,beta,gamma,", list("root", 0, all, "name", "asc", "all", ""));
   EXPECT_EQ("3:gamma,beta,", list("root", 0, 2, "name", "DESC", "all", ""));
   EXPECT_EQ("3:gamma,", list("root", 2, 5, "name", "asc", "all", ""));
-  EXPECT_EQ("3:", list("root", static_cast<uint64_t>(-1), UINT64_MAX, "", "", "all", ""));
-  EXPECT_EQ("1:Alpha,", list("ann", 0, UINT64_MAX, "", "", "mine", ""));
-  EXPECT_EQ("1:gamma,", list("root", 0, UINT64_MAX, "", "", "share:docs", ""));
-  EXPECT_EQ("2:Alpha,beta,", list("root", 0, UINT64_MAX, "name", "", "all", "PHOTO"));
-  EXPECT_EQ("1:Alpha,", list("root", 0, UINT64_MAX, "name", "", "all", "alp"));
-  const struct {
-    const char* sort;
-    const char* direction;
-    const char* group;
-    const char* additional;  // null: none
-  } bad[] = {{"size", "", "all", nullptr},
-             {"", "up", "all", nullptr},
-             {"", "", "others", nullptr},
-             {"", "", "all", R"(["owner_uid"])"}};
-  for (const auto& b : bad) {
-    const Json::Value additional = b.additional ? ParseJson(b.additional) : Json::Value();
-    EXPECT_EQ(120, CodeOf("root",
-                          [&] {
-                            Json::Value o;
-                            FolderList(o, 0, 1, b.sort, b.direction, b.group, "", additional);
-                          }))
-        << b.sort << b.direction << b.group;
-  }
+  EXPECT_EQ("3:", list("root", static_cast<uint64_t>(-1), all, "", "", "all", ""));
+  EXPECT_EQ("1:Alpha,", list("ann", 0, all, "", "", "mine", ""));
+  EXPECT_EQ("1:gamma,", list("root", 0, all, "", "", "share:docs", ""));
+  EXPECT_EQ("2:Alpha,beta,", list("root", 0, all, "name", "", "all", "PHOTO"));
+  EXPECT_EQ("1:Alpha,", list("root", 0, all, "name", "", "all", "alp"));
+  EXPECT_EQ("error 120", list("root", 0, 1, "size", "", "all", ""));
+  EXPECT_EQ("error 120", list("root", 0, 1, "", "up", "all", ""));
+  EXPECT_EQ("error 120", list("root", 0, 1, "", "", "others", ""));
+  EXPECT_EQ("error 120", list("root", 0, 1, "", "", "all", "", R"(["owner_uid"])"));
   Json::Value page;
   As("root", [&] { FolderList(page, 0, 1, "", "", "all", "", ParseJson(R"(["status"])")); });
   EXPECT_EQ("processing", page["folders"][0]["additional"]["status"].asString());
 }
 
 TEST_F(FileIndexTest, QueueKeepsOrderSurvivesAnInterruptedRewriteAndDropsCutLines) {
-  Add("root", R"([{"path": "/volume1/photo/shared"}, {"path": "/volume1/photo/ann"}])");
+  ASSERT_EQ(0,
+            Add("root", R"([{"path": "/volume1/photo/shared"}, {"path": "/volume1/photo/ann"}])"));
   // A rewrite interrupted before its rename left entries in the twin, the
   // last one cut off.
   WriteFile("/volume1/@kestondri/queue/photo.queue.tmp",
@@ -392,7 +319,8 @@ TEST_F(FileIndexTest, QueueKeepsOrderSurvivesAnInterruptedRewriteAndDropsCutLine
 }
 
 TEST_F(FileIndexTest, AVanishedShareOrFolderIsReportedNotLost) {
-  Add("root", R"([{"path": "/volume1/docs/open"}, {"path": "/volume1/photo/shared"}])");
+  ASSERT_EQ(0,
+            Add("root", R"([{"path": "/volume1/docs/open"}, {"path": "/volume1/photo/shared"}])"));
   rmdir("/volume1/docs/open");
   WriteSharesConf("[photo]\npath = /volume1/photo\n");
   Json::Value page;
@@ -402,14 +330,17 @@ TEST_F(FileIndexTest, AVanishedShareOrFolderIsReportedNotLost) {
   EXPECT_EQ("unavailable", page["folders"][0]["additional"]["status"].asString());
   EXPECT_EQ((std::set<std::string>{"docs", "photo"}), FolderMgr().GetIndexedShares());
   EXPECT_EQ(std::vector<std::string>{"/volume1/photo/shared"}, ListedPaths("ann"));
-  EXPECT_EQ(0, CodeOf("root", [] { FolderDelete(ParseJson(R"(["/volume1/docs/open"])")); }));
+  EXPECT_EQ(0, Delete("root", R"(["/volume1/docs/open"])"));
   EXPECT_EQ(std::vector<std::string>{"/volume1/photo/shared"}, ListedPaths("root"));
 }
 
 TEST_F(FileIndexTest, PauseStateIsSharedAcrossProcesses) {
   StatusMgr status;
   EXPECT_EQ(1, status.GetPauseInfo());  // not paused: a time long past
-  ASSERT_TRUE(InAnotherProcess([] { StatusMgr().Pause(0); }));
+  ASSERT_TRUE(kesttest::InAnotherProcess([] {
+    StatusMgr().Pause(0);
+    return true;
+  }));
   EXPECT_EQ(0, status.GetPauseInfo());  // until resumed
   const int64_t before = time(nullptr);
   status.Pause(3600);
@@ -428,7 +359,7 @@ TEST_F(FileIndexTest, PauseStateIsSharedAcrossProcesses) {
 // since it was taken; every commit, by any process, retires it.
 TEST_F(FileIndexTest, SnapshotServesReadsUntilTheNextCommit) {
   const std::string snapshot = "/var/packages/KestOndri/var/fileindex/folders.snapshot";
-  Add("ann", R"([{"path": "/volume1/photo/ann"}])");
+  ASSERT_EQ(0, Add("ann", R"([{"path": "/volume1/photo/ann"}])"));
   EXPECT_EQ(std::set<std::string>{"photo"}, FolderMgr().GetIndexedShares());
   struct stat st;
   ASSERT_EQ(0, stat(snapshot.c_str(), &st));
@@ -443,8 +374,8 @@ TEST_F(FileIndexTest, SnapshotServesReadsUntilTheNextCommit) {
   EXPECT_EQ(std::set<std::string>{"forged"}, FolderMgr().GetIndexedShares());
 
   // A commit by another process retires it.
-  ASSERT_TRUE(
-      InAnotherProcess([] { FolderAdd(ParseJson(R"([{"path": "/volume1/docs/open"}])"), false); }));
+  ASSERT_TRUE(kesttest::InAnotherProcess(
+      [] { return !Add("root", R"([{"path": "/volume1/docs/open"}])"); }));
   EXPECT_EQ((std::set<std::string>{"docs", "photo"}), FolderMgr().GetIndexedShares());
 
   // A damaged or hostile snapshot is logged, not used, and replaced.
@@ -483,9 +414,8 @@ TEST_F(FileIndexTest, SnapshotServesReadsUntilTheNextCommit) {
 
   // A new database never inherits the snapshot of the one it replaces.
   ASSERT_EQ(0, unlink("/var/packages/KestOndri/var/fileindex/folders.db"));
-  Add("bob", R"([{"path": "/volume1/photo/shared"}])");
-  std::vector<std::string> paths = ListedPaths("root");
-  EXPECT_EQ(std::vector<std::string>{"/volume1/photo/shared"}, paths);
+  ASSERT_EQ(0, Add("bob", R"([{"path": "/volume1/photo/shared"}])"));
+  EXPECT_EQ(std::vector<std::string>{"/volume1/photo/shared"}, ListedPaths("root"));
 }
 
 TEST(FileIndexNamesTest, ShareNamesAndIndexIds) {

@@ -1,7 +1,7 @@
 // JSON text: strict parsing, compact writing, files.
 #include <gtest/gtest.h>
-#include <sys/stat.h>
 
+#include <cstdint>
 #include <string>
 
 #include "kest/json.h"
@@ -12,57 +12,42 @@ namespace {
 
 std::string Nested(int depth) { return std::string(depth, '[') + std::string(depth, ']'); }
 
-TEST(JsonTextTest, FromStringAcceptsExactlyOneValue) {
+constexpr int kRefused = -1;
+
+TEST(JsonTextTest, FromStringAcceptsExactlyOneValueOfItsType) {
   struct Case {
     std::string text;
-    bool ok;
+    int type;  // of the value read, or kRefused
   };
   const Case cases[] = {
-      {"{}", true},
-      {" \n\t{\"a\" : [1, 2.5, \"x\", true, null]} \n", true},
-      {"[]", true},
-      {"1", true},
-      {"\"s\"", true},
-      {"null", true},
-      {"", false},
-      {"{} x", false},
-      {"[1] [2]", false},
-      {"// c\n{}", false},
-      {"{} // c", false},
-      {"[1, /* c */ 2]", false},
-      {"{\"a\":1 // c\n}", false},
-      {"[\"a // b /* c */\"]", true},
-      {"[\"\\\"/\"]", true},
-      {"[\"tab\there\"]", false},
-      {"[1,]", false},
-      {"{\"a\":1,}", false},
-      {"{'a':1}", false},
-      {"{a:1}", false},
-      {"{\"a\"}", false},
-      {"[1 2]", false},
-      {"NaN", false},
-      {"[\"unterminated]", false},
-      {"{\"1\":1}", true},
-      {std::string("[\"a\0b\"]", 7), false},
-      {Nested(500), true},
-      {Nested(2000), false},
-      {std::string(100000, '{'), false},
-  };
-  for (const auto& c : cases) {
-    Json::Value value("untouched");
-    EXPECT_EQ(c.ok, Json::fromString(value, c.text)) << c.text.substr(0, 60);
-    if (!c.ok) {
-      EXPECT_EQ(Json::Value("untouched"), value) << c.text.substr(0, 60);
-    }
-  }
-}
-
-TEST(JsonTextTest, Numbers) {
-  struct Case {
-    const char* text;
-    Json::ValueType type;
-  };
-  const Case cases[] = {
+      {"{}", Json::objectValue},
+      {" \n\t{\"a\" : [1, 2.5, \"x\", true, null]} \n", Json::objectValue},
+      {"[]", Json::arrayValue},
+      {"\"s\"", Json::stringValue},
+      {"null", Json::nullValue},
+      {"", kRefused},
+      {"{} x", kRefused},
+      {"[1] [2]", kRefused},
+      {"// c\n{}", kRefused},
+      {"{} // c", kRefused},
+      {"[1, /* c */ 2]", kRefused},
+      {"{\"a\":1 // c\n}", kRefused},
+      {"[\"a // b /* c */\"]", Json::arrayValue},
+      {"[\"\\\"/\"]", Json::arrayValue},
+      {"[\"tab\there\"]", kRefused},
+      {"[1,]", kRefused},
+      {"{\"a\":1,}", kRefused},
+      {"{'a':1}", kRefused},
+      {"{a:1}", kRefused},
+      {"{\"a\"}", kRefused},
+      {"[1 2]", kRefused},
+      {"NaN", kRefused},
+      {"[\"unterminated]", kRefused},
+      {"{\"1\":1}", Json::objectValue},
+      {std::string("[\"a\0b\"]", 7), kRefused},
+      {Nested(500), Json::arrayValue},
+      {Nested(2000), kRefused},
+      {std::string(100000, '{'), kRefused},
       {"0", Json::intValue},
       {"-9223372036854775808", Json::intValue},
       {"9223372036854775807", Json::intValue},
@@ -75,9 +60,13 @@ TEST(JsonTextTest, Numbers) {
       {"1e2", Json::realValue},
   };
   for (const auto& c : cases) {
-    Json::Value value;
-    ASSERT_TRUE(Json::fromString(value, c.text)) << c.text;
-    EXPECT_EQ(c.type, value.type()) << c.text;
+    Json::Value value("untouched");
+    EXPECT_EQ(c.type != kRefused, Json::fromString(value, c.text)) << c.text.substr(0, 60);
+    if (c.type == kRefused) {
+      EXPECT_EQ(Json::Value("untouched"), value) << c.text.substr(0, 60);
+    } else {
+      EXPECT_EQ(c.type, value.type()) << c.text.substr(0, 60);
+    }
   }
   Json::Value value;
   ASSERT_TRUE(Json::fromString(value, "18446744073709551615"));
@@ -104,16 +93,8 @@ TEST(JsonTextTest, RefusesTextOver64MiB) {
 }
 
 TEST(JsonTextTest, ToStringIsCompactAndKeepsBytes) {
-  Json::Value v(Json::objectValue);
-  v["b"] = "é \"q\" \\ /";
-  v["a"] = Json::Value(Json::arrayValue);
-  v["a"].append(1);
-  v["a"].append(-2.5);
-  v["a"].append(Json::Value());
-  v["a"].append(true);
-  v["c"] = Json::Value(Json::objectValue);
+  const Json::Value v = ParseJson(R"({"b":"é \"q\" \\ /","a":[1,-2.5,null,true],"c":{}})");
   EXPECT_EQ(R"({"a":[1,-2.5,null,true],"b":"é \"q\" \\ /","c":{}})", Json::toString(v));
-  EXPECT_EQ(std::string::npos, Json::toString(v).find('\n'));
   EXPECT_EQ("null", Json::toString(Json::Value()));
 
   // Bytes that JSON must escape, and bytes that are no UTF-8, come back as
@@ -132,9 +113,31 @@ TEST(JsonTextTest, ToStringIsCompactAndKeepsBytes) {
   EXPECT_TRUE(Json::fromString(back, Json::toString(garbage)));
 }
 
+// Well-formed UTF-8 decides which paths the module sends as bytes and what
+// the daemon's snippets may cut: the shortest forms only, no surrogates,
+// nothing past U+10FFFF, no sequence cut short.
+TEST(JsonTextTest, Utf8) {
+  for (const char* s : {"", "a\x7f", "\xc2\xa9", "\xe0\xa0\x80", "\xed\x9f\xbf", "\xef\xbf\xbd",
+                        "\xf0\x90\x80\x80", "\xf4\x8f\xbf\xbf"}) {
+    EXPECT_TRUE(Json::isValidUtf8(s)) << testing::PrintToString(std::string(s));
+    EXPECT_EQ(s, Json::toValidUtf8(s));
+  }
+  for (const char* s : {"\x80", "\xc1\xbf", "\xe0\x9f\xbf", "\xed\xa0\x80", "\xf0\x8f\xbf\xbf",
+                        "\xf4\x90\x80\x80", "\xf5\x80\x80\x80", "\xe2\x82", "\xe2\x28\xa1"}) {
+    EXPECT_FALSE(Json::isValidUtf8(s)) << testing::PrintToString(std::string(s));
+    EXPECT_TRUE(Json::isValidUtf8(Json::toValidUtf8(s)));
+  }
+  // Each byte that starts no sequence becomes one U+FFFD; the rest stays.
+  EXPECT_EQ("a\xef\xbf\xbd(\xef\xbf\xbd\xc2\xa9", Json::toValidUtf8("a\xe2(\xff\xc2\xa9"));
+  Json::Value v = ParseJson(R"({"k": ["ok"]})");
+  v["k"].append("\xfe");
+  v["\xff"] = "\xc0";
+  Json::makeValidUtf8(v);
+  EXPECT_EQ(ParseJson(R"({"k": ["ok", "\ufffd"], "\ufffd": "\ufffd"})"), v);
+}
+
 TEST(JsonTextTest, Files) {
-  Json::Value v;
-  ASSERT_TRUE(Json::fromString(v, R"({"k":[1,"two"]})"));
+  const Json::Value v = ParseJson(R"({"k":[1,"two"]})");
   const std::string path = "/tmp/json_text_test/file.json";
   WriteFile(path, "old content that is longer than the new one");
   ASSERT_TRUE(Json::toFile(v, path));
@@ -146,10 +149,10 @@ TEST(JsonTextTest, Files) {
   Json::Value untouched("x");
   EXPECT_FALSE(Json::fromFile(untouched, "/tmp/json_text_test/missing.json"));
   EXPECT_FALSE(Json::fromFile(untouched, "/tmp/json_text_test"));
-  WriteFile(path, "{\"k\":1} trailing");
-  EXPECT_FALSE(Json::fromFile(untouched, path));
-  WriteFile(path, "");
-  EXPECT_FALSE(Json::fromFile(untouched, path));
+  for (const char* text : {"{\"k\":1} trailing", ""}) {
+    WriteFile(path, text);
+    EXPECT_FALSE(Json::fromFile(untouched, path)) << text;
+  }
   EXPECT_EQ(Json::Value("x"), untouched);
   EXPECT_FALSE(Json::toFile(v, "/tmp/json_text_test/no/such/dir/file.json"));
   EXPECT_FALSE(Json::toFile(v, "/tmp/json_text_test"));

@@ -1,23 +1,15 @@
 // Preferences and search history on the real package database.
 #include <fcntl.h>
-#include <gtest/gtest.h>
-#include <sys/stat.h>
-#include <sys/wait.h>
-#include <unistd.h>
 
-#include <string>
-#include <vector>
-
-#include "common/error.h"
-#include "kest/klib.h"
 #include "kestondri/db.h"
 #include "kestondri/pref.h"
-#include "support/sandbox.h"
+#include "platform/platform_test.h"
 
 namespace kesttest {
 namespace {
 
-using kestondri::Error;
+using kestondri::kErrInvalidParam;
+using kestondri::kErrNoPermission;
 using kestondri::db::DBSession;
 using kestondri::db::SearchHistory;
 using kestondri::db::SearchHistoryTable;
@@ -25,13 +17,10 @@ using kestondri::pref::Preference;
 
 constexpr char kDB[] = "/var/packages/KestOndri/var/kestondri.db";
 
-class PrefDBTest : public ::testing::Test {
+class PrefDBTest : public IdentityTest {
  protected:
-  void SetUp() override {
-    BecomeRoot();
-    for (const char* suffix : {"", "-wal", "-shm"}) unlink((std::string(kDB) + suffix).c_str());
-  }
-  void TearDown() override { BecomeRoot(); }
+  // As on a fresh system: the library makes the folder as well.
+  void SetUp() override { system("rm -rf /var/packages/KestOndri/var"); }
 
   static void Record(uint32_t uid, const std::string& keyword, int64_t time, int max = 50) {
     SearchHistory record;
@@ -47,27 +36,15 @@ class PrefDBTest : public ::testing::Test {
     }
     return out;
   }
-  static int CodeOf(const std::function<void()>& f) {
-    try {
-      f();
-    } catch (const Error& e) {
-      return e.code();
-    }
-    return 0;
-  }
 };
 
-TEST_F(PrefDBTest, DefaultsForAUserWhoNeverSetAnything) {
+TEST_F(PrefDBTest, DefaultsUnknownKeysAndWrongTypes) {
   Preference pref(kAnnUid);
   EXPECT_TRUE(pref.Get<bool>("enable_history"));
   EXPECT_EQ(50, pref.Get<int>("max_history_num"));
   EXPECT_FALSE(pref.Get<bool>("hide_ondri_index_prompt"));
   EXPECT_FALSE(pref.Get<bool>("hide_searchnow_index_prompt"));
   EXPECT_EQ(3, pref.Get<int>("max_fragment_num"));
-}
-
-TEST_F(PrefDBTest, UnknownKeysAndWrongTypesAreRefused) {
-  Preference pref(kAnnUid);
   struct Case {
     const char* what;
     std::function<void()> call;
@@ -77,54 +54,57 @@ TEST_F(PrefDBTest, UnknownKeysAndWrongTypesAreRefused) {
       {"bool read as string", [&] { pref.Get<std::string>("enable_history"); }},
       {"bool set as int", [&] { pref.Set<int>("enable_history", 1); }},
   };
-  for (const auto& c : cases) EXPECT_EQ(kestondri::kErrInvalidParam, CodeOf(c.call)) << c.what;
+  for (const auto& c : cases) EXPECT_EQ(kErrInvalidParam, CodeOf("root", c.call)) << c.what;
 }
 
 TEST_F(PrefDBTest, EachUserKeepsOwnValuesAndCannotReachOthers) {
-  ASSERT_TRUE(ResetCredentialsByName("ann"));
-  Preference(kAnnUid).Set<bool>("enable_history", false);
-  Preference(kAnnUid).Set<int>("max_history_num", 7);
-  EXPECT_FALSE(Preference(kAnnUid).Get<bool>("enable_history"));
-  EXPECT_EQ(7, Preference(kAnnUid).Get<int>("max_history_num"));
-  // The privilege taken for the access is given back.
-  EXPECT_EQ(kAnnUid, geteuid());
-  EXPECT_EQ(kestondri::kErrNoPermission,
-            CodeOf([] { Preference(kBobUid).Get<bool>("enable_history"); }));
-  EXPECT_EQ(kestondri::kErrNoPermission,
-            CodeOf([] { Preference(kBobUid).Set<bool>("enable_history", false); }));
-  EXPECT_EQ(kAnnUid, geteuid());
-
-  ASSERT_TRUE(ResetCredentialsByName("bob"));
-  EXPECT_TRUE(Preference(kBobUid).Get<bool>("enable_history"));
-  EXPECT_EQ(kestondri::kErrNoPermission,
-            CodeOf([] { Preference(kAnnUid).Get<int>("max_history_num"); }));
+  As("ann", [] {
+    Preference(kAnnUid).Set<bool>("enable_history", false);
+    Preference(kAnnUid).Set<int>("max_history_num", 7);
+    EXPECT_FALSE(Preference(kAnnUid).Get<bool>("enable_history"));
+    EXPECT_EQ(7, Preference(kAnnUid).Get<int>("max_history_num"));
+  });
+  const struct {
+    const char* user;
+    std::function<void()> call;
+  } refused[] = {
+      {"ann", [] { Preference(kBobUid).Get<bool>("enable_history"); }},
+      {"ann", [] { Preference(kBobUid).Set<bool>("enable_history", false); }},
+      {"bob", [] { Preference(kAnnUid).Get<int>("max_history_num"); }},
+  };
+  for (const auto& r : refused) EXPECT_EQ(kErrNoPermission, CodeOf(r.user, r.call)) << r.user;
+  As("bob", [] { EXPECT_TRUE(Preference(kBobUid).Get<bool>("enable_history")); });
 
   // The package itself reads anyone's.
-  ASSERT_TRUE(ResetCredentialsByName("KestOndri"));
-  EXPECT_EQ(7, Preference(kAnnUid).Get<int>("max_history_num"));
-  BecomeRoot();
+  As("KestOndri", [] { EXPECT_EQ(7, Preference(kAnnUid).Get<int>("max_history_num")); });
   EXPECT_FALSE(Preference(kAnnUid).Get<bool>("enable_history"));
 }
 
 TEST_F(PrefDBTest, DatabaseBelongsToTheServiceUserAndIsClosedToOthers) {
-  ASSERT_TRUE(ResetCredentialsByName("ann"));
-  Preference(kAnnUid).Get<bool>("enable_history");
-  BecomeRoot();
+  // The folder store made the folder first, as root's.
+  ASSERT_EQ(0, mkdir("/var/packages/KestOndri/var", 0755));
+  As("ann", [] { Preference(kAnnUid).Get<bool>("enable_history"); });
+  // A file since handed to another owner and opened up is taken back and closed.
+  ASSERT_EQ(0, chown(kDB, 0, 0));
+  ASSERT_EQ(0, chmod(kDB, 0644));
+  As("ann", [] { Preference(kAnnUid).Get<bool>("enable_history"); });
   struct stat st {};
   ASSERT_EQ(0, stat(kDB, &st));
   EXPECT_EQ(kServiceUid, st.st_uid);
   EXPECT_EQ(0600u, st.st_mode & 07777);
   ASSERT_EQ(0, stat("/var/packages/KestOndri/var", &st));
   EXPECT_EQ(kServiceUid, st.st_uid);
+  EXPECT_EQ(0700u, st.st_mode & 07777);
   for (const char* suffix : {"-wal", "-shm"}) {
     if (stat((std::string(kDB) + suffix).c_str(), &st) == 0) {
       EXPECT_EQ(kServiceUid, st.st_uid) << suffix;
       EXPECT_EQ(0u, st.st_mode & 077) << suffix;
     }
   }
-  ASSERT_TRUE(ResetCredentialsByName("ann"));
-  EXPECT_EQ(-1, open(kDB, O_RDONLY));
-  EXPECT_EQ(EACCES, errno);
+  As("ann", [] {
+    EXPECT_EQ(-1, open(kDB, O_RDONLY));
+    EXPECT_EQ(EACCES, errno);
+  });
 }
 
 TEST_F(PrefDBTest, HistoryRefreshesKnownKeywordsAndKeepsTheNewestUpToTheLimit) {
@@ -147,11 +127,9 @@ TEST_F(PrefDBTest, HistoryRefreshesKnownKeywordsAndKeepsTheNewestUpToTheLimit) {
 
 TEST_F(PrefDBTest, HistoryOfOthersIsOutOfReach) {
   Record(kBobUid, "secret", 10);
-  ASSERT_TRUE(ResetCredentialsByName("ann"));
-  EXPECT_EQ(kestondri::kErrNoPermission, CodeOf([] { Keywords(kBobUid); }));
-  EXPECT_EQ(kestondri::kErrNoPermission, CodeOf([] { Record(kBobUid, "planted", 20); }));
-  Record(kAnnUid, "mine", 30);
-  BecomeRoot();
+  EXPECT_EQ(kErrNoPermission, CodeOf("ann", [] { Keywords(kBobUid); }));
+  EXPECT_EQ(kErrNoPermission, CodeOf("ann", [] { Record(kBobUid, "planted", 20); }));
+  As("ann", [] { Record(kAnnUid, "mine", 30); });
   EXPECT_EQ((std::vector<std::string>{"secret"}), Keywords(kBobUid));
   EXPECT_EQ((std::vector<std::string>{"mine"}), Keywords(kAnnUid));
 }
@@ -162,27 +140,15 @@ TEST_F(PrefDBTest, ConcurrentWritersInSeveralProcessesLoseNothing) {
   Record(kAnnUid, "seed", 1);  // the file exists before the race
   std::vector<pid_t> pids;
   for (int w = 0; w < kWriters; ++w) {
-    const pid_t pid = fork();
-    ASSERT_GE(pid, 0);
-    if (pid == 0) {
-      int status = 0;
-      try {
-        ResetCredentialsByName("KestOndri");
-        for (int i = 0; i < kEach; ++i) {
-          Record(kAnnUid, "w" + std::to_string(w) + "-" + std::to_string(i), 1000 + i, 1000);
-        }
-      } catch (...) {
-        status = 1;
+    pids.push_back(InChild(fork(), [w] {
+      if (!ResetCredentialsByName("KestOndri")) return false;
+      for (int i = 0; i < kEach; ++i) {
+        Record(kAnnUid, "w" + std::to_string(w) + "-" + std::to_string(i), 1000 + i, 1000);
       }
-      _exit(status);
-    }
-    pids.push_back(pid);
+      return true;
+    }));
   }
-  for (pid_t pid : pids) {
-    int status = 0;
-    ASSERT_EQ(pid, waitpid(pid, &status, 0));
-    EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0);
-  }
+  for (pid_t pid : pids) EXPECT_EQ(0, ExitStatus(pid));
   EXPECT_EQ(static_cast<size_t>(kWriters * kEach + 1), Keywords(kAnnUid).size());
 }
 

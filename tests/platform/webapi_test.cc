@@ -2,7 +2,9 @@
 // response's states and wire form.
 #include <gtest/gtest.h>
 
+#include <cstring>
 #include <string>
+#include <vector>
 
 #include "kest/json.h"
 #include "kest/webapi.h"
@@ -21,7 +23,7 @@ APIRequest RequestWith(const Json::Value& value) {
 }
 
 // Which getter accepts a value: s(tring) i(nt) l(int64) d(ouble) b(ool)
-// o(bject) a(rray).
+// o(bject) a(rray). No text: the parameter is not given at all.
 struct TypeCase {
   const char* json;
   const char* accepted_by;
@@ -53,85 +55,53 @@ const TypeCase kTypeCases[] = {
     {R"({"a":{"b":[1]}})", "o"},
     {"[]", "a"},
     {R"([1,"x"])", "a"},
+    {nullptr, ""},
 };
 
-bool Accepts(const TypeCase& c, char kind) {
-  return std::string(c.accepted_by).find(kind) != std::string::npos;
-}
-
-// Checks the states of one parameter read from a present member.
+// The states of one parameter: given or not, of an accepted type or not.
 template <typename T>
-void ExpectPresent(const KEST::APIParameter<T>& p, bool accepted, const T& value, const T& fallback,
-                   const std::string& what) {
-  EXPECT_TRUE(p.IsSet()) << what;
-  EXPECT_FALSE(p.IsReset()) << what;
-  EXPECT_EQ(!accepted, p.IsInvalid()) << what;
-  if (accepted) {
-    EXPECT_EQ(value, p.Get()) << what;
-    EXPECT_EQ(value, p.Get(fallback)) << what;
-  } else {
-    EXPECT_EQ(T{}, p.Get()) << what;
-    EXPECT_EQ(fallback, p.Get(fallback)) << what;
-  }
+void ExpectRead(const KEST::APIParameter<T>& p, bool given, bool required, bool accepted,
+                const T& value, const T& fallback, const std::string& what) {
+  EXPECT_EQ(given, p.IsSet()) << what;
+  EXPECT_EQ(!given, p.IsReset()) << what;
+  EXPECT_EQ(given ? !accepted : required, p.IsInvalid()) << what;
+  EXPECT_EQ(accepted ? value : T{}, p.Get()) << what;
+  EXPECT_EQ(accepted ? value : fallback, p.Get(fallback)) << what;
 }
 
 TEST(WebAPIGetterTest, EachGetterAcceptsExactlyItsTypesWhetherRequiredOrNot) {
   for (const auto R : {APIRequest::PARAM_REQUIRED, APIRequest::PARAM_OPTIONAL})
     for (const auto& c : kTypeCases) {
-      const Json::Value v = ParseJson(c.json);
-      const APIRequest request = RequestWith(v);
-      const std::string what = std::string("value ") + c.json;
-      ExpectPresent<std::string>(request.GetAndCheckString("p", R), Accepts(c, 's'),
-                                 Accepts(c, 's') ? v.asString() : "", "fallback", what + " string");
-      ExpectPresent<int>(request.GetAndCheckInt("p", R), Accepts(c, 'i'),
-                         Accepts(c, 'i') ? v.asInt() : 0, -7, what + " int");
-      ExpectPresent<int64_t>(request.GetAndCheckInt64("p", R), Accepts(c, 'l'),
-                             Accepts(c, 'l') ? v.asInt64() : 0, -7, what + " int64");
-      ExpectPresent<double>(request.GetAndCheckDouble("p", R), Accepts(c, 'd'),
-                            Accepts(c, 'd') ? v.asDouble() : 0.0, -7.5, what + " double");
-      ExpectPresent<bool>(request.GetAndCheckBool("p", R), Accepts(c, 'b'),
-                          Accepts(c, 'b') ? v.asBool() : false, true, what + " bool");
+      const bool given = c.json, required = R == APIRequest::PARAM_REQUIRED;
+      const Json::Value v = given ? ParseJson(c.json) : Json::Value();
+      const APIRequest request =
+          given ? RequestWith(v) : APIRequest(Json::Value(Json::objectValue), 0, "root", "", true);
+      const std::string what = std::string("value ") + (given ? c.json : "(none)");
+      auto accepts = [&](char kind) { return std::strchr(c.accepted_by, kind) != nullptr; };
+      auto read = [&](auto p, char kind, auto value, auto fallback, const char* type) {
+        ExpectRead<decltype(value)>(p, given, required, accepts(kind), value, fallback,
+                                    what + " " + type);
+      };
+      read(request.GetAndCheckString("p", R), 's', accepts('s') ? v.asString() : "",
+           std::string("fallback"), "string");
+      read(request.GetAndCheckInt("p", R), 'i', accepts('i') ? v.asInt() : 0, -7, "int");
+      read(request.GetAndCheckInt64("p", R), 'l', accepts('l') ? v.asInt64() : int64_t{0},
+           int64_t{-7}, "int64");
+      read(request.GetAndCheckDouble("p", R), 'd', accepts('d') ? v.asDouble() : 0.0, -7.5,
+           "double");
+      read(request.GetAndCheckBool("p", R), 'b', accepts('b') && v.asBool(), true, "bool");
       const Json::Value fallback("fallback");
-      ExpectPresent<Json::Value>(request.GetAndCheckObject("p", R), Accepts(c, 'o'), v, fallback,
-                                 what + " object");
-      ExpectPresent<Json::Value>(request.GetAndCheckArray("p", R), Accepts(c, 'a'), v, fallback,
-                                 what + " array");
-      ExpectPresent<Json::Value>(request.GetAndCheckUnitArray("p", R), Accepts(c, 'a'), v, fallback,
-                                 what + " unit array");
+      read(request.GetAndCheckObject("p", R), 'o', v, fallback, "object");
+      read(request.GetAndCheckArray("p", R), 'a', v, fallback, "array");
+      read(request.GetAndCheckUnitArray("p", R), 'a', v, fallback, "unit array");
     }
 }
 
 TEST(WebAPIGetterTest, StringsKeepEveryByte) {
-  const std::string with_nul("a\0b", 3);
-  const std::string invalid_utf8 = "\xff\xfe\xc3(";
-  for (const std::string& s : {with_nul, invalid_utf8, std::string(1 << 16, 'x')}) {
-    const APIRequest request = RequestWith(Json::Value(s));
-    auto p = request.GetAndCheckString("p", APIRequest::PARAM_REQUIRED);
-    ASSERT_FALSE(p.IsInvalid());
-    EXPECT_EQ(s, p.Get());
-  }
-}
-
-TEST(WebAPIGetterTest, AbsentParameter) {
-  const APIRequest request(Json::Value(Json::objectValue), 0, "root", "", true);
-  for (auto necessity : {APIRequest::PARAM_REQUIRED, APIRequest::PARAM_OPTIONAL}) {
-    const bool required = necessity == APIRequest::PARAM_REQUIRED;
-    auto s = request.GetAndCheckString("missing", necessity);
-    EXPECT_FALSE(s.IsSet());
-    EXPECT_TRUE(s.IsReset());
-    EXPECT_EQ(required, s.IsInvalid());
-    EXPECT_EQ("", s.Get());
-    EXPECT_EQ("d", s.Get("d"));
-    auto i = request.GetAndCheckInt("missing", necessity);
-    EXPECT_EQ(required, i.IsInvalid());
-    EXPECT_EQ(0, i.Get());
-    EXPECT_EQ(5, i.Get(5));
-    auto o = request.GetAndCheckObject("missing", necessity);
-    EXPECT_EQ(required, o.IsInvalid());
-    EXPECT_TRUE(o.Get().isNull());
-    auto a = request.GetAndCheckUnitArray("missing", necessity);
-    EXPECT_EQ(required, a.IsInvalid());
-    EXPECT_FALSE(a.IsSet());
+  for (const std::string& s :
+       {std::string("a\0b", 3), std::string("\xff\xfe\xc3("), std::string(1 << 16, 'x')}) {
+    EXPECT_EQ(s,
+              RequestWith(Json::Value(s)).GetAndCheckString("p", APIRequest::PARAM_REQUIRED).Get());
   }
 }
 
@@ -151,19 +121,16 @@ TEST(WebAPIGetterTest, ValidatorsSeeOnlyValuesOfTheRightType) {
   for (const auto& c : cases) {
     int calls = 0;
     int seen = -1;
-    const APIRequest request = RequestWith(ParseJson(c.json));
-    auto p = request.GetAndCheckInt("p", APIRequest::PARAM_OPTIONAL, [&](const int& v) {
-      ++calls;
-      seen = v;
-      return c.validator_answer;
-    });
+    auto p = RequestWith(ParseJson(c.json))
+                 .GetAndCheckInt("p", APIRequest::PARAM_OPTIONAL, [&](const int& v) {
+                   ++calls;
+                   seen = v;
+                   return c.validator_answer;
+                 });
     EXPECT_EQ(c.expected_calls, calls) << c.json;
-    if (calls) {
-      EXPECT_EQ(5, seen);
-    }
-    EXPECT_EQ(c.invalid, p.IsInvalid()) << c.json;
+    EXPECT_EQ(calls ? 5 : -1, seen) << c.json;
     EXPECT_TRUE(p.IsSet());
-    EXPECT_EQ(c.invalid ? 0 : 5, p.Get()) << c.json;
+    EXPECT_EQ(c.invalid, p.IsInvalid()) << c.json;
     EXPECT_EQ(c.invalid ? 9 : 5, p.Get(9)) << c.json;
   }
   int calls = 0;
@@ -175,9 +142,9 @@ TEST(WebAPIGetterTest, ValidatorsSeeOnlyValuesOfTheRightType) {
   EXPECT_EQ(0, calls);
   EXPECT_FALSE(absent.IsInvalid());
 
-  const APIRequest object = RequestWith(ParseJson(R"({"k":1})"));
-  auto rejected = object.GetAndCheckObject("p", APIRequest::PARAM_REQUIRED,
-                                           [](const Json::Value& v) { return v.isMember("x"); });
+  auto rejected = RequestWith(ParseJson(R"({"k":1})"))
+                      .GetAndCheckObject("p", APIRequest::PARAM_REQUIRED,
+                                         [](const Json::Value& v) { return v.isMember("x"); });
   EXPECT_TRUE(rejected.IsInvalid());
   EXPECT_TRUE(rejected.Get().isNull());
 }
@@ -208,52 +175,44 @@ TEST(WebAPIRequestTest, ParamsThatAreNoObjectReadAsEmpty) {
 TEST(WebAPIResponseTest, StatesAndWireForm) {
   const Json::Value data = ParseJson(R"({"hits":[1]})");
   const Json::Value errors = ParseJson(R"({"name":"path","reason":"required"})");
-  struct Step {
-    enum { kSuccess, kError } kind;
-    int code;
-    Json::Value data;
-  };
-  struct Case {
+  // Calls in order: a code of 0 is SetSuccess(data), any other SetError(code, data).
+  using Calls = std::vector<std::pair<int, Json::Value>>;
+  const std::string kErrors = R"("errors":{"name":"path","reason":"required"})";
+  const struct {
     const char* name;
-    std::vector<Step> steps;
-    const char* wire;
-  };
-  const Case cases[] = {
+    Calls calls;
+    std::string wire;
+  } cases[] = {
       {"unset", {}, R"({"error":{"code":117},"success":false})"},
-      {"success", {{Step::kSuccess, 0, data}}, R"({"data":{"hits":[1]},"success":true})"},
-      {"success with null",
-       {{Step::kSuccess, 0, Json::Value()}},
-       R"({"data":null,"success":true})"},
-      {"error without data",
-       {{Step::kError, 503, Json::Value()}},
-       R"({"error":{"code":503},"success":false})"},
+      {"success", {{0, data}}, R"({"data":{"hits":[1]},"success":true})"},
+      {"success with null", {{0, Json::Value()}}, R"({"data":null,"success":true})"},
+      {"error without data", {{503, Json::Value()}}, R"({"error":{"code":503},"success":false})"},
       {"error with data",
-       {{Step::kError, 120, errors}},
-       R"({"error":{"code":120,"errors":{"name":"path","reason":"required"}},"success":false})"},
+       {{120, errors}},
+       R"({"error":{"code":120,)" + kErrors + "},\"success\":false}"},
       {"error wins over a later success",
-       {{Step::kError, 120, errors}, {Step::kSuccess, 0, data}},
-       R"({"error":{"code":120,"errors":{"name":"path","reason":"required"}},"success":false})"},
+       {{120, errors}, {0, data}},
+       R"({"error":{"code":120,)" + kErrors + "},\"success\":false}"},
       {"error replaces a success",
-       {{Step::kSuccess, 0, data}, {Step::kError, 800, Json::Value()}},
+       {{0, data}, {800, Json::Value()}},
        R"({"error":{"code":800},"success":false})"},
       {"later error replaces an earlier one",
-       {{Step::kError, 120, errors}, {Step::kError, 117, Json::Value()}},
+       {{120, errors}, {117, Json::Value()}},
        R"({"error":{"code":117},"success":false})"},
   };
   for (const auto& c : cases) {
     APIResponse response;
-    for (const auto& step : c.steps) {
-      if (step.kind == Step::kSuccess) {
-        response.SetSuccess(step.data);
+    for (const auto& call : c.calls) {
+      if (call.first == 0) {
+        response.SetSuccess(call.second);
       } else {
-        response.SetError(step.code, step.data);
+        response.SetError(call.first, call.second);
       }
     }
     EXPECT_EQ(c.wire, Json::toString(response.ToJson())) << c.name;
-    const bool is_error =
-        Json::toString(response.ToJson()).find("\"success\":false") != std::string::npos;
-    EXPECT_EQ(!c.steps.empty() && is_error, response.IsError()) << c.name;
-    EXPECT_EQ(!is_error, response.IsSuccess()) << c.name;
+    const bool success = c.wire.find("\"success\":true") != std::string::npos;
+    EXPECT_EQ(!c.calls.empty() && !success, response.IsError()) << c.name;
+    EXPECT_EQ(success, response.IsSuccess()) << c.name;
     if (response.IsError()) {
       EXPECT_TRUE(response.GetData().isNull()) << c.name;
     }

@@ -67,10 +67,22 @@ void PrepareFiles() {
   ServiceIds(&uid, &gid);
   const std::string parent = std::string(kDBFolder).substr(0, std::string(kDBFolder).rfind('/'));
   if (mkdir(parent.c_str(), 0755) != 0 && errno != EEXIST) Fail("cannot create " + parent);
-  if (mkdir(kDBFolder, 0700) == 0) {
-    if (chown(kDBFolder, uid, gid) != 0) Fail(std::string("cannot hand over ") + kDBFolder);
-  } else if (errno != EEXIST) {
+  if (mkdir(kDBFolder, 0700) != 0 && errno != EEXIST) {
     Fail(std::string("cannot create ") + kDBFolder);
+  }
+  // The folder may have been made by another of the package's libraries
+  // (the folder store lives below it) as root's: SQLite writes its journal
+  // beside the database as the service user, so the folder is handed over
+  // whoever made it. Only root can write its parent, so it is no planted link.
+  struct stat folder {};
+  if (lstat(kDBFolder, &folder) != 0 || !S_ISDIR(folder.st_mode)) {
+    Fail(std::string("cannot use ") + kDBFolder);
+  }
+  if ((folder.st_uid != uid || folder.st_gid != gid) && chown(kDBFolder, uid, gid) != 0) {
+    Fail(std::string("cannot hand over ") + kDBFolder);
+  }
+  if ((folder.st_mode & 07777) != 0700 && chmod(kDBFolder, 0700) != 0) {
+    Fail(std::string("cannot secure ") + kDBFolder);
   }
   const int fd = open(kDBPath, O_RDWR | O_CREAT | O_CLOEXEC | O_NOFOLLOW, 0600);
   if (fd < 0) Fail(std::string("cannot open ") + kDBPath);

@@ -236,16 +236,14 @@ class Reader {
       current_->skip = "Samba's [homes] serves each user's home; define homes in shares.conf";
     } else if (lower == "printers") {
       current_->skip = "a printer";
-    } else if (name.empty() ||
-               std::any_of(name.begin(), name.end(), [](char c) {
+    } else if (name.empty() || std::any_of(name.begin(), name.end(), [](char c) {
                  return c == '/' || c == '\\' || iscntrl(static_cast<unsigned char>(c));
                })) {
       current_->skip = "a character a share name cannot hold";
     }
   }
 
-  void Key(const std::string& key, const std::string& value, const std::string& where,
-           int depth) {
+  void Key(const std::string& key, const std::string& value, const std::string& where, int depth) {
     if (key == "include") return Include(value, where, depth);
     if (!current_) return;  // keys before any section: Samba ignores them too
     Section& s = *current_;

@@ -1,0 +1,312 @@
+// One request's life on the real system: acting as the login user, the
+// handler template's phases and answers, and the forked after-answer child.
+#include <gtest/gtest.h>
+#include <signal.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <cstdio>
+#include <functional>
+#include <new>
+#include <stdexcept>
+#include <string>
+#include <vector>
+
+#include "common/error.h"
+#include "common/sdk/credentials.h"
+#include "common/sdk/task.h"
+#include "kest/json.h"
+#include "kest/klib.h"
+#include "module/api_runner.h"
+#include "support/thrown.h"
+#include "webapi/ondri_api.h"
+
+namespace kesttest {
+namespace {
+
+using kestondri::Error;
+using kestondri::sdk::ForkTask;
+using kestondri::sdk::SDKCredentials;
+using kestondri::webapi::OndriAPI;
+using kestondri::webapi::OndriAPIRun;
+
+constexpr char kPostActionsFile[] = "/tmp/ondri_api_post_actions";
+constexpr char kExitHandlerFile[] = "/tmp/task_exit_handler_ran";
+
+// What the test subclass does, set by each test before the request.
+struct Script {
+  std::string throw_in;  // the phase that throws
+  std::function<void()> thrower;
+  bool clear_success = false;
+} g_script;
+std::vector<std::string> g_events;
+pid_t g_test_pid = 0;
+
+class PhaseAPI : public OndriAPI {
+ public:
+  PhaseAPI(KEST::APIRequest* request, KEST::APIResponse* response) : OndriAPI(request, response) {
+    g_events.push_back("construct as " + std::to_string(geteuid()));
+  }
+  ~PhaseAPI() override { g_events.push_back("destroy"); }
+
+ protected:
+  void Phase(const std::string& name) {
+    g_events.push_back(name);
+    if (g_script.throw_in == name) g_script.thrower();
+  }
+  void ParseParams() override {
+    Phase("ParseParams");
+    g_events.push_back("uid " + std::to_string(uid_) + " session " + session_id_);
+  }
+  void Execute() override {
+    Phase("Execute");
+    output_["hits"] = Json::Value(Json::arrayValue);
+    output_["hits"].append(1);
+    if (g_script.clear_success) set_success_ = false;
+  }
+  void FormOutput() override {
+    Phase("FormOutput");
+    output_["total"] = 1;
+  }
+  void PostActions() override {
+    struct sigaction action {};
+    sigaction(SIGUSR1, nullptr, &action);
+    WriteFile(kPostActionsFile, std::to_string(getpid()) + " " + std::to_string(geteuid()) +
+                                    (action.sa_handler == SIG_DFL ? " default" : " inherited"));
+  }
+};
+
+class RequestTest : public ModuleTest {
+ protected:
+  static void SetUpTestSuite() {
+    g_test_pid = getpid();
+    // Marks a child that ran the exit handlers it inherited.
+    atexit([] {
+      if (getpid() != g_test_pid) WriteFile(kExitHandlerFile, "yes");
+    });
+  }
+  void SetUp() override {
+    g_script = Script();
+    g_events.clear();
+    unlink(kPostActionsFile);
+    ModuleTest::SetUp();  // last: a clean log and errno
+  }
+
+  // Runs PhaseAPI (or `Class`) for `user` under a RequestGuard; returns the
+  // wait statuses of the children it forked.
+  template <typename Class = PhaseAPI>
+  std::vector<int> Run(const std::string& user, KEST::APIResponse* response) {
+    const uid_t uid = user == "ghost" ? 54321 : UserByName(user).uid;
+    KEST::APIRequest request(Json::Value(Json::objectValue), uid, user, "sess-" + user,
+                             user == "carol");
+    RequestGuard guard;
+    if (user == "carol") {
+      guard.ExpectIdentityAfter(0, 0);
+    } else if (user != "ghost") {
+      guard.ExpectIdentityAfter(user);
+    }
+    OndriAPIRun<Class>(&request, response);
+    return guard.Finish();
+  }
+};
+
+// Who the process acts as inside a credentials guard and after it. A named
+// guard acts as its user (root for an administrator) and re-applies the
+// user's own account when the identity changed inside; a default guard puts
+// back the identity it found. Neither does anything when nothing changed.
+TEST_F(RequestTest, CredentialsGuard) {
+  const struct {
+    const char* outer;    // the identity the guard starts from
+    const char* guard;    // null: the default guard
+    const char* as_user;  // AsUser() inside, or null
+    uid_t inside;
+    uid_t after;
+  } cases[] = {
+      {"root", "ann", nullptr, kAnnUid, kAnnUid},
+      {"root", "KestOndri", nullptr, kServiceUid, kServiceUid},
+      {"root", "carol", nullptr, 0, 0},
+      {"root", "ann", "bob", kBobUid, kAnnUid},
+      {"root", "ann", "carol", 0, 0},                  // back where it started: nothing re-applied
+      {"root", "carol", "dave", kDaveUid, kCarolUid},  // the account, not root
+      {"root", nullptr, "bob", kBobUid, 0},
+      {"bob", nullptr, "carol", 0, kBobUid},
+      {"root", nullptr, nullptr, 0, 0},
+  };
+  for (const auto& c : cases) {
+    const std::string what = std::string(c.outer) + " " + (c.guard ? c.guard : "default") + " " +
+                             (c.as_user ? c.as_user : "-");
+    BecomeRoot();
+    ASSERT_TRUE(ResetCredentialsByName(c.outer, true));
+    RequestGuard guard;
+    guard.ExpectIdentityAfter(c.after, c.after);
+    {
+      std::unique_ptr<SDKCredentials> credentials(c.guard ? new SDKCredentials(c.guard)
+                                                          : new SDKCredentials());
+      if (c.as_user) credentials->AsUser(c.as_user);
+      EXPECT_EQ(c.inside, geteuid()) << what;
+      EXPECT_EQ(c.inside, getegid()) << what;
+    }
+    guard.Finish();
+  }
+  EXPECT_TRUE(CapturedLines().empty());
+
+  // An effective uid without a user: the platform's code (user not found)
+  // is longer than the text, so nothing of the text is left.
+  BecomeRoot();
+  ASSERT_EQ(0, seteuid(54321));
+  errno = 0;
+  EXPECT_EQ("503 ", Thrown<Error>([] { SDKCredentials credentials; }));
+  EXPECT_EQ(std::vector<std::string>{LogLine(
+                "credentials.cc", 22, "SDKCredentials",
+                "Failed [0 > KESTUserGetByUID(euid_, &user_info) || !user_info]", getpid(), 54321)},
+            CapturedLines());
+}
+
+TEST_F(RequestTest, PhasesInOrderThenSuccessThenOneChild) {
+  for (const char* user : {"ann", "carol"}) {
+    SetUp();
+    const uid_t acts_as = std::string(user) == "carol" ? 0 : kAnnUid;
+    signal(SIGUSR1, SIG_IGN);
+    KEST::APIResponse response;
+    EXPECT_TRUE(AllExitedZero(Run(user, &response), 1)) << user;
+    signal(SIGUSR1, SIG_DFL);
+    const std::vector<std::string> expected = {
+        "construct as " + std::to_string(acts_as),
+        "ParseParams",
+        "uid " + std::to_string(UserByName(user).uid) + " session sess-" + user,
+        "Execute",
+        "FormOutput",
+        "destroy"};
+    EXPECT_EQ(expected, g_events) << user;
+    EXPECT_EQ(R"({"data":{"hits":[1],"total":1},"success":true})",
+              Json::toString(response.ToJson()));
+    // PostActions ran in a child, as the user, with default signal handling.
+    const std::string post = ReadFile(kPostActionsFile);
+    EXPECT_NE(std::to_string(getpid()), post.substr(0, post.find(' ')));
+    EXPECT_EQ(" " + std::to_string(acts_as) + " default", post.substr(post.find(' ')));
+    EXPECT_TRUE(CapturedLines().empty());
+  }
+}
+
+TEST_F(RequestTest, ThrowInAPhaseSkipsTheRestTheAnswerAndTheFork) {
+  const std::vector<std::string> order = {"ParseParams", "Execute", "FormOutput"};
+  for (const auto& phase : order) {
+    SetUp();
+    g_script.throw_in = phase;
+    g_script.thrower = [] { throw Error(kestondri::kErrInvalidParam, "bad"); };
+    KEST::APIResponse response;
+    EXPECT_TRUE(Run("ann", &response).empty()) << phase << ": no child";
+    EXPECT_EQ("destroy", g_events.back());
+    for (auto later = std::find(order.begin(), order.end(), phase) + 1; later != order.end();
+         ++later) {
+      EXPECT_EQ(g_events.end(), std::find(g_events.begin(), g_events.end(), *later)) << phase;
+    }
+    EXPECT_EQ(120, response.GetErrorCode());
+    EXPECT_NE(0, access(kPostActionsFile, F_OK));
+  }
+}
+
+// The base class answers null; a cleared success flag answers nothing. Both
+// fork the after-answer child.
+TEST_F(RequestTest, DefaultsAndAClearedSuccessFlag) {
+  g_script.clear_success = true;
+  KEST::APIResponse base;
+  EXPECT_TRUE(AllExitedZero(Run<OndriAPI>("bob", &base), 1));
+  EXPECT_EQ(R"({"data":null,"success":true})", Json::toString(base.ToJson()));
+  KEST::APIResponse cleared;
+  EXPECT_TRUE(AllExitedZero(Run("bob", &cleared), 1));
+  EXPECT_EQ(KEST::APIResponse::State::kUnset, cleared.GetState());
+  EXPECT_EQ(0, access(kPostActionsFile, F_OK));
+}
+
+TEST_F(RequestTest, LoginUserThatCannotBeActedAsAnswers503) {
+  KEST::APIResponse response;
+  EXPECT_TRUE(Run("ghost", &response).empty());
+  EXPECT_TRUE(g_events.empty()) << "no phase ran";
+  EXPECT_EQ(R"({"error":{"code":503},"success":false})", Json::toString(response.ToJson()));
+  EXPECT_EQ(
+      (std::vector<std::string>{LogLine("credentials.cc", 53, "AsUser",
+                                        "Failed [!ResetCredentialsByName(target_username)]"),
+                                LogLine(kOndriApiHeader, 52, "OndriAPIRun", "Got exception: ")}),
+      CapturedLines());
+}
+
+// What is thrown, as the handler answers and logs it and as a forked task
+// logs it; nothing of the reason reaches the client.
+TEST_F(RequestTest, WhatIsThrownIsMappedAndLogged) {
+  const struct {
+    std::function<void()> thrower;
+    int code;
+    int handler_line;
+    std::string handler_text;
+    int task_line;
+    std::string task_text;
+  } cases[] = {
+      {[] { throw Error(kestondri::kErrShare, "no share photo"); }, 800, 52,
+       "Got exception: no share photo", 33, "Failed to execute, 800 no share photo"},
+      {[] { throw Error(kestondri::kErrCredentials); }, 503, 52, "Got exception: ", 33,
+       "Failed to execute, 503 "},
+      {[] { throw Error(static_cast<kestondri::ErrorCode>(4001), "d"); }, 4001, 52,
+       "Got exception: d", 33, "Failed to execute, 4001 d"},
+      {[] {
+         errno = ENOENT;
+         throw Error(kestondri::kErrExecute, "r");
+       },
+       121, 52, "Got exception: r [err: No such file or directory]", 33,
+       "Failed to execute, 121 r [err: No such file or directory]"},
+      {[] { throw std::runtime_error("boom %s"); }, 117, 55, "Got std exception: boom %s", 35,
+       "Failed to execute, boom %s"},
+      {[] { throw std::bad_alloc(); }, 117, 55, "Got std exception: std::bad_alloc", 35,
+       "Failed to execute, std::bad_alloc"},
+      {[] { throw 42; }, 117, 58, "Got unknown exception", 37, "Failed to execute"},
+  };
+  for (const auto& c : cases) {
+    SetUp();
+    g_script.throw_in = "Execute";
+    g_script.thrower = c.thrower;
+    KEST::APIResponse response;
+    EXPECT_TRUE(Run("ann", &response).empty()) << c.handler_text;
+    EXPECT_EQ(0, errno) << c.handler_text;
+    EXPECT_EQ(R"({"error":{"code":)" + std::to_string(c.code) + R"(},"success":false})",
+              Json::toString(response.ToJson()));
+    // Logged once the object is gone, hence as the login user.
+    EXPECT_EQ(std::vector<std::string>{LogLine(kOndriApiHeader, c.handler_line, "OndriAPIRun",
+                                               c.handler_text, getpid(), kAnnUid)},
+              CapturedLines());
+
+    BecomeRoot();
+    SyslogCapture::Instance().Clear();
+    RequestGuard guard;
+    ForkTask task(1);
+    EXPECT_TRUE(task.DoTask(c.thrower));
+    EXPECT_TRUE(AllExitedZero(guard.Finish(), 1)) << c.task_text;
+    EXPECT_EQ(std::vector<std::string>{LogLine(kTaskHeader, c.task_line, "DoTask", c.task_text,
+                                               task.pid())},
+              CapturedLines());
+  }
+}
+
+// The task runs in the child only, which leaves with _exit: no exit handlers
+// and no second flush of the parent's buffered output.
+TEST_F(RequestTest, TaskRunsOnlyInTheChildWhichLeavesWithoutCleanUp) {
+  const std::string ran = "/tmp/task_ran";
+  unlink(ran.c_str());
+  unlink(kExitHandlerFile);
+  FILE* out = fopen("/tmp/task_stdio", "w");
+  ASSERT_NE(nullptr, out);
+  fputs("once", out);
+  RequestGuard guard;
+  ForkTask task(1);
+  ASSERT_TRUE(task.DoTask([&] { WriteFile(ran, std::to_string(getpid())); }));
+  EXPECT_TRUE(AllExitedZero(guard.Finish(), 1));
+  EXPECT_NE(getpid(), task.pid());
+  EXPECT_EQ(std::to_string(task.pid()), ReadFile(ran));
+  fclose(out);
+  EXPECT_EQ("once", ReadFile("/tmp/task_stdio"));
+  EXPECT_NE(0, access(kExitHandlerFile, F_OK)) << "the child ran exit handlers";
+  EXPECT_TRUE(CapturedLines().empty());
+}
+
+}  // namespace
+}  // namespace kesttest

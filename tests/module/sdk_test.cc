@@ -1,0 +1,325 @@
+// The module's platform access layer (common/sdk: credentials, forked tasks,
+// shares, share paths, users) on the real platform, with the test double
+// where the platform cannot be made to fail and to count what is asked of
+// it.
+#include <gtest/gtest.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <functional>
+#include <memory>
+#include <string>
+
+#include "common/error.h"
+#include "common/sdk/credentials.h"
+#include "common/sdk/share.h"
+#include "common/sdk/share_path.h"
+#include "common/sdk/task.h"
+#include "double/platform_double.h"
+#include "kest/klib.h"
+#include "module/api_runner.h"
+#include "support/thrown.h"
+#include "webapi/search.h"
+
+namespace kesttest {
+namespace {
+
+using kestondri::Error;
+using kestondri::ErrorCode;
+using kestondri::sdk::ForkTask;
+using kestondri::sdk::SDKCredentials;
+using kestondri::sdk::SDKShare;
+using kestondri::sdk::SharePathMgr;
+using kestondri::sdk::User;
+
+class SDKTest : public ModuleTest {
+ protected:
+  void SetUp() override {
+    WriteSharesConf(
+        "[global]\nuser home = yes\n"
+        "[photo]\npath = /volume1/photo\nhide unreadable = yes\nrecycle bin = yes\n"
+        "ftp disable list = yes\nftp disable download = yes\n"
+        "[docs]\npath = /volume1/docs\nread only = yes\nwrite list = ann\n"
+        "[vault]\npath = /volume2/vault\nencrypted = yes\n"
+        "[homes]\npath = /volume1/homes\n");
+    PlatformDouble::Reset();
+    ModuleTest::SetUp();  // last: a clean log and errno
+  }
+  void TearDown() override {
+    PlatformDouble::Reset();
+    ModuleTest::TearDown();
+  }
+
+  static User MakeUser(const char* name, bool home_enabled) {
+    User user;
+    user.name_ = name;
+    user.home_enabled_ = home_enabled;
+    return user;
+  }
+};
+
+TEST_F(SDKTest, CredentialsGuard) {
+  // Leaving a guard whose identity did not change makes no switch.
+  for (const char* user : {"", "root", "carol", "ann"}) {
+    BecomeRoot();
+    {
+      std::unique_ptr<SDKCredentials> credentials(*user ? new SDKCredentials(user)
+                                                        : new SDKCredentials());
+      PlatformDouble::Reset();
+    }
+    EXPECT_EQ(std::string(user) == "ann" ? 1 : 0, PlatformDouble::Calls("ResetCredentialsByName"))
+        << user;
+  }
+  BecomeRoot();
+
+  // The message of a failed lookup skips as many characters as the
+  // platform's error code.
+  const std::string text = "KESTUserGetByUID failed, err=";
+  const std::string expr = "Failed [0 > KESTUserGetByUID(euid_, &user_info) || !user_info]";
+  for (const int code : {0, 3, 30, -1}) {
+    SyslogCapture::Instance().Clear();
+    PlatformDouble::FailNext("KESTUserGetByUID", code);
+    const std::string message = code == 0 ? text : code == 3 ? text.substr(3) : "";
+    {
+      RequestGuard guard;
+      EXPECT_EQ("503 " + message, Thrown<Error>([] { SDKCredentials credentials; })) << code;
+    }
+    EXPECT_EQ(
+        std::vector<std::string>{LogLine("credentials.cc", 22, "SDKCredentials",
+                                         message.empty() ? expr : expr + ", reason: " + message)},
+        CapturedLines())
+        << code;
+  }
+  EXPECT_EQ(0, PlatformDouble::Calls("KESTUserFree")) << "nothing to free after a failure";
+
+  // A failed switch back throws, unless the scope is already unwinding
+  // (that would terminate): then it is logged only.
+  for (const bool unwinding : {false, true}) {
+    BecomeRoot();
+    SyslogCapture::Instance().Clear();
+    RequestGuard guard;
+    guard.ExpectIdentityAfter("ann");
+    EXPECT_EQ(unwinding ? "nothing" : "503 ", Thrown<Error>([unwinding] {
+                try {
+                  SDKCredentials credentials;
+                  credentials.AsUser("ann");
+                  PlatformDouble::FailNext("ResetCredentialsByName");
+                  if (unwinding) throw 1;
+                } catch (int) {
+                }
+              }));
+    EXPECT_EQ(std::vector<std::string>{LogLine("credentials.cc", 39, "~SDKCredentials",
+                                               "Failed [!ResetCredentialsByName(username_)]",
+                                               getpid(), kAnnUid)},
+              CapturedLines());
+  }
+}
+
+// A failed fork runs nothing and is logged; the request that wanted it keeps
+// its answer.
+TEST_F(SDKTest, FailedFork) {
+  const std::vector<std::string> line = {
+      LogLine(kTaskHeader, 43, "DoTask", "Failed to fork [err: Resource temporarily unavailable]")};
+  bool ran = false;
+  {
+    RequestGuard guard;
+    PlatformDouble::FailNext("KLIBCProcForkEx");
+    ForkTask task(1);
+    EXPECT_FALSE(task.DoTask([&] { ran = true; }));
+    EXPECT_GT(0, task.pid());
+    EXPECT_TRUE(guard.Finish().empty());
+  }
+  EXPECT_FALSE(ran);
+  EXPECT_EQ(0, errno);
+  EXPECT_EQ(line, CapturedLines());
+
+  SyslogCapture::Instance().Clear();
+  PlatformDouble::FailNext("KLIBCProcForkEx");
+  std::vector<int> children;
+  EXPECT_TRUE(RunAPI<kestondri::webapi::OndriAPI>(kCarol, Json::Value(Json::objectValue), &children)
+                  .IsSuccess());
+  EXPECT_TRUE(children.empty());
+  EXPECT_EQ(2, PlatformDouble::Calls("KLIBCProcForkEx"));
+  EXPECT_EQ(line, CapturedLines());
+}
+
+// Each owner of a page of hits is looked up once per request (the login user
+// by name, from the seed of the cache); a failed lookup leaves the name blank
+// for that uid, and a login user the platform cannot find is 801.
+TEST_F(SDKTest, SearchOwnerLookups) {
+  WriteSharesConf("[docs]\npath = /volume1/docs\nread list = @staff\n");
+  WriteFile("/volume1/docs/a.txt", "x");
+  const struct {
+    const char* fail;
+    int code;
+    std::string answer;  // the owner names, or the error code
+  } cases[] = {
+      {nullptr, 0, R"(["bob", "", "bob", "", "ann", "root"])"},
+      {"KESTUserGetByUID", KLIB_ERR_SYSTEM, R"(["", "", "", "", "ann", "root"])"},
+      {"KESTUserGet", KLIB_ERR_USER_NOT_FOUND, "801"},
+  };
+  for (const auto& c : cases) {
+    FakeDaemon daemon;
+    DaemonReply page;
+    for (const char* owner : {"2002", "77777", "2002", "77777", "2001", "0"}) {
+      page.Text(R"({"KESTMDPath": "/volume1/docs/a.txt", "KESTMDOwnerUserID": ")" +
+                std::string(owner) + R"("})");
+    }
+    daemon.On("search", page.Text(R"({"success": true})"));
+    daemon.On("list_db_status", DaemonReply::Success(Json::Value(Json::objectValue)));
+    PlatformDouble::Reset();
+    if (c.fail) PlatformDouble::FailNext(c.fail, c.code);
+    const auto response = RunAPI<kestondri::webapi::SearchAPI>(
+        kAnn, ParseJson(R"({"indice": ["docs"], "from": 0, "size": 10, "fields": [],
+                             "file_type": ""})"));
+    if (response.IsError()) {
+      EXPECT_EQ(c.answer, std::to_string(response.GetErrorCode()));
+      continue;
+    }
+    Json::Value names(Json::arrayValue);
+    for (const auto& hit : response.GetData()["hits"]) names.append(hit["KESTMDOwnerUserName"]);
+    EXPECT_EQ(ParseJson(c.answer), names);
+    EXPECT_EQ(1, PlatformDouble::Calls("KESTUserGet"));
+    EXPECT_EQ(3, PlatformDouble::Calls("KESTUserGetByUID")) << "bob, 77777 and root";
+  }
+}
+
+TEST_F(SDKTest, AnswersFromTheConfigurationAskedOnce) {
+  const struct {
+    const char* share;
+    bool hide;
+    bool recycle;
+    bool encryption;
+    bool indexed;  // neither encrypted nor read-only
+  } cases[] = {
+      {"photo", true, true, false, true},
+      {"docs", false, false, false, false},
+      {"vault", false, false, true, false},
+  };
+  for (const auto& c : cases) {
+    SDKShare share(c.share);
+    EXPECT_EQ(c.hide, share.IsHideUnReadable()) << c.share;
+    EXPECT_EQ(c.recycle, share.IsEnableRecycleBin()) << c.share;
+    EXPECT_EQ(c.encryption, share.IsEncryption()) << c.share;
+    EXPECT_EQ(c.indexed, share.CanBeIndexed()) << c.share;
+  }
+  SDKShare docs("docs");
+  EXPECT_EQ(KEST_SHARE_PRIV_RW, docs.GetPrivilege("ann"));
+  EXPECT_EQ(KEST_SHARE_PRIV_NA, docs.GetPrivilege("bob"));
+  EXPECT_EQ(KEST_SHARE_PRIV_NA, docs.GetPrivilege("nosuchuser"));
+
+  PlatformDouble::Reset();
+  SDKShare photo("photo");
+  EXPECT_EQ(0x5u, photo.GetFTPPrivilege());
+  EXPECT_TRUE(photo.IsSpaceEnough());
+  for (int twice = 0; twice < 2; ++twice) {
+    EXPECT_EQ("/volume1/@kestondri/queue/photo.queue", photo.GetQueuePath());
+    EXPECT_EQ("/volume1/@kestondri/index/photo", photo.GetDBPath());
+    EXPECT_EQ("fileindex_photo", photo.GetDBName());
+    EXPECT_EQ(KEST_SHARE_PRIV_RW, photo.GetPrivilege("dave"));
+  }
+  EXPECT_EQ(1, PlatformDouble::Calls("FILEIDXDBPathCompose"));
+  EXPECT_EQ(1, PlatformDouble::Calls("FILEIDXQueuePathCompose"));
+  EXPECT_EQ(1, PlatformDouble::Calls("FILEIDXGetIndexID"));
+  EXPECT_EQ(1, PlatformDouble::Calls("KESTShareUserPrivCalc"));
+
+  // Only two quota codes mean "not enough".
+  for (const int code : {0x2900, 0x2400, 0x0300}) {
+    PlatformDouble::FailNext("KESTQuotaIsEnough", code);
+    EXPECT_EQ(code == 0x0300, photo.IsSpaceEnough()) << std::hex << code;
+  }
+}
+
+TEST_F(SDKTest, FailuresThrowWithTheirTexts) {
+  const struct {
+    const char* function;  // null: the real platform fails
+    int line;
+    ErrorCode code;
+    std::string reason;
+    std::function<void()> call;
+  } cases[] = {
+      {nullptr, 34, kestondri::kErrShare, "nosuch", [] { SDKShare share("nosuch"); }},
+      {"KLIBShareIsEncryptedGet", 73, kestondri::kErrPlatform,
+       "KLIBShareis_encryptedGet failed, share=photo", [] { SDKShare("photo").CanBeIndexed(); }},
+      {"KLIBShareIsReadOnlyGet", 75, kestondri::kErrPlatform,
+       "KLIBShareis_readonlyGet failed, share=photo", [] { SDKShare("photo").CanBeIndexed(); }},
+      {"KLIBShareIsEncryptionGet", 87, kestondri::kErrPlatform,
+       "KLIBShareIsEncryptionGet failed, share=photo", [] { SDKShare("photo").IsEncryption(); }},
+      {"KLIBShareRecycleStatusGet", 99, kestondri::kErrPlatform,
+       "KLIBShareRecycleStatusGet failed, share=photo",
+       [] { SDKShare("photo").IsEnableRecycleBin(); }},
+      {"FILEIDXQueuePathCompose", 156, kestondri::kErrPlatform,
+       "FILEIDXQueuePathCompose failed, share=photo", [] { SDKShare("photo").GetQueuePath(); }},
+      {"FILEIDXDBPathCompose", 170, kestondri::kErrPlatform,
+       "FILEIDXDBPathCompose failed, share=photo", [] { SDKShare("photo").GetDBPath(); }},
+      {"FILEIDXGetIndexID", 184, kestondri::kErrPlatform, "FILEIDXGetIndexID failed, share=photo",
+       [] { SDKShare("photo").GetDBName(); }},
+      {"KLIBCSzListAlloc", 54, kestondri::kErrExecute, "KLIBCSzListAlloc failed",
+       [] { SDKShare::Enum(); }},
+      {"KLIBShareEnum", 56, kestondri::kErrExecute, "KLIBShareEnum failed",
+       [] { SDKShare::Enum(); }},
+  };
+  for (const auto& c : cases) {
+    SyslogCapture::Instance().Clear();
+    if (c.function) PlatformDouble::FailNext(c.function);
+    EXPECT_EQ(std::to_string(c.code) + " " + c.reason, Thrown<Error>(c.call));
+    const auto lines = CapturedLines();
+    ASSERT_EQ(1u, lines.size()) << c.reason;
+    EXPECT_EQ(0u, lines[0].find("share.cc:" + std::to_string(c.line) + " (")) << lines[0];
+    EXPECT_NE(std::string::npos, lines[0].find("], reason: " + c.reason)) << lines[0];
+  }
+  // A failure is not cached: the next call asks again and succeeds.
+  SDKShare photo("photo");
+  PlatformDouble::FailNext("FILEIDXDBPathCompose");
+  EXPECT_THROW(photo.GetDBPath(), Error);
+  EXPECT_EQ("/volume1/@kestondri/index/photo", photo.GetDBPath());
+  // Without the lists of the platform a hidden flag reads as unset.
+  PlatformDouble::FailNext("KLIBShareHideUnreadableGet");
+  EXPECT_FALSE(photo.IsHideUnReadable());
+}
+
+// Users see "/" + share + the rest, and their own home as /home.
+TEST_F(SDKTest, VolumePathsBecomeSharePaths) {
+  const struct {
+    const char* vol_path;
+    const char* user;
+    bool home_enabled;
+    const char* expected;
+  } cases[] = {
+      {"/volume1/photo/trip/a.jpg", "ann", true, "/photo/trip/a.jpg"},
+      {"/volume1/photo", "ann", true, "/photo"},
+      {"/volume1/homes/ann/docs/a.txt", "ann", true, "/home/docs/a.txt"},
+      {"/volume1/homes/ann", "ann", true, "/home"},
+      {"/volume1/homes/bob/x", "ann", true, "/homes/bob/x"},
+      {"/volume1/homes/ann2/x", "ann", true, "/homes/ann2/x"},
+      {"/volume1/homes/ann/x", "ann", false, "/homes/ann/x"},  // no home service
+      {"/volume1/homes", "ann", true, "/homes"},
+      {"/volume2/vault/k", "dave", true, "/vault/k"},
+      {"/volume1/elsewhere/a", "ann", true, ""},  // in no share
+  };
+  for (const auto& c : cases) {
+    User user = MakeUser(c.user, c.home_enabled);
+    EXPECT_EQ(c.expected, SharePathMgr::GetSharePath(c.vol_path, user)) << c.vol_path;
+  }
+  EXPECT_EQ(std::vector<std::string>{LogLine(
+                "share_path.cc", 15, "GetSharePath",
+                "KESTShareNamePathGet failed, vol_path=/volume1/elsewhere/a")},
+            CapturedLines());
+
+  // The home path is asked of the platform once, and only with the service.
+  PlatformDouble::Reset();
+  User ann = MakeUser("ann", true);
+  EXPECT_EQ("/volume1/homes/ann", ann.GetHomePath());
+  EXPECT_EQ("/volume1/homes/ann", ann.GetHomePath());
+  EXPECT_EQ("", MakeUser("ann", false).GetHomePath());
+  EXPECT_EQ(1, PlatformDouble::Calls("KESTServiceHomePathGet"));
+  User unknown = MakeUser("nosuchuser", true);
+  EXPECT_EQ("502 KESTServiceHomePathGet failed, user=nosuchuser",
+            Thrown<Error>([&] { unknown.GetHomePath(); }));
+  EXPECT_TRUE(SyslogCapture::Instance().WaitFor("../../..//src/include/common/sdk/user.h:47 ("));
+  // Through GetSharePath the home lookup's failure is the only throw.
+  EXPECT_THROW(SharePathMgr::GetSharePath("/volume1/homes/x/y", unknown), Error);
+}
+
+}  // namespace
+}  // namespace kesttest
