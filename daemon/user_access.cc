@@ -96,7 +96,8 @@ UserAccess::UserAccess(uid_t uid, gid_t fallback_gid) : uid_(uid) {
 }
 
 std::vector<bool> UserAccess::CheckAll(const std::vector<std::string>& paths,
-                                       const std::vector<std::string>* identities) {
+                                       const std::vector<std::string>* identities,
+                                       const std::function<bool()>& stop) {
   std::vector<bool> result(paths.size(), false);
   if (!known_) return result;
   // Grouped by folder: each folder is opened once (as the user, so reaching
@@ -121,7 +122,9 @@ std::vector<bool> UserAccess::CheckAll(const std::vector<std::string>& paths,
       int dir_fd = -1;
       std::string_view open_dir;
       bool have_dir = false;
+      size_t checked = 0;
       for (size_t i : order) {
+        if (stop && ++checked % 1024 == 0 && stop()) break;
         if (!have_dir || dirs[i] != open_dir) {
           if (dir_fd >= 0) close(dir_fd);
           open_dir = dirs[i];

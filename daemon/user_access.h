@@ -15,6 +15,7 @@
 
 #include <sys/types.h>
 
+#include <functional>
 #include <optional>
 #include <string>
 #include <vector>
@@ -36,9 +37,11 @@ class UserAccess {
   // With `identities` (one per path, index::FileIdentity form), a path also
   // has to name that very file, looked up after the permission check from
   // the same folder handle: a file put in its place since then, or an empty
-  // identity, answers false.
+  // identity, answers false. `stop`, asked now and then, ends the checks
+  // early: the paths not checked yet answer false.
   std::vector<bool> CheckAll(const std::vector<std::string>& paths,
-                             const std::vector<std::string>* identities = nullptr);
+                             const std::vector<std::string>* identities = nullptr,
+                             const std::function<bool()>& stop = nullptr);
 
   uid_t uid() const { return uid_; }
 
