@@ -255,7 +255,8 @@ MatchPage RunQuery(const Shards& shards, const Xapian::Query& query, int64_t fro
     const std::string& root = shards.roots[(ids[i] - 1) % n];
     if (!root.empty() && !PathWithin(paths[i], root)) paths[i].clear();
   }
-  std::vector<bool> visible = access->CheckAll(paths, &identities, [&out] { return out.Abandoned(); });
+  std::vector<bool> visible =
+      access->CheckAll(paths, &identities, [&out] { return out.Abandoned(); });
   for (size_t i = 0; i < ids.size(); ++i) {
     if (!visible[i]) continue;
     int64_t rank = page.total++;
