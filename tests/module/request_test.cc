@@ -72,8 +72,11 @@ class PhaseAPI : public OndriAPI {
   void PostActions() override {
     struct sigaction action {};
     sigaction(SIGUSR1, nullptr, &action);
+    sigset_t mask;
+    sigprocmask(SIG_SETMASK, nullptr, &mask);
+    const bool reset = action.sa_handler == SIG_DFL && !sigismember(&mask, SIGUSR2);
     WriteFile(kPostActionsFile, std::to_string(getpid()) + " " + std::to_string(geteuid()) +
-                                    (action.sa_handler == SIG_DFL ? " default" : " inherited"));
+                                    (reset ? " default" : " inherited"));
   }
 };
 
@@ -168,8 +171,13 @@ TEST_F(RequestTest, PhasesInOrderThenSuccessThenOneChild) {
     SetUp();
     const uid_t acts_as = std::string(user) == "carol" ? 0 : kAnnUid;
     signal(SIGUSR1, SIG_IGN);
+    sigset_t usr2, old_mask;
+    sigemptyset(&usr2);
+    sigaddset(&usr2, SIGUSR2);
+    sigprocmask(SIG_BLOCK, &usr2, &old_mask);
     KEST::APIResponse response;
     EXPECT_TRUE(AllExitedZero(Run(user, &response), 1)) << user;
+    sigprocmask(SIG_SETMASK, &old_mask, nullptr);
     signal(SIGUSR1, SIG_DFL);
     const std::vector<std::string> expected = {
         "construct as " + std::to_string(acts_as),
@@ -181,7 +189,8 @@ TEST_F(RequestTest, PhasesInOrderThenSuccessThenOneChild) {
     EXPECT_EQ(expected, g_events) << user;
     EXPECT_EQ(R"({"data":{"hits":[1],"total":1},"success":true})",
               Json::toString(response.ToJson()));
-    // PostActions ran in a child, as the user, with default signal handling.
+    // PostActions ran in a child, as the user, with default signal handling
+    // and nothing blocked.
     const std::string post = ReadFile(kPostActionsFile);
     EXPECT_NE(std::to_string(getpid()), post.substr(0, post.find(' ')));
     EXPECT_EQ(" " + std::to_string(acts_as) + " default", post.substr(post.find(' ')));
