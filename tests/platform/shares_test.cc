@@ -87,6 +87,39 @@ TEST_F(SharesTest, RecordsAndTheirEnumeration) {
   KLIBCSzListFree(list);
 }
 
+// An smb.conf as Samba's own tools write it: indented keys, continued lines,
+// defaults in [global], and shares this product cannot serve.
+const char kSmbConf[] =
+    "[global]\n"
+    "   workgroup = WORKGROUP\n"
+    "   log file = /var/log/samba/log.%m\n"
+    "   invalid users = root\n"
+    "[printers]\n"
+    "   path = /var/spool/samba\n"
+    "   printable = yes\n"
+    "[homes]\n"
+    "   valid users = %S\n"
+    "[projects]\n"
+    "   path = /volume1/projects\n"
+    "   writeable = yes\n"
+    "   valid users = @staff, \\\n"
+    "                 carol\n"
+    "   read list = bob\n"
+    "   vfs objects = recycle\n"
+    "[media]\n"
+    "   path = /volume2/media/\n"
+    "   write list = carol\n"
+    "[scratch]\n"
+    "   path = /srv/scratch\n"
+    "[net]\n"
+    "   path = /volume1/net\n"
+    "   valid users = &engineers\n"
+    "[off]\n"
+    "   path = /volume1/off\n"
+    "   available = no\n"
+    "[DOCS]\n"
+    "   path = /volume1/docs2\n";
+
 // Shares beside those of kConf: a write list on a read-only share, groups
 // that do not exist, a list continued on an indented line, keys in any case.
 const char kMoreShares[] =
@@ -98,8 +131,15 @@ const char kMoreShares[] =
     "    bob\n"
     "invalid users = dave # not a comment, a name\n";
 
+// kConf with Samba's shares beside its own.
+std::string WithSamba(std::string conf) {
+  WriteFile("/etc/kest/smb.conf", kSmbConf);
+  return conf.replace(strlen("; shares of the test host\n[global]\n"), 0,
+                      "samba config = /etc/kest/smb.conf\n");
+}
+
 TEST_F(SharesTest, PrivilegeFollowsTheListsInOrder) {
-  WriteSharesConf(std::string(kConf) + kMoreShares);
+  WriteSharesConf(WithSamba(kConf) + kMoreShares);
   struct Case {
     const char* share;
     const char* user;
@@ -117,6 +157,14 @@ TEST_F(SharesTest, PrivilegeFollowsTheListsInOrder) {
       {"ro", "bob", KEST_SHARE_PRIV_NA},  // unknown groups match nobody
       {"Lists", "bob", KEST_SHARE_PRIV_RO},
       {"Lists", "dave", KEST_SHARE_PRIV_NA},
+      // Samba's own rules on its shares.
+      {"projects", "ann", KEST_SHARE_PRIV_RW},    // valid through @staff, writeable
+      {"projects", "bob", KEST_SHARE_PRIV_RO},    // read list
+      {"projects", "carol", KEST_SHARE_PRIV_RW},  // valid by name, on a continued line
+      {"projects", "dave", KEST_SHARE_PRIV_NA},   // not a valid user
+      {"projects", "root", KEST_SHARE_PRIV_NA},   // invalid users of [global]
+      {"media", "carol", KEST_SHARE_PRIV_RW},     // write list
+      {"media", "dave", KEST_SHARE_PRIV_RO},      // the lists name others; Samba's read only
   };
   for (const auto& c : cases) {
     ShareHolder share;
@@ -244,69 +292,13 @@ TEST_F(SharesTest, MalformedFileNamesTheLine) {
   EXPECT_EQ(1u, SyslogCapture::Instance().Matching(KLIBCErrTextGet()).size()) << KLIBCErrTextGet();
 }
 
-// An smb.conf as Samba's own tools write it: indented keys, continued lines,
-// defaults in [global], and shares this product cannot serve.
-const char kSmbConf[] =
-    "[global]\n"
-    "   workgroup = WORKGROUP\n"
-    "   log file = /var/log/samba/log.%m\n"
-    "   invalid users = root\n"
-    "[printers]\n"
-    "   path = /var/spool/samba\n"
-    "   printable = yes\n"
-    "[homes]\n"
-    "   valid users = %S\n"
-    "[projects]\n"
-    "   path = /volume1/projects\n"
-    "   writeable = yes\n"
-    "   valid users = @staff, \\\n"
-    "                 carol\n"
-    "   read list = bob\n"
-    "   vfs objects = recycle\n"
-    "[media]\n"
-    "   path = /volume2/media/\n"
-    "   write list = carol\n"
-    "[scratch]\n"
-    "   path = /srv/scratch\n"
-    "[net]\n"
-    "   path = /volume1/net\n"
-    "   valid users = &engineers\n"
-    "[off]\n"
-    "   path = /volume1/off\n"
-    "   available = no\n"
-    "[DOCS]\n"
-    "   path = /volume1/docs2\n";
-
 TEST_F(SharesTest, SambaSharesAreServedWithSambasRules) {
-  WriteFile("/etc/kest/smb.conf", kSmbConf);
-  WriteSharesConf(std::string(kConf).replace(strlen("; shares of the test host\n[global]\n"), 0,
-                                             "samba config = /etc/kest/smb.conf\n"));
+  WriteSharesConf(WithSamba(kConf));
   PKLIBCSZLIST list = KLIBCSzListAlloc(1);
   ASSERT_EQ(6, KLIBShareEnum(&list, nullptr)) << KLIBCErrTextGet();
   EXPECT_STREQ("projects", KLIBCSzListGet(list, 4));
   EXPECT_STREQ("media", KLIBCSzListGet(list, 5));
   KLIBCSzListFree(list);
-
-  struct Case {
-    const char* share;
-    const char* user;
-    int priv;
-  } cases[] = {
-      {"projects", "ann", KEST_SHARE_PRIV_RW},    // valid through @staff, writeable
-      {"projects", "bob", KEST_SHARE_PRIV_RO},    // read list
-      {"projects", "carol", KEST_SHARE_PRIV_RW},  // valid by name, on a continued line
-      {"projects", "dave", KEST_SHARE_PRIV_NA},   // not a valid user
-      {"projects", "root", KEST_SHARE_PRIV_NA},   // invalid users of [global]
-      {"media", "carol", KEST_SHARE_PRIV_RW},     // write list
-      {"media", "dave", KEST_SHARE_PRIV_RO},      // the lists name others; Samba's read only
-      {"docs", "dave", KEST_SHARE_PRIV_RO},       // the own file's rules are unchanged
-      {"docs", "KestOndri", KEST_SHARE_PRIV_NA},  //
-  };
-  for (const auto& c : cases) {
-    ShareHolder share;
-    ASSERT_EQ(0, KESTShareGet(c.share, &share.share)) << c.share;
-    EXPECT_EQ(c.priv, KESTShareUserPrivCalc(c.user, share.share)) << c.share << " " << c.user;
-  }
   ShareHolder media;
   ASSERT_EQ(0, KESTShareGet("media", &media.share));
   EXPECT_STREQ("/volume2/media", media.share->szPath);
