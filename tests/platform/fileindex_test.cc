@@ -375,6 +375,7 @@ TEST_F(FileIndexTest, SnapshotServesReadsUntilTheNextCommit) {
       std::string(100000, '['),
       head + R"("rows": [["/p", "n", "o", "s", true, true, true, true, true, "x"]]})",
       head + R"("rows": [[1e999, "n", "o", "s", true, true, true, true, true, 1]]})",
+      head + R"("rows": [["/p", "n", "o", "s", true, true, true, true, true, 1, 1]]})",
       head + R"("rows": {"a": 1}})",
   };
   for (const auto& text : damaged) {
