@@ -107,6 +107,15 @@ TEST_F(FileIndexTest, AddMakesTheCallerOwnerAndQueuesTheFolder) {
     EXPECT_EQ(0u, st.st_uid | st.st_gid) << file.first;
   }
   EXPECT_EQ(std::set<std::string>{"photo"}, FolderMgr().GetIndexedShares());
+  // Pending while the queue names the folder, one inside it or one around it.
+  for (const auto& queued : {std::make_pair("/volume1/photo/ann/sub", "processing"),
+                             std::make_pair("/volume1/photo", "processing"),
+                             std::make_pair("/volume1/photo/annex", "finished")}) {
+    WriteFile("/volume1/@kestondri/queue/photo.queue",
+              std::string("# kestondri queue 2\nupdate\t") + queued.first + "\n", 0600);
+    EXPECT_EQ(queued.second, Get("ann", "/volume1/photo/ann")["additional"]["status"].asString())
+        << queued.first;
+  }
 }
 
 TEST_F(FileIndexTest, BadInputIsRefusedAndNothingChanges) {
