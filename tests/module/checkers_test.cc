@@ -101,156 +101,96 @@ TEST_F(TablesTest, RowsInOrder) {
             found);
 }
 
-// What a checker that checks nothing is given.
-constexpr char kAnything[] = R"({"path":1,"length":"x","limit":"x","folder":{}})";
-
-const struct {
-  const char* method;
-  const char* params;
-  const char* fault;  // "<name> <reason>" answered; "": passes
-} kCases[] = {
-    // Rows that check nothing.
-    {"Status get", kAnything, ""},
-    {"Status resume", kAnything, ""},
-    {"Folder list_group", kAnything, ""},
-    {"Folder summary", kAnything, ""},
-
-    // Status.pause: "length" integer, required.
-    {"Status pause", "{}", "length required"},
-    {"Status pause", R"({"length":0})", ""},
-    {"Status pause", R"({"length":"10"})", "length type"},
-
-    // Folder.get: "path" string, required.
-    {"Folder get", "{}", "path required"},
-    {"Folder get", R"({"path":5})", "path type"},
-    {"Folder get", R"({"path":""})", ""},
-
-    // Folder.reindex: "path" array of strings, required.
-    {"Folder reindex", "{}", "path required"},
-    {"Folder reindex", R"({"path":"/volume1/a"})", "path type"},
-    {"Folder reindex", R"({"path":[]})", ""},
-    {"Folder reindex", R"({"path":["/a",1]})", "path type"},
-
-    // Term.update: "indice" array of strings, required.
-    {"Term update", "{}", "indice required"},
-    {"Term update", R"({"indice":{}})", "indice type"},
-    {"Term update", R"({"indice":["i1",{}]})", "indice type"},
-    {"Term update", R"({"indice":["i1"]})", ""},
-
-    // Folder.add (and Folder.set): "folder" array of folder items, required.
-    {"Folder add", "{}", "folder required"},
-    {"Folder set", "{}", "folder required"},
-    {"Folder add", R"({"folder":{}})", "folder type"},
-    {"Folder add", R"({"folder":[]})", ""},
-    {"Folder add",
-     R"({"folder":[{"path":"/volume1/a","name":"a","paused":false,"video":true,"audio":false,
-         "photo":true,"document":true,"additional":{"status":"normal"}}]})",
-     ""},
-    {"Folder add", R"({"folder":[{"additional":{}}]})", ""},
-    {"Folder add", R"({"folder":["/volume1/a"]})", "folder type"},
-    {"Folder add", R"({"folder":[{"path":1}]})", "folder type"},
-    {"Folder add", R"({"folder":[{"name":null}]})", "folder type"},
-    {"Folder add", R"({"folder":[{"paused":"false"}]})", "folder type"},
-    {"Folder add", R"({"folder":[{"video":1}]})", "folder type"},
-    {"Folder add", R"({"folder":[{"audio":0}]})", "folder type"},
-    {"Folder add", R"({"folder":[{"photo":null}]})", "folder type"},
-    {"Folder add", R"({"folder":[{"document":[]}]})", "folder type"},
-    {"Folder add", R"({"folder":[{"additional":[]}]})", "folder type"},
-    {"Folder add", R"({"folder":[{"additional":{"status":1}}]})", "folder type"},
-    {"Folder add", R"({"folder":[{"path":"/a"},{"path":"/b","paused":"x"}]})", "folder type"},
-
-    // Folder.delete: "path" array (optional), "owner" string (optional).
-    {"Folder delete", "{}", ""},
-    {"Folder delete", R"({"path":["/a"],"owner":"ann"})", ""},
-    {"Folder delete", R"({"path":"/a","owner":1})", "path type"},
-    {"Folder delete", R"({"path":[1],"owner":1})", "owner type"},
-    {"Folder delete", R"({"path":[1],"owner":"ann"})", "path type"},
-
-    // Folder.list: seven optional parameters.
-    {"Folder list", "{}", ""},
+// Each check table row's parameters, one per text: "[!]<name> <a value it
+// takes>|<a value it refuses as type>|...", "!" when required; refused
+// lists hold a fault among their elements. A row without any parameter
+// checks nothing, not even parameters of the wrong type that other rows know.
+const char kFolders[] =
+    R"(folder [{"path":"/a","name":"a","paused":false,"video":true,"audio":false,"photo":true,)"
+    R"("document":true,"additional":{"status":"normal"}}, {"additional":{}}]|{}|["/a"]|)"
+    R"([{"path":1}]|[{"name":null}]|[{"paused":"false"}]|[{"video":1}]|[{"audio":0}]|)"
+    R"([{"photo":null}]|[{"document":[]}]|[{"additional":[]}]|[{"additional":{"status":1}}]|)"
+    R"([{"path":"/a"},{"path":"/b","paused":"x"}])";
+const std::vector<std::pair<const char*, std::vector<std::string>>> kRows = {
+    {"Status get", {}},
+    {"Status resume", {}},
+    {"Folder list_group", {}},
+    {"Folder summary", {}},
+    {"Status pause", {R"(!length 0|"10"|1.5)"}},
+    {"Folder get", {R"(!path ""|5|{})"}},
+    {"Folder reindex", {R"(!path []|"/a"|["/a",1])"}},
+    {"Term update", {R"(!indice ["i1"]|{}|["i1",{}])"}},
+    {"Folder add", {std::string("!") + kFolders}},
+    {"Folder set", {std::string("!") + kFolders}},
+    {"Folder delete", {R"(path ["/a"]|"/a"|[1])", R"(owner "ann"|1)"}},
     {"Folder list",
-     R"({"additional":["status"],"direction":"asc","group":"g","pattern":"p","sort_by":"name",
-         "limit":10,"offset":0})",
-     ""},
-    {"Folder list", R"({"additional":"status"})", "additional type"},
-    {"Folder list", R"({"additional":[1]})", "additional type"},
-    {"Folder list", R"({"direction":1})", "direction type"},
-    {"Folder list", R"({"group":[]})", "group type"},
-    {"Folder list", R"({"pattern":null})", "pattern type"},
-    {"Folder list", R"({"sort_by":{}})", "sort_by type"},
-    {"Folder list", R"({"limit":"10"})", "limit type"},
-    {"Folder list", R"({"offset":0.5})", "offset type"},
-    {"Folder list", R"({"offset":"x","limit":"x"})", "limit type"},
-    {"Folder list", R"({"additional":[1],"offset":"x"})", "offset type"},
-
-    // Search.search.
-    {"Search search", "{}", "search_weight_list required"},
-    {"Search search", R"({"keyword":1})", "search_weight_list required"},
-    {"Search search", R"({"search_weight_list":[]})", ""},
-    {"Search search", R"({"search_weight_list":[{}]})", ""},
+     {R"(additional ["status"]|"status"|[1])", R"(direction "asc"|1)", R"(group "g"|[])",
+      R"(pattern "p"|null)", R"(sort_by "name"|{})", R"(limit 10|"10")", R"(offset 0|0.5)"}},
     {"Search search",
-     R"({"search_weight_list":[{"weight":1,"field":"f"},{"weight":2.5,"field":"g"}],
-         "criteria_list":[{"value":"v","field":"f"}],
-         "highlight":[{"frag_length":100,"num_fragments":3,"field":"f"}],
-         "keyword":"k","file_type":"pdf","fields":["a"],"size":10,"from":0,"indice":["i"]})",
-     ""},
-    {"Search search", R"({"search_weight_list":[{"weight":"1","field":"f"}]})",
-     "search_weight_list type"},
-    {"Search search", R"({"search_weight_list":[{"field":1}]})", "search_weight_list type"},
-    {"Search search", R"({"search_weight_list":{}})", "search_weight_list type"},
-    {"Search search", R"({"search_weight_list":[],"criteria_list":[{"value":1}]})",
-     "criteria_list type"},
-    {"Search search", R"({"search_weight_list":[],"criteria_list":[{"field":{}}]})",
-     "criteria_list type"},
-    {"Search search", R"({"search_weight_list":[],"highlight":[{"frag_length":1.5}]})",
-     "highlight type"},
-    {"Search search", R"({"search_weight_list":[],"highlight":[{"num_fragments":"3"}]})",
-     "highlight type"},
-    {"Search search", R"({"search_weight_list":[],"highlight":{}})", "highlight type"},
-    {"Search search", R"({"search_weight_list":[],"fields":[1]})", "fields type"},
-    {"Search search", R"({"search_weight_list":[],"indice":[null]})", "indice type"},
-    {"Search search", R"({"search_weight_list":[],"size":"10"})", "size type"},
-    {"Search search", R"({"search_weight_list":[],"from":-1.5})", "from type"},
-    {"Search search", R"({"search_weight_list":[],"file_type":[]})", "file_type type"},
-    // Type faults of parameters come before any element fault, whatever the
-    // order of the parameters.
-    {"Search search", R"({"search_weight_list":[1],"indice":"i"})", "indice type"},
-    {"Search search", R"({"search_weight_list":[],"criteria_list":[1],"keyword":2})",
-     "keyword type"},
-    {"Search search", R"({"search_weight_list":[],"size":"x","from":"x"})", "size type"},
-    // Element faults in the order of the lists.
-    {"Search search", R"({"search_weight_list":[1],"criteria_list":[1]})",
-     "search_weight_list type"},
-    {"Search search", R"({"search_weight_list":[],"indice":[1],"fields":[1],"highlight":[1]})",
-     "highlight type"},
-    {"Search search", R"({"search_weight_list":[],"indice":[1],"fields":[1]})", "fields type"},
-
-    // Highlight.highlight.
-    {"Highlight highlight", "{}", "full_path required"},
-    {"Highlight highlight", R"({"full_path":"/a","doc_id":1,"highlight":{},"keyword":"k"})", ""},
+     {R"(!search_weight_list [{"weight":1,"field":"f"},{"weight":2.5},{}]|{}|[1]|[{"weight":"1"}]|)"
+      R"([{"field":1}])",
+      R"(criteria_list [{"value":"v","field":"f"}]|[{"value":1}]|[{"field":{}}])",
+      R"(highlight [{"frag_length":100,"num_fragments":3,"field":"f"}]|{}|[{"frag_length":1.5}]|)"
+      R"([{"num_fragments":"3"}])",
+      R"(keyword "k"|2)", R"(file_type "pdf"|[])", R"(fields ["a"]|[1])", R"(size 10|"10")",
+      R"(from 0|-1.5)", R"(indice ["i"]|[null])"}},
     {"Highlight highlight",
-     R"({"full_path":"/a","doc_id":1,"highlight":{"frag_length":10,"num_fragments":2,"field":"f"},
-         "keyword":"k"})",
-     ""},
-    {"Highlight highlight", R"({"full_path":1,"highlight":{}})", "full_path type"},
-    {"Highlight highlight", R"({"full_path":"/a","highlight":{},"keyword":"k"})",
-     "doc_id required"},
-    {"Highlight highlight", R"({"full_path":"/a","doc_id":"1","highlight":{},"keyword":"k"})",
-     "doc_id type"},
-    {"Highlight highlight", R"({"full_path":"/a","doc_id":1,"keyword":"k"})", "highlight required"},
-    {"Highlight highlight", R"({"full_path":"/a","doc_id":1,"highlight":[],"keyword":"k"})",
-     "highlight type"},
-    {"Highlight highlight",
-     R"({"full_path":"/a","doc_id":1,"highlight":{"field":2},"keyword":"k"})", "highlight type"},
-    {"Highlight highlight", R"({"full_path":"/a","doc_id":1,"highlight":{"field":2}})",
-     "keyword required"},
-    {"Highlight highlight", R"({"full_path":"/a","doc_id":1,"highlight":{},"keyword":null})",
-     "keyword type"},
+     {R"(!full_path "/a"|1)", R"(!doc_id 1|"1")",
+      R"(!highlight {"frag_length":10,"num_fragments":2,"field":"f"}|[]|{"field":2})",
+      R"(!keyword "k"|null)"}},
 };
 
+// From all of a row's parameters given well, each one taken away and each
+// one given wrongly.
 TEST_F(TablesTest, Checkers) {
-  for (const auto& c : kCases)
-    Expect(c.method, ParseJson(c.params), c.fault, c.method + std::string(" ") + c.params);
+  for (const auto& row : kRows) {
+    Json::Value all = ParseJson(R"({"path":1,"length":"x","limit":"x","folder":{}})");
+    std::vector<std::vector<std::string>> params;  // name, good value, refused values
+    for (std::string text : row.second) {
+      const bool required = text[0] == '!';
+      text.erase(0, required);
+      params.push_back({(required ? "!" : "") + text.substr(0, text.find(' '))});
+      for (size_t at = text.find(' ') + 1, end = 0; end != std::string::npos; at = end + 1) {
+        end = text.find('|', at);
+        params.back().push_back(text.substr(at, end - at));
+      }
+    }
+    if (!params.empty()) all = ParseJson(R"({"unrelated":{}})");
+    for (auto& p : params) all[p[0].substr(p[0][0] == '!')] = ParseJson(p[1]);
+    const std::string method = row.first;
+    Expect(method, all, "", method + " " + Json::toString(all));
+    for (const auto& p : params) {
+      const std::string name = p[0].substr(p[0][0] == '!');
+      Json::Value given = all;
+      given.removeMember(name);
+      Expect(method, given, p[0][0] == '!' ? name + " required" : "", method + " no " + name);
+      for (size_t bad = 2; bad < p.size(); ++bad) {
+        given[name] = ParseJson(p[bad]);
+        Expect(method, given, name + " type", method + " " + name + " " + p[bad]);
+      }
+    }
+  }
+  // Faults of the parameters themselves come first, in the row's order
+  // whatever the order given, then faults of list elements in the same order.
+  const std::vector<std::vector<const char*>> faults = {
+      {"Search search", R"({"keyword":1})", "search_weight_list required"},
+      {"Search search", R"({"search_weight_list":[1],"indice":"i"})", "indice type"},
+      {"Search search", R"({"search_weight_list":[],"criteria_list":[1],"keyword":2})",
+       "keyword type"},
+      {"Search search", R"({"search_weight_list":[],"size":"x","from":"x"})", "size type"},
+      {"Search search", R"({"search_weight_list":[1],"criteria_list":[1]})",
+       "search_weight_list type"},
+      {"Search search", R"({"search_weight_list":[],"indice":[1],"fields":[1],"highlight":[1]})",
+       "highlight type"},
+      {"Search search", R"({"search_weight_list":[],"indice":[1],"fields":[1]})", "fields type"},
+      {"Highlight highlight", R"({"full_path":"/a","doc_id":1,"highlight":{"field":2}})",
+       "keyword required"},
+      {"Folder list", R"({"offset":"x","limit":"x"})", "limit type"},
+      {"Folder list", R"({"additional":[1],"offset":"x"})", "offset type"},
+      {"Folder delete", R"({"path":[1],"owner":1})", "owner type"},
+      {"Folder delete", R"({"path":"/a","owner":1})", "path type"},
+  };
+  for (const auto& f : faults) Expect(f[0], ParseJson(f[1]), f[2], f[0] + std::string(" ") + f[1]);
 }
 
 // Parameters that are no object at all count as no parameters; values no

@@ -208,132 +208,61 @@ TEST(JsonHelpersTest, ScalarTypes) {
   EXPECT_EQ(-1L, l) << "a uint beyond the signed range keeps its bits";
 }
 
-TEST(JsonHelpersTest, ValueReadsAnyMember) {
-  for (const char* member : {"null", R"("s")", R"({"a":null})"}) {
-    for (bool required : {false, true}) {
-      Json::Value out("sentinel");
-      EXPECT_EQ("", Read(out, ParseJson(std::string(R"({"k":)") + member + "}"), required));
-      EXPECT_EQ(ParseJson(member), out) << member;
-    }
-  }
-  Json::Value out("sentinel");
-  EXPECT_EQ("", Read(out, ParseJson("{}"), false));
-  EXPECT_EQ(Json::Value("sentinel"), out);
-  EXPECT_EQ("Missing property: k, data={}", Read(out, ParseJson("{}"), true));
-  EXPECT_EQ("Not an object, data=[]", Read(out, ParseJson("[]"), false));
-}
+// Helpers of the module's fixed interface that the product itself does not
+// call: one case per rule.
+TEST_F(CommonTest, HelpersOfTheFixedInterface) {
+  Json::Value any("sentinel");
+  EXPECT_EQ("", Read(any, ParseJson(R"({"k":{"a":null}})"), true));
+  EXPECT_EQ(ParseJson(R"({"a":null})"), any);
+  EXPECT_EQ("", Read(any, ParseJson("{}"), false));
+  EXPECT_EQ("Missing property: k, data={}", Read(any, ParseJson("{}"), true));
+  EXPECT_EQ("Not an object, data=[]", Read(any, ParseJson("[]"), false));
+  EXPECT_EQ(ParseJson(R"({"a":null})"), any);
 
-TEST(JsonHelpersTest, ApplyChanges) {
-  const struct {
-    const char* target;
-    const char* changes;
-    const char* result;
-  } cases[] = {
-      {R"({"a":1,"b":{"d":2}})", R"({"a":null,"b":{"c":1}})", R"({"b":{"c":1,"d":2}})"},
-      {R"({})", R"({"x":{"y":{"z":1}}})", R"({"x":{"y":{"z":1}}})"},
-      {R"({"a":[1,2,3]})", R"({"a":[9]})", R"({"a":[9]})"},
-      {R"({"a":{"b":1}})", R"({"a":5})", R"({"a":5})"},
-      {R"({"a":1})", R"({"missing":null})", R"({"a":1})"},
-      {R"({"a":{"b":1,"c":2}})", R"({"a":{"b":null}})", R"({"a":{"c":2}})"},
-      {R"({"a":"s"})", R"({"a":{"n":true}})", R"({"a":{"n":true}})"},
-      {R"({"a":1})", R"([{"a":2}])", R"({"a":1})"},
-  };
-  for (const auto& c : cases) {
-    Json::Value target = ParseJson(c.target);
-    JsonApplyChanges(target, ParseJson(c.changes));
-    EXPECT_EQ(c.result, Json::toString(target)) << c.target << " + " << c.changes;
-  }
-}
-
-TEST(JsonHelpersTest, ListConversions) {
+  // null removes, objects merge, anything else replaces; no object changes nothing.
+  Json::Value target = ParseJson(R"({"a":1,"b":{"d":2,"e":3},"c":[1,2],"s":"s","o":{"p":1}})");
+  JsonApplyChanges(target, ParseJson(R"({"a":null,"b":{"c":1,"e":null},"c":[9],"s":{"n":true},
+                                          "o":5,"m":null,"x":{"y":{"z":1}}})"));
+  JsonApplyChanges(target, ParseJson(R"([{"a":2}])"));
+  EXPECT_EQ(R"({"b":{"c":1,"d":2},"c":[9],"o":5,"s":{"n":true},"x":{"y":{"z":1}}})",
+            Json::toString(target));
   EXPECT_EQ(Json::Value(Json::arrayValue), Vec2JsonArr<std::string>({}));
   const std::vector<std::string> strings = {"b", "", std::string("n\0l", 3)};
   EXPECT_EQ(strings, JsonArr2Vec<std::string>(Vec2JsonArr(strings)));
-  const struct {
-    const char* arr;
-    std::vector<std::string> strings;
-  } cases[] = {
-      {R"(["x",[1],"y",{"a":1}])", {"x", "y"}},
-      {R"([1,true,null,2.5])", {"1", "true", "", "2.5"}},
-      {R"({"a":"b"})", {}},
-  };
-  for (const auto& c : cases) {
-    EXPECT_EQ(c.strings, JsonArr2Vec<std::string>(ParseJson(c.arr))) << c.arr;
-  }
-}
+  EXPECT_EQ((std::vector<std::string>{"x", "1", "true", "", "2.5"}),
+            JsonArr2Vec<std::string>(ParseJson(R"(["x",[1],1,true,null,2.5,{"a":1}])")));
+  EXPECT_TRUE(JsonArr2Vec<std::string>(ParseJson(R"({"a":"b"})")).empty());
 
-TEST_F(CommonTest, PathsAndStrings) {
-  const struct {
-    const char* path;
-    const char* base;
-    const char* dir;
-    const char* ext;
-  } cases[] = {
-      {"/a/b/c.txt", "c.txt", "/a/b", "txt"},
-      {"file", "file", "file", ""},  // no '/': the whole path, not "."
-      {"/file", "file", "", ""},
-      {"/a/b/", "", "/a/b", ""},
-      {"/a.b/c", "c", "/a.b", ""},  // only the last component counts
-      {"/x/archive.tar.GZ", "archive.tar.GZ", "/x", "GZ"},
-  };
-  for (const auto& c : cases) {
-    EXPECT_EQ(c.base, Basename(c.path)) << c.path;
-    EXPECT_EQ(c.dir, Dirname(c.path)) << c.path;
-    EXPECT_EQ(c.ext, GetFileExtension(c.path, false)) << c.path;
-  }
-  EXPECT_EQ("gz", GetFileExtension("/x/archive.tar.GZ", true));
-  EXPECT_TRUE(StringStartWith("/volume1/x", "/volume1"));
-  EXPECT_FALSE(StringStartWith("x/volume1", "/volume1"));
-  EXPECT_FALSE(StringStartWith("ab", "abc"));
-  EXPECT_EQ("a b", Trim(" \t a b\n\v"));
-  EXPECT_EQ("", Trim(" \t\r\n "));
-  EXPECT_EQ("a ", LTrim("  a "));
-  EXPECT_EQ("  a", RTrim("  a \n"));
-  EXPECT_EQ("abc\xc3\x89", ToLower("AbC\xc3\x89"));  // bytes above 127 stay
+  EXPECT_EQ("c file  archive.tar.GZ", Basename("/a.b/c") + " " + Basename("file") + " " +
+                                          Basename("/a/b/") + " " + Basename("/x/archive.tar.GZ"));
+  EXPECT_EQ("|GZ|gz|", GetFileExtension("/a.b/c", false) + "|" +
+                           GetFileExtension("/x/archive.tar.GZ", false) + "|" +
+                           GetFileExtension("/x/archive.tar.GZ", true) + "|");
+  EXPECT_EQ("[a ][  a][abc\xc3\x89]",  // bytes above 127 stay
+            "[" + LTrim("  a ") + "][" + RTrim("  a \n") + "][" + ToLower("AbC\xc3\x89") + "]");
 
-  // A path that is not UTF-8 travels as a reference to its bytes; anything
-  // that is no whole reference is a path as it is.
-  EXPECT_EQ("hex:2f61ff0a", PathRef("/a\xff\n"));
-  EXPECT_EQ("/a\xff\n", PathFromParam(PathRef("/a\xff\n")));
-  EXPECT_EQ("/a", PathFromParam("hex:2F61"));
-  EXPECT_EQ("", PathFromParam("hex:"));
-  for (const std::string& param : std::vector<std::string>{
-           "hex:2f6", "hex:2z", "hex:z2", "/volume1/x", "he:2f", std::string("hex:2\0", 6)}) {
-    EXPECT_EQ(param, PathFromParam(param));
-  }
-}
-
-TEST_F(CommonTest, Files) {
   WriteFile("/volume1/util/f", "data");
   mkdir("/volume1/util/d", 0755);
   symlink("/volume1/util/f", "/volume1/util/lf");
   symlink("/volume1/util/d", "/volume1/util/ld");
   symlink("ld", "/volume1/util/rel");  // relative: resolved from the cwd
-  EXPECT_TRUE(IsFileExist("/volume1/util/f"));
-  EXPECT_FALSE(IsFileExist("/volume1/util/lf"));
-  EXPECT_FALSE(IsFileExist("/volume1/util/d"));
-  EXPECT_TRUE(IsDirExist("/volume1/util/d", false));
-  EXPECT_FALSE(IsDirExist("/volume1/util/ld", false));
-  EXPECT_TRUE(IsDirExist("/volume1/util/ld", true));
-  EXPECT_FALSE(IsDirExist("/volume1/util/lf", true));
-  EXPECT_FALSE(IsDirExist("/volume1/util/rel", true));
-  EXPECT_FALSE(IsDirExist("/volume1/util/none", true));
+  std::string answers;
+  for (const bool answer :
+       {IsFileExist("/volume1/util/f"), IsFileExist("/volume1/util/lf"),
+        IsFileExist("/volume1/util/d"), IsDirExist("/volume1/util/d", false),
+        IsDirExist("/volume1/util/ld", false), IsDirExist("/volume1/util/ld", true),
+        IsDirExist("/volume1/util/lf", true), IsDirExist("/volume1/util/rel", true),
+        IsDirExist("/volume1/util/none", true)}) {
+    answers += answer ? '+' : '-';
+  }
+  EXPECT_EQ("+--+-+---", answers);
   struct dirent64 entry {};
   for (const auto type : {DT_DIR, DT_REG, DT_UNKNOWN}) {
     entry.d_type = type;
     // An entry of unknown type is never a folder, even for one.
     EXPECT_EQ(type == DT_DIR, IsDirentDir(&entry, "/volume1"));
   }
-  EXPECT_EQ("/volume1/util/d", RealPath("/volume1/util/ld"));
-  EXPECT_EQ("", RealPath("/volume1/util/none"));
-  EXPECT_TRUE(IsMountPoint("/volume2"));
-  EXPECT_FALSE(IsMountPoint("/volume1/util/d"));
-  EXPECT_TRUE(CheckACLPerm("/volume1/util/f", 4));
-  EXPECT_FALSE(CheckACLPerm("/volume1/util/f", 1));
-  EXPECT_FALSE(CheckACLPerm("/volume1/util/none", 7));
-
   EXPECT_TRUE(CPFile("/volume1/util/f", "/volume1/util/b"));
-  EXPECT_EQ("data", kesttest::ReadFile("/volume1/util/b"));
   EXPECT_TRUE(MVFile("/volume1/util/b", "/volume2/b"));
   EXPECT_FALSE(IsFileExist("/volume1/util/b"));
   EXPECT_EQ("data", kesttest::ReadFile("/volume2/b"));
@@ -347,6 +276,39 @@ TEST_F(CommonTest, Files) {
   EXPECT_EQ(kesttest::kServiceUid, st.st_uid);
   EXPECT_EQ(kesttest::kServiceUid, st.st_gid);
   EXPECT_FALSE(ChownKestOndri("/volume1/util/none"));
+}
+
+// Of the helpers the product calls: what the permission checks, the hits
+// and the history make of paths and strings.
+TEST_F(CommonTest, PathsAndStrings) {
+  for (const auto& c : std::vector<std::pair<const char*, const char*>>{
+           {"/a/b/c.txt", "/a/b"}, {"file", "file"}, {"/file", ""}, {"/a/b/", "/a/b"}}) {
+    EXPECT_EQ(c.second, Dirname(c.first)) << c.first;  // no '/': the whole path, not "."
+  }
+  EXPECT_TRUE(StringStartWith("/volume1/x", "/volume1"));
+  EXPECT_FALSE(StringStartWith("x/volume1", "/volume1"));
+  EXPECT_FALSE(StringStartWith("ab", "abc"));
+  EXPECT_EQ("a b", Trim(" \t a b\n\v"));
+  EXPECT_EQ("", Trim(" \t\r\n "));
+  EXPECT_EQ("/volume1/util", RealPath("/volume1/util/../util/"));
+  EXPECT_EQ("", RealPath("/volume1/util/none"));
+  WriteFile("/volume1/util/f", "data", 0640);
+  EXPECT_TRUE(CheckACLPerm("/volume1/util/f", 4));
+  EXPECT_FALSE(CheckACLPerm("/volume1/util/f", 1));
+  EXPECT_FALSE(CheckACLPerm("/volume1/util/none", 7));
+  EXPECT_TRUE(IsMountPoint("/volume2"));
+  EXPECT_FALSE(IsMountPoint("/volume1/util"));
+
+  // A path that is not UTF-8 travels as a reference to its bytes; anything
+  // that is no whole reference is a path as it is.
+  EXPECT_EQ("hex:2f61ff0a", PathRef("/a\xff\n"));
+  EXPECT_EQ("/a\xff\n", PathFromParam(PathRef("/a\xff\n")));
+  EXPECT_EQ("/a", PathFromParam("hex:2F61"));
+  EXPECT_EQ("", PathFromParam("hex:"));
+  for (const std::string& param : std::vector<std::string>{
+           "hex:2f6", "hex:2z", "hex:z2", "/volume1/x", "he:2f", std::string("hex:2\0", 6)}) {
+    EXPECT_EQ(param, PathFromParam(param));
+  }
 }
 
 TEST_F(CommonTest, ProcessDirWalksDepthFirstAndSurvivesCallbackErrors) {

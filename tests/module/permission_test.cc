@@ -10,7 +10,6 @@
 //   home test: inside the user's own (existing) home folder, or some share
 //         privilege; without the home service every path passes it.
 #include <gtest/gtest.h>
-#include <sys/acl.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -23,7 +22,7 @@
 #include "common/permission.h"
 #include "double/platform_double.h"
 #include "kest/klib.h"
-#include "support/sandbox.h"
+#include "platform/platform_test.h"
 #include "support/syslog_capture.h"
 #include "support/thrown.h"
 
@@ -33,12 +32,6 @@ namespace {
 using kesttest::PlatformDouble;
 using kesttest::Thrown;
 using kesttest::WriteSharesConf;
-
-// The ACL text of a permission word's low three bits.
-std::string Rwx(unsigned bits) {
-  static const char* const kTexts[] = {"---", "--x", "-w-", "-wx", "r--", "r-x", "rw-", "rwx"};
-  return kTexts[bits & 7];
-}
 
 class PermissionModelTest : public ::testing::Test {
  protected:
@@ -74,29 +67,6 @@ class PermissionModelTest : public ::testing::Test {
     }
     return out;
   }
-
-  // A random mode, owner, group and (often) ACL.
-  void Scramble(const std::string& path) {
-    static const std::vector<uid_t> owners = {0, kesttest::kAnnUid, kesttest::kBobUid,
-                                              kesttest::kDaveUid};
-    static const std::vector<gid_t> groups = {0, kesttest::kStaffGid, kesttest::kAnnUid};
-    ASSERT_EQ(0,
-              chown(path.c_str(), owners[rng_() % owners.size()], groups[rng_() % groups.size()]));
-    // Mostly generous modes, so that the later rules get exercised too.
-    const mode_t mode = static_cast<mode_t>((rng_() % 3 ? 0555 : 0) | (rng_() & 0777));
-    ASSERT_EQ(0, chmod(path.c_str(), mode));
-    if (rng_() % 3 == 0) {
-      static const std::vector<std::string> entries = {
-          "u:ann:", "u:bob:", "u:dave:", "g:staff:", "g:administrators:"};
-      std::string text = "u::" + Rwx(rng_() & 7) + ",g::" + Rwx(rng_() & 7) +
-                         ",o::" + Rwx(rng_() & 7) + "," + entries[rng_() % entries.size()] +
-                         Rwx(rng_() & 7) + ",m::" + Rwx(rng_() & 7);
-      acl_t acl = acl_from_text(text.c_str());
-      ASSERT_NE(nullptr, acl);
-      ASSERT_EQ(0, acl_set_file(path.c_str(), ACL_TYPE_ACCESS, acl));
-      acl_free(acl);
-    }
-  }
 };
 
 TEST_F(PermissionModelTest, ChecksMatchTheModel) {
@@ -131,8 +101,8 @@ TEST_F(PermissionModelTest, ChecksMatchTheModel) {
     std::vector<std::string> paths;
     for (const auto& dir : dirs) {
       kesttest::WriteFile(dir + "/f", "x");
-      Scramble(dir);
-      Scramble(dir + "/f");
+      kesttest::Scramble(dir, rng_, true);
+      kesttest::Scramble(dir + "/f", rng_, true);
       paths.push_back(dir);
       paths.push_back(dir + "/f");
     }

@@ -1,16 +1,19 @@
 // What the platform's tests share: the C library's records and lists,
 // acting as a user and back, the code of a thrown error, children that run a
-// piece of a test, and the fixture of tests that change identity.
+// piece of a test, the fixture of tests that change identity, and random
+// owners, modes and ACLs (the module's permission test uses them too).
 #ifndef KEST_TESTS_PLATFORM_PLATFORM_TEST_H_
 #define KEST_TESTS_PLATFORM_PLATFORM_TEST_H_
 
 #include <gtest/gtest.h>
+#include <sys/acl.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 #include <functional>
 #include <memory>
+#include <random>
 #include <string>
 #include <vector>
 
@@ -93,6 +96,34 @@ inline int ExitStatus(pid_t pid) {
 // when it answered true there.
 inline bool InAnotherProcess(const std::function<bool()>& body) {
   return ExitStatus(InChild(fork(), body)) == 0;
+}
+
+// Gives `path` a random owner, owning group and mode (with `generous`, most
+// often r-x for all as well), and three times in four an extended ACL with up
+// to three named entries and a mask. Returns the ACL's text, "" for none.
+inline std::string Scramble(const std::string& path, std::mt19937& rng, bool generous = false) {
+  static const uid_t kOwners[] = {0, kAnnUid, kBobUid, kDaveUid};
+  static const gid_t kGroups[] = {0, kStaffGid, kAnnUid, kAdministratorsGid};
+  static const char* const kNamed[] = {"u:ann:",   "u:bob:",  "u:carol:", "u:dave:",
+                                       "g:staff:", "g:dave:", "g:bob:",   "g:administrators:"};
+  static const char* const kRwx[] = {"---", "--x", "-w-", "-wx", "r--", "r-x", "rw-", "rwx"};
+  EXPECT_EQ(0, chown(path.c_str(), kOwners[rng() % 4], kGroups[rng() % 4]));
+  EXPECT_EQ(0, chmod(path.c_str(), ((generous && rng() % 3) ? 0555 : 0) | (rng() & 0777)));
+  if (rng() % 4 == 0) return "";
+  std::string text =
+      std::string("u::") + kRwx[rng() & 7] + ",g::" + kRwx[rng() & 7] + ",o::" + kRwx[rng() & 7];
+  unsigned used = 0;
+  for (unsigned i = 0, n = 1 + rng() % 3; i < n; ++i) {
+    const unsigned e = rng() % 8;
+    if (!(used & (1u << e))) text += std::string(",") + kNamed[e] + kRwx[rng() & 7];
+    used |= 1u << e;
+  }
+  text += std::string(",m::") + kRwx[rng() & 7];
+  acl_t acl = acl_from_text(text.c_str());
+  EXPECT_NE(nullptr, acl) << text;
+  EXPECT_EQ(0, acl_set_file(path.c_str(), ACL_TYPE_ACCESS, acl)) << text;
+  acl_free(acl);
+  return text;
 }
 
 }  // namespace kesttest

@@ -1,13 +1,9 @@
-// The sandbox itself: the fixed paths are private tmpfs and syslog lines are
-// captured. The test users are looked up by the C library's tests.
+// The sandbox itself: the fixed paths every test writes are private tmpfs,
+// never the machine's own. (Every exact log line of the other tests shows
+// that syslog is captured; the C library's tests look the test users up.)
 #include <gtest/gtest.h>
 #include <sys/statfs.h>
-#include <syslog.h>
 
-#include "support/sandbox.h"
-#include "support/syslog_capture.h"
-
-namespace kesttest {
 namespace {
 
 TEST(SandboxTest, FixedPathsArePrivateTmpfs) {
@@ -18,15 +14,4 @@ TEST(SandboxTest, FixedPathsArePrivateTmpfs) {
   }
 }
 
-TEST(SandboxTest, SyslogIsCaptured) {
-  SyslogCapture::Instance().Clear();
-  syslog(LOG_ERR, "sandbox probe %d", 42);
-  ASSERT_TRUE(SyslogCapture::Instance().WaitFor("sandbox probe 42"));
-  auto lines = SyslogCapture::Instance().Matching("sandbox probe");
-  ASSERT_EQ(1u, lines.size());
-  EXPECT_EQ("sandbox probe 42", lines[0].text);
-  EXPECT_EQ(LOG_ERR, lines[0].priority & 7);
-}
-
 }  // namespace
-}  // namespace kesttest

@@ -23,37 +23,21 @@ APIRequest RequestWith(const Json::Value& value) {
 }
 
 // Which getter accepts a value: s(tring) i(nt) l(int64) d(ouble) b(ool)
-// o(bject) a(rray). No text: the parameter is not given at all.
-struct TypeCase {
+// o(bject) a(rray); the bounds of each number type. No text: the parameter
+// is not given at all.
+const struct {
   const char* json;
   const char* accepted_by;
-};
-
-const TypeCase kTypeCases[] = {
-    {R"("abc")", "s"},
-    {R"("")", "s"},
+} kTypeCases[] = {
     {R"("1")", "s"},
-    {"0", "ild"},
-    {"-1", "ild"},
-    {"1.0", "d"},
-    {"1.5", "d"},
-    {"-0.0", "d"},
-    {"2147483647", "ild"},
     {"-2147483648", "ild"},
     {"2147483648", "ld"},
-    {"-2147483649", "ld"},
-    {"9223372036854775807", "ld"},
+    {"1.0", "d"},  // jsoncpp calls an integral real an int; the framework does not
     {"-9223372036854775808", "ld"},
     {"9223372036854775808", "d"},
-    {"18446744073709551615", "d"},
-    {"123456789012345678901234567890", "d"},
-    {"1e300", "d"},
-    {"true", "b"},
     {"false", "b"},
     {"null", ""},
     {"{}", "o"},
-    {R"({"a":{"b":[1]}})", "o"},
-    {"[]", "a"},
     {R"([1,"x"])", "a"},
     {nullptr, ""},
 };
@@ -97,79 +81,47 @@ TEST(WebAPIGetterTest, EachGetterAcceptsExactlyItsTypesWhetherRequiredOrNot) {
     }
 }
 
-TEST(WebAPIGetterTest, StringsKeepEveryByte) {
-  for (const std::string& s :
-       {std::string("a\0b", 3), std::string("\xff\xfe\xc3("), std::string(1 << 16, 'x')}) {
-    EXPECT_EQ(s,
-              RequestWith(Json::Value(s)).GetAndCheckString("p", APIRequest::PARAM_REQUIRED).Get());
-  }
-}
-
-TEST(WebAPIGetterTest, ValidatorsSeeOnlyValuesOfTheRightType) {
-  struct Case {
-    const char* json;
-    bool validator_answer;
-    int expected_calls;
+// A validator sees only a value of the right type; its refusal makes the
+// parameter invalid and hides the value. (Every getter takes one the same
+// way; the module's checkers pass none.)
+TEST(WebAPIGetterTest, Validators) {
+  const struct {
+    const char* json;  // null: not given
+    bool answer;
+    int calls;
     bool invalid;
-  };
-  const Case cases[] = {
-      {"5", true, 1, false},
-      {"5", false, 1, true},
-      {R"("5")", true, 0, true},
-      {"5.5", true, 0, true},
-  };
+  } cases[] = {{"5", true, 1, false},
+               {"5", false, 1, true},
+               {R"("5")", true, 0, true},
+               {"5.5", true, 0, true},
+               {nullptr, false, 0, false}};
   for (const auto& c : cases) {
     int calls = 0;
-    int seen = -1;
-    auto p = RequestWith(ParseJson(c.json))
-                 .GetAndCheckInt("p", APIRequest::PARAM_OPTIONAL, [&](const int& v) {
-                   ++calls;
-                   seen = v;
-                   return c.validator_answer;
-                 });
-    EXPECT_EQ(c.expected_calls, calls) << c.json;
-    EXPECT_EQ(calls ? 5 : -1, seen) << c.json;
-    EXPECT_TRUE(p.IsSet());
+    const APIRequest request =
+        c.json ? RequestWith(ParseJson(c.json)) : APIRequest(Json::Value(), 0, "", "", false);
+    auto p = request.GetAndCheckInt("p", APIRequest::PARAM_OPTIONAL, [&](const int& v) {
+      ++calls;
+      return v == 5 && c.answer;
+    });
+    EXPECT_EQ(c.calls, calls) << c.json;
     EXPECT_EQ(c.invalid, p.IsInvalid()) << c.json;
-    EXPECT_EQ(c.invalid ? 9 : 5, p.Get(9)) << c.json;
-  }
-  int calls = 0;
-  const APIRequest empty(Json::Value(Json::objectValue), 0, "", "", false);
-  auto absent = empty.GetAndCheckString("p", APIRequest::PARAM_OPTIONAL, [&](const std::string&) {
-    ++calls;
-    return false;
-  });
-  EXPECT_EQ(0, calls);
-  EXPECT_FALSE(absent.IsInvalid());
-
-  auto rejected = RequestWith(ParseJson(R"({"k":1})"))
-                      .GetAndCheckObject("p", APIRequest::PARAM_REQUIRED,
-                                         [](const Json::Value& v) { return v.isMember("x"); });
-  EXPECT_TRUE(rejected.IsInvalid());
-  EXPECT_TRUE(rejected.Get().isNull());
-}
-
-// The getters above read through the factories; what only the factories
-// meet is a value that is no object at all, where every member is absent.
-TEST(WebAPIGetterTest, FactoriesReadMembersOfAnyValue) {
-  using KEST::APIParameterFactoryBasicImpl;
-  const auto O = KEST::PARAM_OPTIONAL;
-  const Json::Value element = ParseJson(R"({"a":[],"o":{}})");
-  EXPECT_FALSE(APIParameterFactoryBasicImpl<Json::Value>::FromJson(element, "a", O).IsInvalid());
-  EXPECT_FALSE(APIParameterFactoryBasicImpl<Json::Value>::FromJson(element, "o", O).IsInvalid());
-  for (const char* text : {"null", "[1]", "7", R"("s")"}) {
-    auto p = APIParameterFactoryBasicImpl<int>::FromJson(ParseJson(text), "n", O);
-    EXPECT_FALSE(p.IsSet()) << text;
-    EXPECT_FALSE(p.IsInvalid()) << text;
+    EXPECT_EQ(c.calls && !c.invalid ? 5 : 9, p.Get(9)) << c.json;
   }
 }
 
-TEST(WebAPIRequestTest, ParamsThatAreNoObjectReadAsEmpty) {
+// Parameters, or list elements, that are no object have no members at all.
+TEST(WebAPIGetterTest, ValuesThatAreNoObjectHaveNoMembers) {
   const APIRequest request(ParseJson("[1,2]"), 2003, "carol", "session-1", true);
-  EXPECT_TRUE(request.GetParams().isObject());
-  EXPECT_EQ(0u, request.GetParams().size());
-  EXPECT_FALSE(APIRequest(Json::Value(), 0, "", "", false).HasParam("x"));
+  EXPECT_EQ(Json::Value(Json::objectValue), request.GetParams());
   EXPECT_TRUE(RequestWith(Json::Value()).HasParam("p"));
+  const auto O = KEST::PARAM_OPTIONAL;
+  EXPECT_EQ(ParseJson("[]"), KEST::APIParameterFactoryBasicImpl<Json::Value>::FromJson(
+                                 ParseJson(R"({"a":[]})"), "a", O)
+                                 .Get());
+  for (const char* text : {"null", "[1]", "7", R"("s")"}) {
+    auto p = KEST::APIParameterFactoryBasicImpl<int>::FromJson(ParseJson(text), "n", O);
+    EXPECT_FALSE(p.IsSet() || p.IsInvalid()) << text;
+  }
 }
 
 TEST(WebAPIResponseTest, StatesAndWireForm) {
@@ -177,28 +129,19 @@ TEST(WebAPIResponseTest, StatesAndWireForm) {
   const Json::Value errors = ParseJson(R"({"name":"path","reason":"required"})");
   // Calls in order: a code of 0 is SetSuccess(data), any other SetError(code, data).
   using Calls = std::vector<std::pair<int, Json::Value>>;
-  const std::string kErrors = R"("errors":{"name":"path","reason":"required"})";
+  const std::string kErrors =
+      R"({"error":{"code":120,"errors":{"name":"path","reason":"required"}},"success":false})";
   const struct {
-    const char* name;
     Calls calls;
     std::string wire;
   } cases[] = {
-      {"unset", {}, R"({"error":{"code":117},"success":false})"},
-      {"success", {{0, data}}, R"({"data":{"hits":[1]},"success":true})"},
-      {"success with null", {{0, Json::Value()}}, R"({"data":null,"success":true})"},
-      {"error without data", {{503, Json::Value()}}, R"({"error":{"code":503},"success":false})"},
-      {"error with data",
-       {{120, errors}},
-       R"({"error":{"code":120,)" + kErrors + "},\"success\":false}"},
-      {"error wins over a later success",
-       {{120, errors}, {0, data}},
-       R"({"error":{"code":120,)" + kErrors + "},\"success\":false}"},
-      {"error replaces a success",
-       {{0, data}, {800, Json::Value()}},
-       R"({"error":{"code":800},"success":false})"},
-      {"later error replaces an earlier one",
-       {{120, errors}, {117, Json::Value()}},
-       R"({"error":{"code":117},"success":false})"},
+      {{}, R"({"error":{"code":117},"success":false})"},
+      {{{0, data}}, R"({"data":{"hits":[1]},"success":true})"},
+      {{{0, Json::Value()}}, R"({"data":null,"success":true})"},
+      {{{503, Json::Value()}}, R"({"error":{"code":503},"success":false})"},
+      {{{120, errors}, {0, data}}, kErrors},  // an error wins over a later success
+      {{{0, data}, {800, Json::Value()}}, R"({"error":{"code":800},"success":false})"},
+      {{{120, errors}, {117, Json::Value()}}, R"({"error":{"code":117},"success":false})"},
   };
   for (const auto& c : cases) {
     APIResponse response;
@@ -209,21 +152,20 @@ TEST(WebAPIResponseTest, StatesAndWireForm) {
         response.SetError(call.first, call.second);
       }
     }
-    EXPECT_EQ(c.wire, Json::toString(response.ToJson())) << c.name;
+    EXPECT_EQ(c.wire, Json::toString(response.ToJson())) << c.wire;
     const bool success = c.wire.find("\"success\":true") != std::string::npos;
-    EXPECT_EQ(!c.calls.empty() && !success, response.IsError()) << c.name;
-    EXPECT_EQ(success, response.IsSuccess()) << c.name;
+    EXPECT_EQ(!c.calls.empty() && !success, response.IsError()) << c.wire;
+    EXPECT_EQ(success, response.IsSuccess()) << c.wire;
     if (response.IsError()) {
-      EXPECT_TRUE(response.GetData().isNull()) << c.name;
+      EXPECT_TRUE(response.GetData().isNull()) << c.wire;
     }
   }
   APIResponse unset;
   EXPECT_EQ(APIResponse::State::kUnset, unset.GetState());
   EXPECT_EQ(R"({"error":{"code":999},"success":false})", Json::toString(unset.ToJson(999)));
-  APIResponse answered;
-  answered.SetError(120, errors);
-  EXPECT_EQ(120, answered.GetErrorCode());
-  EXPECT_EQ(errors, answered.GetErrorData());
+  unset.SetError(120, errors);
+  EXPECT_EQ(120, unset.GetErrorCode());
+  EXPECT_EQ(errors, unset.GetErrorData());
 }
 
 }  // namespace
