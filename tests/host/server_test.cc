@@ -370,6 +370,7 @@ TEST_F(ShortSessionServerTest, FailedLoginsLockTheGuessingAddressNotTheOwner) {
       {"127.0.0.2", "bob", "bob-secret", 0},
       {"127.0.0.2", "dave", "wrong", 112},
       {"127.0.0.2", "dave", "dave-secret", 113},  // the address tried too many
+      {"127.0.0.2", "bob", "bob-secret", 0},      // but bob signed in there
       {"127.0.0.4", "ann", "wrong", 112},
       {"127.0.0.5", "ann", "ann-secret", 113},  // guessed from many addresses
       {"127.0.0.1", "ann", "ann-secret", 0},    // yet ann signs in where she did
