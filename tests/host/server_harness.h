@@ -6,6 +6,7 @@
 #include <json/json.h>
 #include <sys/types.h>
 
+#include <functional>
 #include <map>
 #include <string>
 #include <utility>
@@ -15,8 +16,6 @@ namespace kesttest {
 
 constexpr int kServerPort = 5000;
 constexpr char kTestAPI[] = "KEST.Test.Host";
-constexpr char kTokenHeader[] = "X-Kest-CSRF-Token";
-constexpr char kWorkDir[] = "/tmp/webapi-test";
 constexpr char kAccessLog[] = "/tmp/webapi-test/access.log";
 
 using Fields = std::vector<std::pair<std::string, std::string>>;
@@ -69,15 +68,13 @@ struct LoginSession {
 // Logs in through the server; `sid` stays empty when the login failed.
 LoginSession Login(const std::string& account, const std::string& password);
 
-// The module libraries built for the tests.
-std::string TestModulePath();
-std::string RealModulePath();
-std::string BadTableModulePath();
-std::string NoExportsModulePath();
-
-// The server's settings for tests: port, logs under kWorkDir, no delay on
-// failed logins, the test module and the real module; `extra` is appended.
+// The server's settings for tests: port, logs under /tmp/webapi-test, no
+// delay on failed logins, the test module and the real module; `extra` is
+// appended.
 std::string TestConfig(const std::string& extra = "");
+
+// Polls `done` every 10 ms for up to `timeout_ms`; its last answer.
+bool WaitUntil(const std::function<bool()>& done, int timeout_ms = 10000);
 
 class ServerProcess {
  public:
@@ -86,8 +83,8 @@ class ServerProcess {
   ServerProcess(const ServerProcess&) = delete;
   ServerProcess& operator=(const ServerProcess&) = delete;
 
-  // Starts the server with this configuration text and waits until it
-  // accepts connections; fails the test when it does not.
+  // Starts the server with this configuration and waits until it accepts
+  // connections; fails the test when it does not.
   void Start(const std::string& config);
   // SIGTERM, then waits; the exit status, or 128 + signal.
   int Stop();
@@ -96,8 +93,10 @@ class ServerProcess {
   std::string Output() const;
 
   int OpenDescriptors() const;
-  int Zombies() const;
-  std::vector<pid_t> Descendants() const;  // living, at any depth
+  // The server's living children, or its zombies: the server is a subreaper,
+  // so a living descendant at any depth makes a living child.
+  int Children(bool zombies = false) const;
+  int Zombies() const { return Children(true); }
   // Waits (bounded) until the server has no zombie and no living child.
   bool WaitQuiet(int timeout_ms = 10000) const;
 
@@ -105,13 +104,11 @@ class ServerProcess {
   pid_t pid_ = -1;
 };
 
-struct ExitResult {
-  int status = -1;
-  std::string output;
-};
-// Runs the server with this configuration until it exits by itself (as
-// `uid` when not 0); kills it after a while if it starts serving instead.
-ExitResult RunServerToExit(const std::string& config, uid_t uid = 0);
+// Runs the server with this configuration (as the test user `user` when
+// given) until it exits by itself; kills it after a while if it starts
+// serving instead. The exit status, or 128 + signal; what it printed goes to
+// `output`.
+int RunServerToExit(const std::string& config, std::string* output, const char* user = nullptr);
 
 }  // namespace kesttest
 
