@@ -161,21 +161,17 @@ int OpenConnection(int port) { return Connect(port); }
 HttpReply CallApi(const Fields& fields, const std::string& sid) {
   Fields all = fields;
   if (!sid.empty()) all.emplace_back("_sid", sid);
-  HttpRequest request;
-  request.target = "/webapi/entry.cgi?" + FormEncode(all);
-  return SendHttp(request);
+  return SendHttp({"GET", "/webapi/entry.cgi?" + FormEncode(all), "", "", {}});
 }
 
 LoginSession Login(const std::string& account, const std::string& password) {
-  const HttpReply reply = SendHttp({"POST",
-                                    "/webapi/entry.cgi",
-                                    FormEncode({{"api", "KEST.API.Auth"},
-                                                {"version", "1"},
-                                                {"method", "login"},
-                                                {"account", account},
-                                                {"passwd", password}}),
-                                    "application/x-www-form-urlencoded; charset=UTF-8",
-                                    {}});
+  const std::string form = FormEncode({{"api", "KEST.API.Auth"},
+                                       {"version", "1"},
+                                       {"method", "login"},
+                                       {"account", account},
+                                       {"passwd", password}});
+  const HttpReply reply = SendHttp(
+      {"POST", "/webapi/entry.cgi", form, "application/x-www-form-urlencoded; charset=UTF-8", {}});
   LoginSession session;
   session.reply = reply.json;
   if (reply.json["success"].asBool()) {
