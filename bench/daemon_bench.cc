@@ -260,6 +260,8 @@ int main(int argc, char** argv) {
   kestondri::daemon::IndexCache cache(resolver, missing);
   kestondri::daemon::Peer root;
   std::map<std::string, Xapian::doccount> totals;
+  kestondri::daemon::IndexTraits traits;
+  kestondri::daemon::AddIndexTraits(db, true, &traits);
   for (int round = -1; round < o.rounds; ++round) {
     bool warm = round < 0;
     for (const auto& query : queries) {
@@ -278,7 +280,7 @@ int main(int argc, char** argv) {
         // In-process: parse and match a 50-hit page, estimated total.
         time("inproc match 50 (estimated total)", [&] {
           Xapian::Enquire e(db);
-          e.set_query(kestondri::daemon::BuildQuery(parts, db));
+          e.set_query(kestondri::daemon::BuildQuery(parts, db, traits));
           Xapian::MSet m = e.get_mset(0, 50);
           (void)m.size();
         });
@@ -286,7 +288,7 @@ int main(int argc, char** argv) {
         // page's documents and their fields.
         time("inproc page 50 with data, exact total", [&] {
           Xapian::Enquire e(db);
-          e.set_query(kestondri::daemon::BuildQuery(parts, db));
+          e.set_query(kestondri::daemon::BuildQuery(parts, db, traits));
           Xapian::MSet m = e.get_mset(0, 50, db.get_doccount());
           m.fetch();
           for (auto it = m.begin(); it != m.end(); ++it) {
@@ -300,7 +302,7 @@ int main(int argc, char** argv) {
         totals[q] = total;
         time("inproc page 50 with data, total exact to 1000", [&] {
           Xapian::Enquire e(db);
-          e.set_query(kestondri::daemon::BuildQuery(parts, db));
+          e.set_query(kestondri::daemon::BuildQuery(parts, db, traits));
           Xapian::MSet m = e.get_mset(0, 50, 1000);
           m.fetch();
           for (auto it = m.begin(); it != m.end(); ++it) {
@@ -312,10 +314,10 @@ int main(int argc, char** argv) {
         });
         time("inproc page 50 + 10 bounded snippets", [&] {
           Xapian::Enquire e(db);
-          e.set_query(kestondri::daemon::BuildQuery(parts, db));
+          e.set_query(kestondri::daemon::BuildQuery(parts, db, traits));
           Xapian::MSet m = e.get_mset(0, 50, db.get_doccount());
           m.fetch();
-          auto marks = kestondri::daemon::KeywordMarkTerms(q);
+          auto marks = kestondri::daemon::KeywordMarkTerms(q, traits.stemmers);
           kestondri::daemon::FragmentOptions fo;
           fo.num_fragments = 1;
           fo.scan_limit = 64u << 10;
@@ -329,7 +331,7 @@ int main(int argc, char** argv) {
         for (int with : {10, 50}) {
           time("inproc page 50, data of " + std::to_string(with) + " hits only", [&] {
             Xapian::Enquire e(db);
-            e.set_query(kestondri::daemon::BuildQuery(parts, db));
+            e.set_query(kestondri::daemon::BuildQuery(parts, db, traits));
             Xapian::MSet m = e.get_mset(0, 50, db.get_doccount());
             m.fetch();
             int n = 0;
@@ -340,10 +342,10 @@ int main(int argc, char** argv) {
         }
         time("inproc page 50 + 50 bounded snippets", [&] {
           Xapian::Enquire e(db);
-          e.set_query(kestondri::daemon::BuildQuery(parts, db));
+          e.set_query(kestondri::daemon::BuildQuery(parts, db, traits));
           Xapian::MSet m = e.get_mset(0, 50, db.get_doccount());
           m.fetch();
-          auto marks = kestondri::daemon::KeywordMarkTerms(q);
+          auto marks = kestondri::daemon::KeywordMarkTerms(q, traits.stemmers);
           kestondri::daemon::FragmentOptions fo;
           fo.num_fragments = 1;
           fo.scan_limit = 64u << 10;
@@ -356,7 +358,7 @@ int main(int argc, char** argv) {
             QueryParts s = parts;
             s.file_type = t;
             Xapian::Enquire e(db);
-            e.set_query(kestondri::daemon::BuildQuery(s, db));
+            e.set_query(kestondri::daemon::BuildQuery(s, db, traits));
             (void)e.get_mset(0, 0, db.get_doccount()).get_matches_estimated();
           }
         });

@@ -91,11 +91,23 @@ int main(int argc, char** argv) {
     _exit(127);
   }
   long peak_indexer = 0, peak_worker = 0;
-  while (Exists(kQueue)) {
+  auto sample = [&] {
     peak_indexer = std::max(peak_indexer, PeakKiB(indexer));
     for (pid_t child : Children(indexer)) peak_worker = std::max(peak_worker, PeakKiB(child));
     std::this_thread::sleep_for(std::chrono::milliseconds(100));
-  }
+  };
+  while (Exists(kQueue)) sample();
+  const double crawl = Seconds(Clock::now() - start);
+  // The first walk of a new index ends with its compaction: until the
+  // compacted copy is in place the database says it is still filling.
+  auto filling = [] {
+    try {
+      return Xapian::Database(kDb).get_metadata("kestondri:filling") == "1";
+    } catch (const Xapian::Error&) {
+      return true;  // met in the middle of the exchange
+    }
+  };
+  while (filling()) sample();
   const double elapsed = Seconds(Clock::now() - start);
   peak_indexer = std::max(peak_indexer, PeakKiB(indexer));
 
@@ -149,6 +161,7 @@ int main(int argc, char** argv) {
   printf("documents indexed            %u\n", docs);
   printf("tree                         %.2f GB\n", tree_bytes / 1e9);
   printf("time                         %.1f s\n", elapsed);
+  printf("of which compaction          %.1f s\n", elapsed - crawl);
   printf("files per second             %.0f\n", docs / elapsed);
   printf("MB per second                %.1f\n", tree_bytes / 1e6 / elapsed);
   printf("index size                   %.2f GB\n", index_bytes / 1e9);

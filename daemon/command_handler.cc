@@ -1,6 +1,7 @@
 #include "command_handler.h"
 
 #include <kest/json.h>
+#include <sys/stat.h>
 #include <syslog.h>
 
 #include <algorithm>
@@ -88,7 +89,23 @@ struct Shards {
   // Per shard, the folder its hits must lie within ("" for anywhere).
   std::vector<std::string> roots;
   Xapian::Database combined;
+  IndexTraits traits;
 };
+
+// Adds what one index brings to the traits of a search. A database folder
+// is local; a stub file names databases elsewhere.
+void AddTraits(const Xapian::Database& db, const IndexLocation& location, IndexTraits* traits) {
+  struct stat st;
+  const bool local = stat(location.db_path.c_str(), &st) == 0 && S_ISDIR(st.st_mode);
+  AddIndexTraits(db, local, traits);
+}
+
+// The traits of the index of one document (highlight).
+IndexTraits TraitsOf(const Xapian::Database& db, const IndexLocation& location) {
+  IndexTraits traits;
+  AddTraits(db, location, &traits);
+  return traits;
+}
 
 // Where a filtered user may look in each index, by its share's rules
 // (anywhere for an unfiltered request). An index whose share leaves the
@@ -127,12 +144,14 @@ Shards OpenShards(const Json::Value& indice, IndexCache& cache, ShareScopes& sco
     std::string root;
     if (!scopes.Admit(name, &root)) continue;
     IndexState state;
+    IndexLocation location;
     // Unavailable indices are left out here and named by list_db_status.
-    Xapian::Database* db = cache.Acquire(name, &state);
+    Xapian::Database* db = cache.Acquire(name, &state, &location);
     if (!db) continue;
     shards.ids.push_back(name);
     shards.roots.push_back(root);
     shards.combined.add_database(*db);
+    AddTraits(*db, location, &shards.traits);
   }
   return shards;
 }
@@ -254,6 +273,7 @@ HighlightSetting ReadHighlightSetting(const Json::Value& obj, size_t scan_limit)
   if (obj.isNull()) return parts;
   if (!obj.isObject()) Malformed("a highlight setting is not an object");
   parts.field = OptionalString(obj, "field", parts.field);
+  parts.options.name_words = parts.field == index::kFieldName || parts.field == index::kFieldPath;
   int64_t len = OptionalInt(obj, "frag_length", 100);
   int64_t num = OptionalInt(obj, "num_fragments", 3);
   parts.options.frag_length = static_cast<size_t>(std::clamp<int64_t>(
@@ -349,18 +369,36 @@ void LoadField(const HitValues& values, const std::string& field, Json::Value& h
   }
 }
 
-std::vector<std::string> LoadFieldList(const Json::Value& data) {
+std::vector<std::string> StringList(const Json::Value& list, const char* key) {
+  if (!list.isArray()) Malformed(std::string("\"") + key + "\" is not an array");
+  std::vector<std::string> out;
+  for (const auto& f : list) {
+    if (!f.isString()) Malformed(std::string("\"") + key + "\" holds a non-string");
+    out.push_back(f.asString());
+  }
+  return out;
+}
+
+// The fields a hit carries besides its path and owner (which every hit
+// has): those of "fields" when it names any, since that is the client's
+// own list; else those of "load_field" (the module's fixed list, or all
+// but the date when absent) and the modification date, which a results
+// page shows.
+std::vector<std::string> HitFieldList(const Json::Value& data) {
+  const Json::Value& asked = data["fields"];
+  if (!asked.isNull()) {
+    std::vector<std::string> fields = StringList(asked, "fields");
+    if (!fields.empty()) return fields;
+  }
   std::vector<std::string> fields;
   const Json::Value& list = data["load_field"];
   if (list.isNull()) {
-    return {index::kFieldPath, index::kFieldName, index::kFieldExtension, index::kFieldIsDir,
-            index::kFieldSize};
+    fields = {index::kFieldPath, index::kFieldName, index::kFieldExtension, index::kFieldIsDir,
+              index::kFieldSize};
+  } else {
+    fields = StringList(list, "load_field");
   }
-  if (!list.isArray()) Malformed("\"load_field\" is not an array");
-  for (const auto& f : list) {
-    if (!f.isString()) Malformed("\"load_field\" holds a non-string");
-    fields.push_back(f.asString());
-  }
+  fields.push_back(index::kFieldMTime);
   return fields;
 }
 
@@ -376,11 +414,12 @@ QueryParts ReadQueryParts(const std::string& keyword, const Json::Value& criteri
 
 // Joins the types of the filters to `query`: all must hold.
 Xapian::Query WithTypes(Xapian::Query query, const std::vector<std::string>& types,
-                        const Xapian::Database& db) {
+                        const Shards& shards) {
   for (const auto& type : types) {
     QueryParts only_type;
     only_type.file_type = type;
-    query = Xapian::Query(Xapian::Query::OP_FILTER, query, BuildQuery(only_type, db));
+    query = Xapian::Query(Xapian::Query::OP_FILTER, query,
+                          BuildQuery(only_type, shards.combined, shards.traits));
   }
   return query;
 }
@@ -412,6 +451,8 @@ void CommandHandler::Handle(const std::string& text, const Peer& peer, IndexCach
       throw DaemonError(kErrUnknownCommand, "unknown command: " + name);
     }
   } catch (const DaemonError& e) {
+    // The module shows its own words for this code: the reason is here.
+    if (e.code() == kErrMalformedQuery) syslog(LOG_INFO, "keyword refused: %s", e.what());
     out.Send(ErrorReply(e.code(), e.what()));
   } catch (const Xapian::Error& e) {
     syslog(LOG_ERR, "request failed: %s", e.get_description().c_str());
@@ -434,7 +475,7 @@ void CommandHandler::Search(const Json::Value& data, const Peer& peer, IndexCach
   int64_t size = OptionalInt(data, "size", 50);
   if (from < 0 || size < 0) Malformed("\"from\" and \"size\" must not be negative");
   size = std::min<int64_t>(size, kMaxPageSize);
-  std::vector<std::string> fields = LoadFieldList(data);
+  std::vector<std::string> fields = HitFieldList(data);
   std::vector<HighlightSetting> highlights;
   const Json::Value& hl = data["highlight"];
   if (hl.isArray()) {
@@ -468,10 +509,11 @@ void CommandHandler::Search(const Json::Value& data, const Peer& peer, IndexCach
   }
   if (out.Abandoned()) return;
   std::unique_ptr<UserAccess> access = MakeAccess(filter_uid, peer);
-  MarkTerms marks = KeywordMarkTerms(parts.keyword);
+  MarkTerms marks = KeywordMarkTerms(parts.keyword, shards.traits.stemmers);
   MatchPage page;
   try {
-    Xapian::Query query = WithTypes(BuildQuery(parts, shards.combined), types, shards.combined);
+    Xapian::Query query =
+        WithTypes(BuildQuery(parts, shards.combined, shards.traits), types, shards);
     page = RunQuery(shards, query, from, size, access.get(), exact_total);
   } catch (const Xapian::WildcardError& e) {
     throw DaemonError(kErrMalformedQuery, "wildcard matches too many terms: " + e.get_msg());
@@ -575,7 +617,8 @@ void CommandHandler::Highlight(const Json::Value& data, const Peer& peer, IndexC
   std::string root;
   if (!scopes.Admit(id, &root)) throw DaemonError(kErrNoDocument, "no such document");
   IndexState state;
-  Xapian::Database* db = cache.Acquire(id, &state);
+  IndexLocation location;
+  Xapian::Database* db = cache.Acquire(id, &state, &location);
   if (!db) {
     if (state == IndexState::kUnknown) throw DaemonError(kErrNoDocument, "no such index: " + id);
     throw DaemonError(kErrIndexUnavailable, "index unavailable: " + id);
@@ -598,8 +641,9 @@ void CommandHandler::Highlight(const Json::Value& data, const Peer& peer, IndexC
     }
   }
   Json::Value frags(Json::arrayValue);
-  for (auto& f :
-       HighlightFragments(FieldText(doc, parts.field), KeywordMarkTerms(keyword), parts.options)) {
+  for (auto& f : HighlightFragments(FieldText(doc, parts.field),
+                                    KeywordMarkTerms(keyword, TraitsOf(*db, location).stemmers),
+                                    parts.options)) {
     frags.append(f);
   }
   Json::Value reply = Success();
@@ -677,7 +721,8 @@ void CommandHandler::Indicate(const Json::Value& data, const Peer& peer, IndexCa
         if (!slot) slot = MakeAccess(uid, peer);
         access = slot.get();
       }
-      Xapian::Query xq = WithTypes(BuildQuery(parts, shards.combined), types, shards.combined);
+      Xapian::Query xq =
+          WithTypes(BuildQuery(parts, shards.combined, shards.traits), types, shards);
       MatchPage page = RunQuery(shards, xq, 0, 0, access);
       counts[q["name"].asString()] = done[key] = static_cast<Json::UInt64>(page.total);
     }

@@ -5,6 +5,8 @@
 
 #include <algorithm>
 
+#include "text_analysis.h"
+
 namespace kestondri {
 namespace daemon {
 namespace {
@@ -28,12 +30,72 @@ size_t CharStart(const std::string& text, size_t pos) {
   return pos;
 }
 
-bool Matches(const std::string& word, const MarkTerms& terms) {
+// Whether a folded word is one of `terms`; `lower` is the word as written
+// in lower case when that differs from it (its stem may differ too).
+bool Matches(const std::string& word, const MarkTerms& terms, const std::string& lower = "") {
   if (terms.words.count(word)) return true;
   for (const auto& prefix : terms.prefixes) {
     if (word.compare(0, prefix.size(), prefix) == 0) return true;
   }
+  for (size_t s = 0; s < terms.stems.size(); ++s) {
+    for (const auto& stem : terms.stems[s]) {
+      // Stemmers change only a word's ending: a word that does not share
+      // the stem's beginning is not worth stemming.
+      const size_t head = stem.size() > 1 ? stem.size() - 1 : stem.size();
+      if (word.compare(0, head, stem, 0, head) != 0) continue;
+      if (terms.stems[s].count(terms.stemmers[s](word))) return true;
+      if (!lower.empty() && terms.stems[s].count(terms.stemmers[s].AsWritten(lower))) return true;
+      break;
+    }
+  }
   return false;
+}
+
+std::string Lower(const std::string& word) {
+  std::string lower;
+  for (Xapian::Utf8Iterator it(word); it != Xapian::Utf8Iterator(); ++it) {
+    Xapian::Unicode::append_utf8(lower, Xapian::Unicode::tolower(*it));
+  }
+  return lower;
+}
+
+// The spans of [begin, end) of `text` to mark: one word of the text as the
+// scan cut it.
+void MarksIn(const std::string& text, size_t begin, size_t end, bool ascii,
+             const std::string& lower, const MarkTerms& terms, bool name_words,
+             std::vector<Span>* out) {
+  if (!ascii && !terms.cjk.empty() && index::HasCjk(text.substr(begin, end - begin))) {
+    // No spaces between the words: look for the keyword's strings in it.
+    for (const auto& cjk : terms.cjk) {
+      for (size_t at = text.find(cjk, begin); at != std::string::npos && at + cjk.size() <= end;
+           at = text.find(cjk, at + cjk.size())) {
+        out->push_back({at, at + cjk.size()});
+      }
+    }
+    std::sort(out->begin(), out->end(),
+              [](const Span& a, const Span& b) { return a.begin < b.begin; });
+    // Marks may not overlap: the first of two overlapping ones stays.
+    size_t kept = 0;
+    for (size_t k = 0; k < out->size(); ++k) {
+      if (kept > 0 && (*out)[k].begin < (*out)[kept - 1].end) continue;
+      (*out)[kept++] = (*out)[k];
+    }
+    out->resize(kept);
+    return;
+  }
+  if (end - begin > 256) return;  // longer than any word of a keyword
+  const std::string whole = text.substr(begin, end - begin);
+  if (ascii ? Matches(lower, terms) : Matches(index::FoldWord(whole), terms, Lower(whole))) {
+    out->push_back({begin, end});
+    return;
+  }
+  if (!name_words) return;
+  for (const auto& part : index::NameWordSpans(whole)) {
+    if (part.first == 0 && part.second == whole.size()) continue;
+    if (Matches(index::FoldWord(whole.substr(part.first, part.second - part.first)), terms)) {
+      out->push_back({begin + part.first, begin + part.second});
+    }
+  }
 }
 
 Fragment OpenFragment(const std::string& text, const Span& match, size_t frag_length) {
@@ -149,6 +211,7 @@ std::vector<std::string> HighlightFragments(const std::string& text, const MarkT
     }
     return Xapian::Unicode::is_wordchar(ch);
   };
+  std::vector<Span> spans;
   while (i < limit && done.size() < options.num_fragments) {
     unsigned ch;
     size_t len = next(i, &ch);
@@ -157,34 +220,31 @@ std::vector<std::string> HighlightFragments(const std::string& text, const MarkT
       continue;
     }
     size_t begin = i;
+    bool ascii = true;
     word.clear();
     while (i < limit) {
       len = next(i, &ch);
       if (!is_word(ch)) break;
+      ascii = ascii && ch < 0x80;
       // Words longer than any term cannot match; stop building them early.
-      if (word.size() < 256) {
-        if (ch < 0x80) {
-          word += static_cast<char>(ch >= 'A' && ch <= 'Z' ? ch + 32 : ch);
-        } else {
-          Xapian::Unicode::append_utf8(word, Xapian::Unicode::tolower(ch));
-        }
+      if (word.size() < 256 && ch < 0x80) {
+        word += static_cast<char>(ch >= 'A' && ch <= 'Z' ? ch + 32 : ch);
       }
       i += len;
     }
-    size_t stop = i;
-    if (!Matches(word, terms)) continue;
-    Span match{begin, stop};
-    if (open && match.end <= current.end) {
-      current.marks.push_back(match);
-      continue;
-    }
-    if (open) done.push_back(std::move(current));
-    if (done.size() >= options.num_fragments) {
+    spans.clear();
+    MarksIn(text, begin, i, ascii, word, terms, options.name_words, &spans);
+    for (const Span& match : spans) {
+      if (open && match.end <= current.end) {
+        current.marks.push_back(match);
+        continue;
+      }
+      if (open) done.push_back(std::move(current));
       open = false;
-      break;
+      if (done.size() >= options.num_fragments) break;
+      current = OpenFragment(text, match, frag_length);
+      open = true;
     }
-    current = OpenFragment(text, match, frag_length);
-    open = true;
   }
   if (open && done.size() < options.num_fragments) done.push_back(std::move(current));
   for (const auto& f : done) result.push_back(Render(text, f));

@@ -1,5 +1,7 @@
 // Cuts fragments of a text around the words of a keyword, each match wrapped
-// in <em>..</em> and everything else HTML-escaped.
+// in <em>..</em> and everything else HTML-escaped. A word matches as the
+// index matches it (accents and case folded, any form of the word, a
+// beginning), and is marked as it stands in the text.
 //
 // Bounded work whatever the text's size: the scan stops once the wanted
 // fragments are complete or after `scan_limit` bytes, and each fragment is
@@ -19,6 +21,9 @@ struct FragmentOptions {
   size_t frag_length = 100;
   size_t num_fragments = 3;
   size_t scan_limit = 1u << 20;
+  // The text is a name or a path: its words are cut as names are
+  // (index::NameWords), "QuarterlyReport" marks "Report".
+  bool name_words = false;
 };
 
 // Limits applied to what a request asks for.

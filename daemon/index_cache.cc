@@ -50,7 +50,8 @@ Xapian::Database* IndexCache::Open(const std::string& index_id, IndexState* stat
     *state = IndexState::kChecking;
     return nullptr;
   }
-  if (!PathExists(loc.db_path)) {
+  struct stat at;
+  if (lstat(loc.db_path.c_str(), &at) != 0) {
     Drop(index_id);
     if (note_missing) missing_.Note(index_id);
     *state = IndexState::kUnknown;
@@ -68,25 +69,43 @@ Xapian::Database* IndexCache::Open(const std::string& index_id, IndexState* stat
   }
 
   auto it = open_.find(index_id);
+  if (it != open_.end() && (it->second.dev != at.st_dev || it->second.ino != at.st_ino)) {
+    open_.erase(it);
+    it = open_.end();
+  }
   if (it != open_.end()) {
     try {
-      it->second->reopen();
+      it->second.db->reopen();
       // reopen() alone does not notice a damaged revision; touching the
       // statistics makes it surface here rather than halfway through a match.
-      (void)it->second->get_doccount();
+      (void)it->second.db->get_doccount();
       *state = IndexState::kReady;
       missing_.Forget(index_id);
-      return it->second.get();
+      return it->second.db.get();
     } catch (const Xapian::Error&) {
       // Replaced or damaged since we opened it: start afresh below.
       open_.erase(it);
     }
   }
   try {
-    auto db = std::make_unique<Xapian::Database>(loc.db_path);
-    (void)db->get_doccount();
+    std::unique_ptr<Xapian::Database> db;
+    for (int attempt = 0;; ++attempt) {
+      try {
+        db = std::make_unique<Xapian::Database>(loc.db_path);
+        (void)db->get_doccount();
+        break;
+      } catch (const Xapian::DatabaseError&) {
+        // Opened while the indexer put another database in its place:
+        // once more, from what is there now.
+        struct stat now;
+        if (attempt > 0 || lstat(loc.db_path.c_str(), &now) != 0 || now.st_ino == at.st_ino) {
+          throw;
+        }
+        at = now;
+      }
+    }
     Xapian::Database* raw = db.get();
-    open_[index_id] = std::move(db);
+    open_[index_id] = OpenIndex{std::move(db), at.st_dev, at.st_ino};
     *state = IndexState::kReady;
     missing_.Forget(index_id);
     return raw;

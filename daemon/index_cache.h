@@ -6,6 +6,7 @@
 #ifndef KESTONDRI_DAEMON_INDEX_CACHE_H_
 #define KESTONDRI_DAEMON_INDEX_CACHE_H_
 
+#include <sys/types.h>
 #include <xapian.h>
 
 #include <chrono>
@@ -73,9 +74,18 @@ class IndexCache {
   Xapian::Database* Open(const std::string& index_id, IndexState* state, IndexLocation* location,
                          bool note_missing);
 
+  struct OpenIndex {
+    std::unique_ptr<Xapian::Database> db;
+    // What lay at the database's path when it was opened: the indexer puts
+    // a rebuilt or compacted database in place of another by exchanging
+    // folders, and an open database would go on reading the old one's files.
+    dev_t dev;
+    ino_t ino;
+  };
+
   const IndexResolver& resolver_;
   MissingIndexLog& missing_;
-  std::map<std::string, std::unique_ptr<Xapian::Database>> open_;
+  std::map<std::string, OpenIndex> open_;
   std::map<std::string, std::chrono::steady_clock::time_point> unreachable_until_;
 };
 

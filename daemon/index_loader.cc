@@ -3,7 +3,7 @@
 // other file and folder its metadata only. For tests and benchmarks, and as
 // a reference for what the indexer writes.
 //
-//   kest_index_loader [--max-text BYTES] SOURCE_DIR DB_PATH
+//   kest_index_loader [--max-text BYTES] [--language LANG] SOURCE_DIR DB_PATH
 #include <dirent.h>
 #include <fcntl.h>
 #include <getopt.h>
@@ -24,6 +24,8 @@ using kestondri::index::FileRecord;
 
 struct Loader {
   Xapian::WritableDatabase db;
+  std::string root;
+  kestondri::index::Stemmer stemmer;
   size_t max_text = 16u << 20;
   size_t count = 0;
   size_t text_bytes = 0;
@@ -53,6 +55,7 @@ void Add(Loader& loader, const std::string& path, const std::string& name, const
   FileRecord r;
   r.path = path;
   r.name = name;
+  r.folders = kestondri::index::FoldersBetween(loader.root, path);
   r.is_dir = S_ISDIR(st.st_mode);
   r.extension = kestondri::index::ExtensionOfName(name, r.is_dir);
   r.size = r.is_dir ? 0 : static_cast<uint64_t>(st.st_size);
@@ -61,7 +64,8 @@ void Add(Loader& loader, const std::string& path, const std::string& name, const
   r.identity = kestondri::index::FileIdentity(st);
   if (S_ISREG(st.st_mode)) r.text = ReadText(path, loader.max_text);
   loader.text_bytes += r.text.size();
-  loader.db.replace_document(kestondri::index::UniqueTerm(path), kestondri::index::MakeDocument(r));
+  loader.db.replace_document(kestondri::index::UniqueTerm(path),
+                             kestondri::index::MakeDocument(r, loader.stemmer));
   if (++loader.count % 5000 == 0) {
     loader.db.commit();
     std::fprintf(stderr, "%zu files\n", loader.count);
@@ -94,27 +98,37 @@ void MakeParents(const std::string& path) {
 
 int main(int argc, char** argv) {
   size_t max_text = 16u << 20;
+  std::string language = kestondri::index::kDefaultLanguage;
   static const option opts[] = {{"max-text", required_argument, nullptr, 'm'},
+                                {"language", required_argument, nullptr, 'l'},
                                 {nullptr, 0, nullptr, 0}};
+  const char* usage =
+      "usage: kest_index_loader [--max-text BYTES] [--language LANG] SOURCE_DIR DB_PATH\n";
   int c;
-  while ((c = getopt_long(argc, argv, "m:", opts, nullptr)) != -1) {
+  while ((c = getopt_long(argc, argv, "m:l:", opts, nullptr)) != -1) {
     if (c == 'm') {
       max_text = std::strtoull(optarg, nullptr, 10);
+    } else if (c == 'l') {
+      language = optarg;
     } else {
-      std::fprintf(stderr, "usage: kest_index_loader [--max-text BYTES] SOURCE_DIR DB_PATH\n");
+      std::fputs(usage, stderr);
       return 2;
     }
   }
-  if (argc - optind != 2) {
-    std::fprintf(stderr, "usage: kest_index_loader [--max-text BYTES] SOURCE_DIR DB_PATH\n");
+  kestondri::index::Stemmer stemmer;
+  if (argc - optind != 2 || !kestondri::index::Stemmer::Make(language, &stemmer)) {
+    std::fputs(usage, stderr);
     return 2;
   }
   std::string root = argv[optind];
   while (root.size() > 1 && root.back() == '/') root.pop_back();
   MakeParents(argv[optind + 1]);
   try {
-    Loader loader{Xapian::WritableDatabase(argv[optind + 1], Xapian::DB_CREATE_OR_OPEN)};
+    Loader loader{Xapian::WritableDatabase(argv[optind + 1], Xapian::DB_CREATE_OR_OPEN), root,
+                  stemmer};
     loader.max_text = max_text;
+    loader.db.set_metadata(kestondri::index::kFormatKey, kestondri::index::kFormatVersion);
+    loader.db.set_metadata(kestondri::index::kLanguageKey, stemmer.language());
     Walk(loader, root);
     loader.db.commit();
     std::printf("indexed %zu files, %zu bytes of text\n", loader.count, loader.text_bytes);

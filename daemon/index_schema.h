@@ -16,6 +16,8 @@
 #include <string>
 #include <vector>
 
+#include "text_analysis.h"
+
 namespace kestondri {
 namespace index {
 
@@ -28,6 +30,8 @@ constexpr const char kFieldSize[] = "KESTMDFSSize";
 constexpr const char kFieldMTime[] = "KESTMDMTime";
 constexpr const char kFieldContent[] = "KESTMDTextContent";
 constexpr const char kFieldOwner[] = "KESTMDOwnerUserID";
+// A criterion only: the folder given and everything below it.
+constexpr const char kFieldInFolder[] = "KESTMDInFolder";
 
 // Value slots. Path, name, extension and owner hold their text (the owner as
 // a decimal uid); is-dir holds "1" or "0"; size and mtime hold
@@ -52,22 +56,57 @@ enum Slot : Xapian::valueno {
   kSlotIdentity = 8,
 };
 
-// Term prefixes. Free-text prefixes carry positions (phrases work in them);
+// The layout's version, in the database's metadata under kFormatKey. An
+// index of another version (or none: the first layout) is rebuilt by the
+// indexer, and the old one answers searches meanwhile. Version 2: folded
+// words, stems, word beginnings, name words, folder words, CJK n-grams.
+constexpr const char kFormatKey[] = "kestondri:format";
+constexpr const char kFormatVersion[] = "2";
+// The stemming language the index was built with (Stemmer::language()),
+// in the database's metadata: queries stem their words the same way.
+constexpr const char kLanguageKey[] = "kestondri:language";
+
+// Term prefixes. Words are folded (text_analysis.h): accents and case do
+// not count. Free-text prefixes carry positions (phrases work in them);
 // the others are boolean filter terms.
-constexpr const char kPrefixContent[] = "XC";    // words of the text content
-constexpr const char kPrefixName[] = "XN";       // words of the file name
+constexpr const char kPrefixContent[] = "XC";  // words of the text content, positions
+constexpr const char kPrefixName[] = "XN";     // words of the file name (NameWords), positions
+constexpr const char kPrefixFolder[] = "XH";   // words of the names of the folders above it
+// Stems of the words of a field, "Z" + the field's prefix, only where the
+// stem differs from the word: a stem is matched as that stem or as a word.
+constexpr const char kStemMark[] = "Z";
+// The beginnings of a field's words longer than that, from kMinBeginning
+// up to MaxBeginning(field) characters: "XG" + the field's letter ("XGC",
+// "XGN", "XGH"). A short prefix query is then one term, whatever the
+// number of words it begins. Text has many words: there only the first 3
+// characters are worth their room in the index.
+constexpr const char kPrefixBeginning[] = "XG";
+constexpr size_t kMinBeginning = 3;
+size_t MaxBeginning(const std::string& field_prefix);
+// Words as they stand, before folding, where folding changed them: an
+// accented query word ranks the files that have it accented first.
+constexpr const char kPrefixAccentedContent[] = "XAC";
+constexpr const char kPrefixAccentedName[] = "XAN";
 constexpr const char kPrefixExtension[] = "XE";  // lower-case extension, no dot
 constexpr const char kPrefixType[] = "XT";       // file type: document, photo, ...
 constexpr const char kPrefixIsDir[] = "XD";      // "XD1" folders, "XD0" files
 constexpr const char kPrefixOwner[] = "XO";      // decimal owner uid
 constexpr const char kPrefixExactName[] = "XF";  // the whole file name, as it is
-constexpr const char kPrefixExactPath[] = "XP";  // the whole path, as it is
-constexpr const char kPrefixUnique[] = "Q";      // one per document: the path
+// One per document: the path, as it is (replace_document, exact path
+// criteria).
+constexpr const char kPrefixUnique[] = "Q";
+
+// The beginning-term prefix of a field prefix ("XC" gives "XGC").
+std::string BeginningPrefix(const std::string& field_prefix);
 
 // The document data holds the extracted text, cut (on a UTF-8 boundary) to
 // this many bytes: what highlighting can show. Every word of the whole text
 // is indexed all the same.
 constexpr size_t kMaxStoredText = 256u << 10;
+// Positions are kept for words in this much of the text (phrases match
+// there); words further on are indexed without them. Positions are most
+// of an index's size, and a long generated file holds many words once.
+constexpr size_t kMaxPositionalText = 128u << 10;
 
 // File types a search can select, and the folder pseudo-type.
 constexpr const char kTypeAll[] = "all";
@@ -94,6 +133,9 @@ std::string ExactTerm(const char* prefix, const std::string& value);
 struct FileRecord {
   std::string path;  // absolute path on the server
   std::string name;  // last path component
+  // The folders between the indexed tree's root and the file ("a/b" for
+  // <root>/a/b/name): their names' words find the file too.
+  std::string folders;
   std::string extension;
   bool is_dir = false;
   uint64_t size = 0;
@@ -112,7 +154,14 @@ std::string FileIdentity(const struct stat& st);
 // last dot, lower-cased; empty for folders, dot-files and names without one.
 std::string ExtensionOfName(const std::string& name, bool is_dir);
 
-// Builds the document for `record`. Thread-safe (no shared state).
+// The part of `path` between `root` and its last component ("" when the
+// file lies right in `root`, or not below it).
+std::string FoldersBetween(const std::string& root, const std::string& path);
+
+// Builds the document for `record`, stemming with `stemmer` (the index's
+// language). Thread-safe given a stemmer of the calling thread.
+Xapian::Document MakeDocument(const FileRecord& record, const Stemmer& stemmer);
+// The same in kDefaultLanguage.
 Xapian::Document MakeDocument(const FileRecord& record);
 // The unique term to pass to WritableDatabase::replace_document.
 std::string UniqueTerm(const std::string& path);

@@ -9,7 +9,7 @@ packages=(
   # libraries
   libjsoncpp-dev libsqlite3-dev libpam0g-dev libacl1-dev libinih-dev
   libboost-dev libboost-system-dev libxapian-dev libpoppler-cpp-dev
-  libarchive-dev libxml2-dev libuchardet-dev libcrypt-dev
+  libarchive-dev libxml2-dev libuchardet-dev libcrypt-dev libicu-dev
   # tests and tools (clang and its runtimes build the fuzz targets)
   libgtest-dev libgmock-dev acl xapian-tools util-linux iproute2 curl procps
   clang-14 libclang-rt-14-dev

@@ -101,10 +101,14 @@ RECOLL_CONFDIR="$WORK/recoll" recollindex -z >"$WORK/recollindex.log" 2>&1 ||
   die "recollindex failed; see $WORK/recollindex.log"
 echo "recollindex: $(since "$t0") s"
 
-# KestOndri: the shares, their folders added as the web API does, then the
+# KestOndri: the shares, the French and German ones with their language as
+# an operator would set it, their folders added as the web API does, then the
 # indexer until every queue is worked off and its term suggestions are made.
-for s in "${SHARES[@]}"; do printf '[%s]\npath = /volume1/%s\n' "$s" "$s"; done \
-  >/etc/kest/shares.conf
+declare -A LANGUAGE=([francais]=french [deutsch]=german)
+for s in "${SHARES[@]}"; do
+  printf '[%s]\npath = /volume1/%s\n' "$s" "$s"
+  if [[ -n ${LANGUAGE[$s]:-} ]]; then printf 'index language = %s\n' "${LANGUAGE[$s]}"; fi
+done >/etc/kest/shares.conf
 "$WORK/add_folders" "${SHARES[@]/#//volume1/}"
 t0=$(seconds)
 "$BUILD/indexer/kest-indexer" --stderr --suggest-delay=1 >"$WORK/kest-indexer.log" 2>&1 &

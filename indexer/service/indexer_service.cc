@@ -20,15 +20,19 @@ namespace kestondri {
 namespace indexer {
 namespace {
 
-std::set<std::string> ConfiguredSharePaths() {
-  std::set<std::string> out;
+// Every share of the configuration: its folder and its index's language.
+std::map<std::string, std::string> ConfiguredShares() {
+  std::map<std::string, std::string> out;
   PKLIBCSZLIST names = KLIBCSzListAlloc(16);
   if (!names) return out;
   if (KLIBShareEnum(&names, nullptr) >= 0) {
     for (int i = 0; i < names->nItem; ++i) {
+      const char* name = KLIBCSzListGet(names, i);
       PKESTSHARE share = nullptr;
-      if (KESTShareGet(KLIBCSzListGet(names, i), &share) == 0 && share) {
-        out.insert(share->szPath);
+      if (KESTShareGet(name, &share) == 0 && share) {
+        char language[64] = "";
+        if (KLIBShareIndexLanguageGet(name, language, sizeof language) < 0) language[0] = '\0';
+        out[share->szPath] = language;
         KESTShareFree(share);
       }
     }
@@ -107,7 +111,18 @@ QueueFile& IndexerService::QueueOf(const std::string& share_path) {
 
 ShareIndex* IndexerService::IndexOf(const std::string& share_path) {
   auto& index = indices_[share_path];
-  if (!index) index.reset(new ShareIndex(share_path, options_.commit));
+  const auto language = languages_.find(share_path);
+  const std::string wanted = language == languages_.end() ? "" : language->second;
+  if (index && index->language() != wanted) {
+    // Another language: the index is built again (ShareIndex::Open).
+    try {
+      index->Close();
+    } catch (const Xapian::Error& e) {
+      syslog(LOG_ERR, "index: %s: %s", index->db_path().c_str(), e.get_description().c_str());
+    }
+    index.reset();
+  }
+  if (!index) index.reset(new ShareIndex(share_path, options_.commit, wanted));
   if (index->is_open()) return index.get();
   auto failing = failing_.find(share_path);
   if (failing != failing_.end() && std::chrono::steady_clock::now() < failing->second) {
@@ -141,7 +156,9 @@ void IndexerService::Refresh() {
     syslog(LOG_ERR, "index: cannot read the folder store: %s", e.what());
     if (!folders_) folders_ = std::make_shared<const FolderTable>();
   }
-  share_paths_ = ConfiguredSharePaths();
+  languages_ = ConfiguredShares();
+  share_paths_.clear();
+  for (const auto& share : languages_) share_paths_.insert(share.first);
   for (const auto& f : folders_->folders()) share_paths_.insert(f.share_path);
 }
 
@@ -268,7 +285,18 @@ size_t IndexerService::ProcessShare(const std::string& share_path) {
       syslog(LOG_ERR, "index: %s: %s", index->second->db_path().c_str(),
              e.get_description().c_str());
     }
-    if (index->second->rebuilding()) index->second->EndRebuild();
+    if (index->second->rebuilding()) {
+      try {
+        index->second->EndRebuild();
+      } catch (const Xapian::Error& e) {
+        syslog(LOG_ERR, "index: %s: %s", index->second->db_path().c_str(),
+               e.get_description().c_str());
+      }
+      // The index in place is another database now: its term suggestions
+      // are made again.
+      changed_dbs_.insert(index->second->db_path());
+      last_change_ = std::chrono::steady_clock::now();
+    }
   }
   return done.size();
 }

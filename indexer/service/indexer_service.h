@@ -74,7 +74,8 @@ class IndexerService {
   bool woken_ = false;
 
   std::shared_ptr<const FolderTable> folders_;
-  std::set<std::string> share_paths_;  // every share of shares.conf
+  std::set<std::string> share_paths_;             // every share of shares.conf
+  std::map<std::string, std::string> languages_;  // share path -> "index language"
   std::mutex queues_mutex_;
   std::map<std::string, std::unique_ptr<QueueFile>> queues_;
   std::map<std::string, std::unique_ptr<ShareIndex>> indices_;

@@ -8,6 +8,7 @@
 
 #include <cerrno>
 #include <chrono>
+#include <cstdio>
 #include <cstring>
 #include <filesystem>
 #include <map>
@@ -31,6 +32,33 @@ struct Known {
   double written = 0;    // kSlotWritten
   std::string identity;  // kSlotIdentity
 };
+
+// Set in a new database until its first walk of every folder is complete.
+constexpr char kFillingKey[] = "kestondri:filling";
+// Beside the database: a new one being built while the old one answers,
+// and a compacted copy before it takes the database's place.
+constexpr char kBuildSuffix[] = ".new";
+constexpr char kCompactSuffix[] = ".compact";
+
+// Swaps the folders `a` and `b` at once, so that readers find one database
+// or the other at each path, never none. Without the kernel's exchange
+// (a file system that lacks it) by three renames.
+bool Exchange(const std::string& a, const std::string& b) {
+  if (renameat2(AT_FDCWD, a.c_str(), AT_FDCWD, b.c_str(), RENAME_EXCHANGE) == 0) return true;
+  if (errno != EINVAL && errno != ENOSYS && errno != EPERM) return false;
+  const std::string aside = b + ".old";
+  if (rename(b.c_str(), aside.c_str()) != 0) return false;
+  if (rename(a.c_str(), b.c_str()) != 0) {
+    rename(aside.c_str(), b.c_str());
+    return false;
+  }
+  return rename(aside.c_str(), a.c_str()) == 0;
+}
+
+void RemoveTree(const std::string& path) {
+  std::error_code ec;
+  std::filesystem::remove_all(path, ec);
+}
 
 // The metadata key that holds when a reindex of `path` began.
 constexpr char kReindexKeyPrefix[] = "kestondri:reindex:";
@@ -62,10 +90,26 @@ std::string BaseName(const std::string& path) {
 
 }  // namespace
 
-ShareIndex::ShareIndex(std::string share_path, CommitPolicy policy)
-    : share_path_(std::move(share_path)), policy_(policy) {
+ShareIndex::ShareIndex(std::string share_path, CommitPolicy policy, const std::string& language)
+    : share_path_(std::move(share_path)), policy_(policy), asked_language_(language) {
   char db[4096] = {0};
   if (FILEIDXDBPathCompose(share_path_.c_str(), db, sizeof db) == 0) db_path_ = db;
+  const std::string wanted = language.empty() ? index::kDefaultLanguage : language;
+  if (!index::Stemmer::Make(wanted, &stemmer_)) {
+    syslog(LOG_WARNING, "index of %s: no stemmer for \"%s\"; %s is used", share_path_.c_str(),
+           wanted.c_str(), index::kDefaultLanguage);
+    index::Stemmer::Make(index::kDefaultLanguage, &stemmer_);
+  }
+}
+
+void ShareIndex::Stamp(Xapian::WritableDatabase& db) const {
+  db.set_metadata(index::kFormatKey, index::kFormatVersion);
+  db.set_metadata(index::kLanguageKey, stemmer_.language());
+}
+
+bool ShareIndex::Current(const Xapian::Database& db) const {
+  return db.get_metadata(index::kFormatKey) == index::kFormatVersion &&
+         db.get_metadata(index::kLanguageKey) == stemmer_.language();
 }
 
 ShareIndex::~ShareIndex() {
@@ -99,15 +143,94 @@ bool ShareIndex::Open(std::string* error) {
   }
   try {
     db_.reset(new Xapian::WritableDatabase(db_path_, Xapian::DB_CREATE_OR_OPEN));
+    if (db_->get_metadata(index::kFormatKey).empty() && db_->get_doccount() == 0) {
+      Stamp(*db_);
+      db_->set_metadata(kFillingKey, "1");
+      db_->commit();
+    }
+    if (!Current(*db_)) return Upgrade(error);
+    fresh_ = db_->get_metadata(kFillingKey) == "1";
+    // A rebuild after damage that a stop cut short: readers stay away
+    // until it is complete.
+    rebuilding_ = fresh_ && access((db_path_ + ".checking").c_str(), F_OK) == 0;
   } catch (const Xapian::DatabaseLockError& e) {
+    db_.reset();
     *error = e.get_description();  // another writer: try again later
     return false;
   } catch (const Xapian::Error& e) {
+    db_.reset();
     syslog(LOG_ERR, "index %s is damaged (%s); it is built again", db_path_.c_str(),
            e.get_description().c_str());
-    if (!Rebuild(error)) return false;
+    return Rebuild(error);
   }
+  // What an upgrade or a compaction that was cut short left beside it.
+  RemoveTree(db_path_ + kBuildSuffix);
+  RemoveTree(db_path_ + kCompactSuffix);
   pending_ = 0;
+  return true;
+}
+
+// The old database stays where readers find it; the new one is built
+// beside it from the disk. A build cut short (a stop, a restart) goes on
+// where it was.
+bool ShareIndex::Upgrade(std::string* error) {
+  db_->close();
+  db_.reset();
+  const std::string build = db_path_ + kBuildSuffix;
+  try {
+    std::unique_ptr<Xapian::WritableDatabase> db(
+        new Xapian::WritableDatabase(build, Xapian::DB_CREATE_OR_OPEN));
+    if (!db->get_metadata(index::kFormatKey).empty() && !Current(*db)) {
+      db.reset(new Xapian::WritableDatabase(build, Xapian::DB_CREATE_OR_OVERWRITE));
+    }
+    if (db->get_metadata(index::kFormatKey).empty()) {
+      Stamp(*db);
+      db->commit();
+    }
+    db_ = std::move(db);
+  } catch (const Xapian::DatabaseLockError& e) {
+    *error = e.get_description();
+    return false;
+  } catch (const Xapian::Error& e) {
+    RemoveTree(build);
+    *error = "cannot build " + build + ": " + e.get_description();
+    return false;
+  }
+  if (!upgrading_) {
+    syslog(LOG_INFO,
+           "index %s: of an older layout or another language; a new one is built beside it, "
+           "and takes its place once complete",
+           db_path_.c_str());
+  }
+  upgrading_ = true;
+  pending_ = 0;
+  return true;
+}
+
+// Compacts the database at `from` into a copy that then takes the place of
+// db_path_ (whose database `from` may be). False, with nothing changed,
+// when that cannot be done (no room on the volume, say).
+bool ShareIndex::CompactInPlace(const std::string& from) {
+  const std::string copy = db_path_ + kCompactSuffix;
+  RemoveTree(copy);
+  try {
+    // Document ids stay: a client may ask to highlight a hit it found
+    // before.
+    Xapian::Database(from).compact(copy, Xapian::DBCOMPACT_NO_RENUMBER);
+  } catch (const Xapian::Error& e) {
+    syslog(LOG_WARNING, "index %s: cannot compact: %s", db_path_.c_str(),
+           e.get_description().c_str());
+    RemoveTree(copy);
+    return false;
+  }
+  if (!Exchange(copy, db_path_)) {
+    syslog(LOG_WARNING, "index %s: cannot put the compacted index in place: %s", db_path_.c_str(),
+           strerror(errno));
+    RemoveTree(copy);
+    return false;
+  }
+  RemoveTree(copy);
+  if (from != db_path_) RemoveTree(from);
   return true;
 }
 
@@ -132,7 +255,11 @@ bool ShareIndex::Rebuild(std::string* error) {
   std::filesystem::remove_all(aside, ec);
   try {
     db_.reset(new Xapian::WritableDatabase(db_path_, Xapian::DB_CREATE_OR_OPEN));
+    Stamp(*db_);
+    db_->set_metadata(kFillingKey, "1");
+    db_->commit();
   } catch (const Xapian::Error& e) {
+    db_.reset();
     *error = e.get_description();
     return false;
   }
@@ -142,11 +269,35 @@ bool ShareIndex::Rebuild(std::string* error) {
 }
 
 void ShareIndex::EndRebuild() {
-  if (!rebuilding_) return;
+  if (!rebuilding() || !db_) return;
   Commit();
-  unlink((db_path_ + ".checking").c_str());
-  rebuilding_ = false;
-  syslog(LOG_INFO, "index %s is built again", db_path_.c_str());
+  const std::string from = upgrading_ ? db_path_ + kBuildSuffix : db_path_;
+  Close();
+  const bool compacted = CompactInPlace(from);
+  if (!compacted && upgrading_) {
+    // Uncompacted, but of the current layout: better than the old one.
+    if (!Exchange(from, db_path_)) {
+      syslog(LOG_ERR, "index %s: cannot put the new index in place: %s", db_path_.c_str(),
+             strerror(errno));
+      return;  // tried again at the next end of a walk
+    }
+    RemoveTree(from);
+  }
+  // Only now is the filling over: a stop during the compaction leaves it to
+  // the next end of a walk.
+  try {
+    Xapian::WritableDatabase db(db_path_, Xapian::DB_OPEN);
+    db.set_metadata(kFillingKey, "");
+    db.commit();
+  } catch (const Xapian::Error& e) {
+    syslog(LOG_ERR, "index %s: %s", db_path_.c_str(), e.get_description().c_str());
+  }
+  if (rebuilding_) unlink((db_path_ + ".checking").c_str());
+  syslog(LOG_INFO, "index %s is %s", db_path_.c_str(),
+         upgrading_    ? "rebuilt in the new layout"
+         : rebuilding_ ? "built again"
+                       : "built");
+  rebuilding_ = fresh_ = upgrading_ = false;
 }
 
 void ShareIndex::Close() {
@@ -249,6 +400,7 @@ SyncResult ShareIndex::Sync(const std::string& path, SyncMode mode, const Folder
     index::FileRecord record;
     record.path = p;
     record.name = BaseName(p);
+    record.folders = index::FoldersBetween(share_path_, p);
     record.is_dir = is_dir;
     record.extension = index::ExtensionOfName(record.name, is_dir);
     const std::string type = is_dir ? "folder" : index::FileTypeOfExtension(record.extension);
@@ -283,7 +435,7 @@ SyncResult ShareIndex::Sync(const std::string& path, SyncMode mode, const Folder
         record.identity.clear();
       }
     }
-    Xapian::Document doc = index::MakeDocument(record);
+    Xapian::Document doc = index::MakeDocument(record, stemmer_);
     doc.add_value(index::kSlotWritten, Xapian::sortable_serialise(NowMicros()));
     db.replace_document(index::UniqueTerm(p), doc);
     ++result.changed;
@@ -343,7 +495,16 @@ SyncResult ShareIndex::Sync(const std::string& path, SyncMode mode, const Folder
     ++result.changed;
     Changed();
   }
-  if (mode == SyncMode::kReindex) ForgetReindex(path);
+  if (mode == SyncMode::kReindex) {
+    ForgetReindex(path);
+    // Rewriting a large part of the index leaves it as loose as a new one:
+    // it is compacted too once the queue is worked off (EndRebuild).
+    if (!rebuilding() && result.changed * 2 >= db.get_doccount()) {
+      db.set_metadata(kFillingKey, "1");
+      Changed();
+      fresh_ = true;
+    }
+  }
   result.completed = true;
   return result;
 }

@@ -17,6 +17,7 @@
 #include <string>
 
 #include "extract/extract_types.h"
+#include "index_schema.h"
 #include "service/folder_table.h"
 
 namespace kestondri {
@@ -40,24 +41,37 @@ struct SyncResult {
 
 class ShareIndex {
  public:
-  ShareIndex(std::string share_path, CommitPolicy policy);
+  // `language`: the stemming language of the share (Stemmer::Make), "" for
+  // the default one.
+  ShareIndex(std::string share_path, CommitPolicy policy, const std::string& language = "");
   ~ShareIndex();
   ShareIndex(const ShareIndex&) = delete;
   ShareIndex& operator=(const ShareIndex&) = delete;
 
   const std::string& share_path() const { return share_path_; }
   const std::string& db_path() const { return db_path_; }
+  // The language asked for, as given.
+  const std::string& language() const { return asked_language_; }
 
   // Opens (creating when needed) the database. False, with `error` set, when
   // the share's folder is missing (an unmounted volume: nothing is created
-  // on the mount point) or the database cannot be opened. A database that
-  // is damaged (not merely locked) is set aside and replaced by an empty
-  // one: `rebuilding()` then tells that every folder of the share must be
-  // walked again, and the "<database>.checking" file beside it keeps readers
-  // away until EndRebuild().
+  // on the mount point) or the database cannot be opened.
+  //
+  // Whenever a database must be filled from the disk, `rebuilding()` tells
+  // that every folder of the share must be walked, and EndRebuild(), once
+  // they all were, compacts it (a database written document by document is
+  // about twice the size it needs) and puts it in place:
+  // - a new database;
+  // - a damaged one (not merely locked): set aside and replaced by an empty
+  //   one, and the "<database>.checking" file beside it keeps readers away
+  //   until EndRebuild();
+  // - one where a reindex rewrote at least half the documents;
+  // - one of an older layout (index_schema.h) or another language: a new
+  //   one is built beside it ("<database>.new") while the old one goes on
+  //   answering searches, and takes its place at EndRebuild().
   bool Open(std::string* error);
   bool is_open() const { return db_ != nullptr; }
-  bool rebuilding() const { return rebuilding_; }
+  bool rebuilding() const { return rebuilding_ || fresh_ || upgrading_; }
   void EndRebuild();
   // The next Open() builds the index again instead of opening it.
   void MarkDamaged() { damaged_ = true; }
@@ -96,13 +110,21 @@ class ShareIndex {
  private:
   void Changed();
   bool Rebuild(std::string* error);
+  bool Upgrade(std::string* error);
+  void Stamp(Xapian::WritableDatabase& db) const;
+  bool Current(const Xapian::Database& db) const;
+  bool CompactInPlace(const std::string& from);
 
   const std::string share_path_;
   std::string db_path_;
   const CommitPolicy policy_;
+  const std::string asked_language_;
+  index::Stemmer stemmer_;
   std::unique_ptr<Xapian::WritableDatabase> db_;
   size_t pending_ = 0;
-  bool rebuilding_ = false;
+  bool rebuilding_ = false;  // damaged: built again in place, readers kept away
+  bool fresh_ = false;       // new: filled for the first time
+  bool upgrading_ = false;   // built beside the one readers use
   bool damaged_ = false;
   std::chrono::steady_clock::time_point first_pending_;
 };

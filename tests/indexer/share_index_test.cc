@@ -1,7 +1,9 @@
 // One share's index as the indexer writes it, driven directly: a folder's
 // reindex rewrites documents whose files look unchanged, drops vanished
 // files, keeps every document searchable while it runs, and goes on where an
-// interruption (a pause, a stop, a restart) left it.
+// interruption (a pause, a stop, a restart) left it; a new index ends
+// compacted, and one of another layout or language is built anew beside the
+// one that answers.
 #include "service/share_index.h"
 
 #include <gtest/gtest.h>
@@ -68,9 +70,9 @@ class ShareIndexTest : public testing::Test {
   }
 
   // A new object over the same database: what a restarted indexer sees.
-  void Reopen() {
+  void Reopen(const std::string& language = "") {
     index_.reset();
-    index_.reset(new ShareIndex(kShare, CommitPolicy()));
+    index_.reset(new ShareIndex(kShare, CommitPolicy(), language));
     std::string error;
     ASSERT_TRUE(index_->Open(&error)) << error;
   }
@@ -217,6 +219,55 @@ TEST_F(ShareIndexTest, AnUpdateRewritesWhatIsNoLongerTheIndexedFile) {
         index::FileIdentity(st),
         db.get_document(*db.postlist_begin(index::UniqueTerm(a))).get_value(index::kSlotIdentity));
   }
+}
+
+ino_t Inode(const std::string& path) {
+  struct stat st;
+  return lstat(path.c_str(), &st) == 0 ? st.st_ino : 0;
+}
+
+TEST_F(ShareIndexTest, FullWalksEndCompactedAndANewLayoutIsBuiltBesideTheOld) {
+  const std::string a = "/volume1/docs/team/a.txt";
+  auto language = [] { return Xapian::Database(kDb).get_metadata(index::kLanguageKey); };
+  // A new index: once every folder was walked it is compacted, and the
+  // copy takes its place.
+  ASSERT_TRUE(index_->rebuilding());
+  const ino_t built = Inode(kDb);
+  index_->EndRebuild();
+  EXPECT_FALSE(index_->rebuilding());
+  EXPECT_NE(built, Inode(kDb));
+  EXPECT_EQ("english", language());
+  Reopen();
+  EXPECT_FALSE(index_->rebuilding());
+  EXPECT_EQ(kFiles, Texts());
+  // A reindex that rewrote most of it leaves it as loose: compacted again.
+  ASSERT_TRUE(Sync(SyncMode::kReindex).completed);
+  ASSERT_TRUE(index_->rebuilding());
+  const ino_t reindexed = Inode(kDb);
+  index_->EndRebuild();
+  EXPECT_NE(reindexed, Inode(kDb));
+  Reopen();
+  EXPECT_FALSE(index_->rebuilding());
+
+  // Another language: the old index answers until the new one is whole.
+  Reopen("french");
+  ASSERT_TRUE(index_->rebuilding());
+  EXPECT_EQ(0, access((std::string(kDb) + ".new").c_str(), F_OK));
+  WriteFile(a, "acheter des pommes\n");
+  // A restart in the middle goes on with what was built.
+  ASSERT_FALSE(Sync(SyncMode::kUpdate, 3).completed);
+  Reopen("french");
+  ASSERT_TRUE(Sync(SyncMode::kUpdate).completed);
+  EXPECT_EQ("english", language());
+  EXPECT_EQ(kFiles.at(a), Texts()[a]);
+  index_->EndRebuild();
+  EXPECT_EQ("french", language());
+  EXPECT_EQ("acheter des pommes\n", Texts()[a]);
+  EXPECT_EQ(kFiles.size(), Texts().size());
+  EXPECT_NE(0, access((std::string(kDb) + ".new").c_str(), F_OK));
+  // Stems of the index's language: "achetées" finds "acheter".
+  Xapian::Database db(kDb);
+  EXPECT_EQ(1u, db.get_termfreq("ZXCachet"));
 }
 
 }  // namespace

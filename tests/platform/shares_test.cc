@@ -17,6 +17,7 @@ const char kConf[] =
     "[global]\n"
     "admin group = administrators\n"
     "user home = yes\n"
+    "index language = german\n"
     "\n"
     "[photo]\n"
     "path = /volume1/photo/\n"
@@ -30,6 +31,7 @@ const char kConf[] =
     "write list = @staff, carol\n"
     "invalid users = bob\n"
     "recycle bin = yes\n"
+    "Index Language = English\n"
     "\n"
     "[secret]\n"
     "path = /volume2/secret\n"
@@ -64,6 +66,12 @@ TEST_F(SharesTest, RecordsAndTheirEnumeration) {
   EXPECT_GT(0, KESTShareGet("nosuch", &missing.share));
   EXPECT_EQ(KLIB_ERR_SHARE_NOT_FOUND, KLIBCErrGet());
   EXPECT_EQ(nullptr, missing.share);
+  // A share's own index language, else [global]'s.
+  char language[16];
+  ASSERT_EQ(0, KLIBShareIndexLanguageGet("docs", language, sizeof language));
+  EXPECT_STREQ("english", language);
+  ASSERT_EQ(0, KLIBShareIndexLanguageGet("photo", language, sizeof language));
+  EXPECT_STREQ("german", language);
 
   // Names are appended in the file's order; a filter leaves out what it
   // answers non-zero for.
@@ -220,6 +228,7 @@ TEST_F(SharesTest, MalformedFileNamesTheLine) {
       {"[a]\npath = /volume1/a\n  read only = yes\n", ":3: \"path\" given twice"},
       {"[a]\nread only = yes\n", "share [a] has no path"},
       {"[a]\npath = /volume1/a\nread only = perhaps\n", ":3: \"read only\" must be yes or no"},
+      {"[a]\npath = /volume1/a\nindex language = pt-BR\n", ":3: \"index language\" must be a word"},
       {"[a]\npath = /volume1/a\n" + long_line, ":3: line longer than"},
       {"path = /volume1/a\n", ":1: empty section name"},
       {"[a/b]\npath = /volume1/a\n", ":2: share name \"a/b\""},

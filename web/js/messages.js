@@ -36,7 +36,7 @@ const MESSAGES = new Map([
   [1600, 'A newer search took the place of this one.'],
   // The search daemon.
   [1000, 'The search service did not understand the request.'],
-  [1001, 'The search words could not be understood. Check the quotes and AND, OR, NOT; a word ending in * needs at least 3 letters before it.'],
+  [1001, 'The search could not be understood: it has too many words.'],
   [1002, 'The search service refused the request as malformed.'],
   [1003, 'The document is no longer in the index, or you may not read it.'],
   [1004, 'The index is being checked or repaired. Try again later.'],

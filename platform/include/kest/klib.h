@@ -206,6 +206,9 @@ int KLIBShareIsEncryptedGet(const KESTSHARE* pShare, int* pValue);
 int KLIBShareIsReadOnlyGet(const KESTSHARE* pShare, int* pValue);
 int KLIBShareIsEncryptionGet(const KESTSHARE* pShare, int* pValue);
 int KLIBShareRecycleStatusGet(const KESTSHARE* pShare, int* pValue);
+// The stemming language of the share's index ("index language" of its
+// section, else of [global]); "" when neither names one.
+int KLIBShareIndexLanguageGet(const char* szShareName, char* szOut, size_t cbOut);
 // One of KEST_SHARE_PRIV_*; the first rule that applies decides:
 //   1. an unknown user, or one in "invalid users" (by name or @group): NA;
 //   2. in "write list": RW, also on a read-only share;

@@ -157,6 +157,16 @@ bool Fail(ParseState* state, const std::string& message) {
   return false;
 }
 
+// A stemming language's name or code ("english", "fr", "none"); whether
+// the indexer knows it is the indexer's to say.
+int IndexLanguage(ParseState* state, const std::string& value, std::string* out) {
+  bool letters = !value.empty();
+  for (char c : value) letters = letters && isalpha(static_cast<unsigned char>(c));
+  if (!letters) return Fail(state, "\"index language\" must be a word, not \"" + value + "\"");
+  *out = Lower(value);
+  return 1;
+}
+
 bool IsListKey(const std::string& key) {
   return key == "read list" || key == "write list" || key == "invalid users";
 }
@@ -210,6 +220,7 @@ int Handler(void* user, const char* section, const char* name, const char* value
       }
       return 1;
     }
+    if (key == "index language") return IndexLanguage(state, val, &state->config->index_language);
     if (key == "samba config") {
       if (val.empty() || val[0] != '/') {
         return Fail(state, "\"samba config\" must be an absolute path, not \"" + val + "\"");
@@ -234,6 +245,7 @@ int Handler(void* user, const char* section, const char* name, const char* value
     }
     return 1;
   }
+  if (key == "index language") return IndexLanguage(state, val, &share->index_language);
   if (key == "read list") return ParseList(val, &share->read_list, &error) ? 1 : Fail(state, error);
   if (key == "write list")
     return ParseList(val, &share->write_list, &error) ? 1 : Fail(state, error);

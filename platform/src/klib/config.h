@@ -31,6 +31,7 @@ struct ShareConfig {
   // follows Samba's rules, where the lists only change the access of those
   // they name: this is the privilege of everybody else (docs/shares-conf.md).
   int samba_default_priv = 0;
+  std::string index_language;  // "index language"; "" for the [global] one
 };
 
 struct Config {
@@ -38,6 +39,7 @@ struct Config {
   std::string admin_group = kDefaultAdminGroup;
   bool user_home = false;
   std::string samba_config;         // "samba config": an smb.conf whose shares are served too
+  std::string index_language;       // "index language" of [global]; "" for the indexer's default
   std::vector<ShareConfig> shares;  // in the file's order, then Samba's
 
   const ShareConfig* FindShare(const std::string& name) const;

@@ -138,6 +138,23 @@ extern "C" int KESTShareGet(const char* szShareName, PKESTSHARE* ppShare) {
   return 0;
 }
 
+extern "C" int KLIBShareIndexLanguageGet(const char* szShareName, char* szOut, size_t cbOut) {
+  ErrnoKeeper errno_keeper;
+  if (!szShareName || !szOut) {
+    KLIBCErrSet(KLIB_ERR_BAD_PARAM);
+    return -1;
+  }
+  auto config = ConfigWithShares();
+  if (!config) return -1;
+  const ShareConfig* found = config->FindShare(szShareName);
+  if (!found) {
+    KLIBCErrSet(KLIB_ERR_SHARE_NOT_FOUND);
+    return -1;
+  }
+  return CopyOut(found->index_language.empty() ? config->index_language : found->index_language,
+                 szOut, cbOut);
+}
+
 extern "C" void KESTShareFree(PKESTSHARE pShare) {
   ErrnoKeeper errno_keeper;
   if (!pShare) return;
