@@ -1,17 +1,15 @@
 // The server's parts that decide alone, without a process or a socket:
-// parameter decoding, sessions, login throttling, settings, answer frames
+// parameter decoding, login throttling, settings, answer frames
 // and access-log lines.
 #include <gtest/gtest.h>
 
 #include <chrono>
-#include <set>
 
 #include "kest/json.h"
 #include "server/access_log.h"
 #include "server/login_throttle.h"
 #include "server/request_params.h"
 #include "server/server_config.h"
-#include "server/session_store.h"
 #include "server/worker_answer.h"
 #include "server/worker_process.h"
 #include "support/sandbox.h"
@@ -74,39 +72,6 @@ TEST(RequestParamsTest, FieldsDecodeToTheirJsonMeaningAndBodiesAreOneObject) {
                                                         {"garbage;;=;kest_sid", ""}}) {
     EXPECT_EQ(CookieValue(header, "kest_sid"), value) << header;
   }
-}
-
-TEST(SessionStoreTest, IdsAreRandomSessionsExpireAndRoomIsTakenFromWhoLogsIn) {
-  const auto t0 = Clock::now();
-  SessionStore many(seconds(60), 1000, 1000);
-  std::set<std::string> seen;
-  for (int i = 0; i < 200; ++i) {
-    const Session& s = many.Create("ann", 2001, false, nullptr, t0);
-    EXPECT_EQ(s.id.find_first_not_of("0123456789abcdef"), std::string::npos);
-    EXPECT_TRUE(seen.insert(s.id).second && seen.insert(s.csrf_token).second);
-  }
-
-  SessionStore store(seconds(10), 4, 2);  // 4 in all, 2 per user
-  const auto login = [&](const char* user, int at) {
-    return store.Create(user, static_cast<uid_t>(user[0]), false, nullptr, t0 + seconds(at)).id;
-  };
-  const std::string a1 = login("ann", 0), a2 = login("ann", 1), a3 = login("ann", 2);
-  const std::string b1 = login("bob", 3), c1 = login("carol", 4);
-  // Full: bob replaces his own, not ann's older one; dave, holding none,
-  // takes the oldest of the account holding the most.
-  const std::string b2 = login("bob", 5), d1 = login("dave", 6);
-  EXPECT_EQ(store.size(), 4u);
-  for (const auto& gone : {a1, b1, a2}) EXPECT_EQ(store.Find(gone, t0 + seconds(7)), nullptr);
-  for (const auto& kept : {a3, b2, c1, d1}) EXPECT_NE(store.Find(kept, t0 + seconds(7)), nullptr);
-  // Use keeps a session alive; an idle one is gone for good.
-  EXPECT_NE(store.Find(a3, t0 + seconds(15)), nullptr);
-  EXPECT_EQ(store.Find(b2, t0 + seconds(18)), nullptr);
-  EXPECT_EQ(store.Find(b2, t0), nullptr);
-  EXPECT_TRUE(store.Remove(d1));
-  EXPECT_FALSE(store.Remove(d1));
-  store.Sweep(t0 + seconds(40));
-  EXPECT_EQ(store.size(), 0u);
-  EXPECT_EQ(store.Find("", t0), nullptr);
 }
 
 // Which bound locks whom is checked through the server; here what takes
@@ -235,18 +200,17 @@ TEST(WorkerAnswerTest, FramesAndHeadersArriveWholeOrNotAtAll) {
 }
 
 TEST(AccessLogTest, LinesHoldNoQueryAndCannotBeForged) {
-  AccessRecord record;
-  record.client = "127.0.0.1";
-  record.user = "ann";
-  record.http_method = "GET";
-  record.path = "/webapi/entry.cgi\n2026 forged \"line";
-  record.status = 200;
-  record.bytes = 42;
-  record.api = "KEST.Test.Host";
-  record.method = "echo";
-  record.version = 1;
-  record.code = 120;
-  record.millis = 7;
+  AccessRecord record{"127.0.0.1",
+                      "ann",
+                      "GET",
+                      "/webapi/entry.cgi\n2026 forged \"line",
+                      200,
+                      42,
+                      "KEST.Test.Host",
+                      "echo",
+                      1,
+                      120,
+                      7};
   EXPECT_EQ(FormatAccessRecord(record, 0),
             "1970-01-01T00:00:00Z 127.0.0.1 ann \"GET "
             "/webapi/entry.cgi\\x0a2026 forged "

@@ -18,8 +18,8 @@
 namespace kesttest {
 namespace {
 
-constexpr char kFolderAPI[] = "KEST.Ondri.FileIndexing.Folder";
 constexpr char kTeam[] = "/volume1/docs/team/";
+constexpr char kForm[] = "application/x-www-form-urlencoded";
 
 Fields Route(const std::string& api, const std::string& method, const std::string& version = "1",
              const Fields& extra = {}) {
@@ -38,20 +38,11 @@ int Code(const HttpReply& reply) {
   return reply.json["success"].asBool() ? 0 : reply.json["error"]["code"].asInt();
 }
 
-void InstallPam() {
-  WriteFile("/etc/pam.d/kestondri",
-            ReadFile(std::string(KEST_SOURCE_DIR) + "/host/dist/kestondri.pam"));
-}
-
 // After each test: the server left no descendant behind; on a failure, what
 // the server said.
 void CheckAfterTest(const ServerProcess& server) {
   SetClientAddress("");
-  if (testing::Test::HasFailure()) {
-    for (const auto& line : SyslogCapture::Instance().Lines())
-      printf("syslog: %s\n", line.text.c_str());
-    printf("server output: %s\n", server.Output().c_str());
-  }
+  if (testing::Test::HasFailure()) printf("server output: %s\n", server.Output().c_str());
   if (server.pid() > 0) {
     EXPECT_TRUE(server.WaitQuiet()) << "descendants left behind";
   }
@@ -63,7 +54,7 @@ void CheckAfterTest(const ServerProcess& server) {
 class ServerTest : public testing::Test {
  protected:
   static void SetUpTestSuite() {
-    InstallPam();
+    WriteFile("/etc/pam.d/kestondri", ReadFile(KEST_SOURCE_DIR "/host/dist/kestondri.pam"));
     WriteFile("/etc/kest/shares.conf",
               "[global]\nadmin group = administrators\nuser home = yes\n"
               "[docs]\npath = /volume1/docs\ninvalid users = dave\n"
@@ -86,12 +77,11 @@ class ServerTest : public testing::Test {
 
     WriteFile("/tmp/www/index.html", "<html>page</html>");
     WriteFile("/tmp/www/js/app.js", "let a = 1;");
-    ASSERT_EQ(0, system("gzip -9 -n -k /tmp/www/js/app.js && mkdir /tmp/www/linked"));
     WriteFile("/tmp/secret.txt", "secret");
     WriteFile("/tmp/outside/index.html", "secret");
-    symlink("/tmp/secret.txt", "/tmp/www/link.txt");
-    symlink("/tmp/outside", "/tmp/www/away");
-    symlink("/tmp/secret.txt", "/tmp/www/linked/index.html");
+    ASSERT_EQ(0, system("gzip -9 -n -k /tmp/www/js/app.js && mkdir /tmp/www/linked && "
+                        "ln -s /tmp/secret.txt /tmp/www/link.txt && ln -s /tmp/outside "
+                        "/tmp/www/away && ln -s /tmp/secret.txt /tmp/www/linked/index.html"));
     server_.Start(
         TestConfig("[server]\nstatic_root = /tmp/www\nadmin_recheck_interval = 0\n"
                    "max_body_size = 4096\nmax_header_size = 2048\n"));
@@ -102,11 +92,12 @@ class ServerTest : public testing::Test {
       ASSERT_FALSE(session->sid.empty()) << session->reply;
     }
     // The real module's folders, added with a JSON body.
-    const std::string add = R"({"api": "KEST.Ondri.FileIndexing.Folder", "method": "add",
-        "version": 1, "folder": [{"path": "/volume1/docs/team"}, {"path": "/volume1/homes"}],
-        "_sid": ")" + carol_.sid +
-                            "\"}";
-    const HttpReply added = SendHttp({"POST", "/webapi/entry.cgi", add, "application/json", {}});
+    const HttpReply added = SendHttp(
+        {"POST", "/webapi/entry.cgi",
+         R"({"api": "KEST.Ondri.FileIndexing.Folder", "method": "add", "version": 1, "folder":
+             [{"path": "/volume1/docs/team"}, {"path": "/volume1/homes"}], "_sid": ")" +
+             carol_.sid + "\"}",
+         "application/json"});
     ASSERT_EQ(Code(added), 0) << added.body;
   }
   static void TearDownTestSuite() { server_.Stop(); }
@@ -114,32 +105,28 @@ class ServerTest : public testing::Test {
 
   static HttpReply Fetch(const std::string& path, const std::string& sid, Fields headers = {},
                          const std::string& extra = "") {
-    HttpRequest request;
-    request.target = "/webapi/file?" + FormEncode({{"path", path}}) + extra;
-    if (!sid.empty()) request.target += "&_sid=" + sid;
-    request.headers = std::move(headers);
-    return SendHttp(request);
+    return SendHttp({"GET",
+                     "/webapi/file?" + FormEncode({{"path", path}}) + extra +
+                         (sid.empty() ? "" : "&_sid=" + sid),
+                     "", "", std::move(headers)});
   }
 
   inline static ServerProcess server_;
   inline static LoginSession ann_, bob_, carol_, dave_;
 };
 
-TEST_F(ServerTest, RoutesEachCallAndPassesAnswersThrough) {
+TEST_F(ServerTest, RoutesEachCallPassesAnswersThroughAndLogsWithoutSecrets) {
   const char* kRequired = R"({"name":"x","reason":"required"})";
   // The call, its code, and the error's data when it has some.
   for (const auto& [fields, code, errors] : std::vector<std::tuple<Fields, int, const char*>>{
            {{{"method", "echo"}, {"version", "1"}}, 101, nullptr},
-           {{{"api", kTestAPI}, {"version", "1"}}, 101, nullptr},
            {{{"api", kTestAPI}, {"method", "echo"}}, 101, nullptr},
            {Route("KEST.Test.Nothing", "echo"), 102, nullptr},
            {TestCall("nothing"), 103, nullptr},
            {Route(kTestAPI, "echo", "3"), 104, nullptr},
            {Route(kTestAPI, "echo", "abc"), 104, nullptr},
-           {Route(kTestAPI, "echo", "-1"), 104, nullptr},
            {Route(kTestAPI, "echo", "2"), 0, nullptr},  // another version is its own route
            {Route("KEST.API.Auth", "nothing"), 103, nullptr},
-           {Route("KEST.API.Auth", "login", "2"), 104, nullptr},
            // Checked, but served by no module: the checker answers first.
            {Route("KEST.Test.CheckedOnly", "run"), 120, kRequired},
            {Route("KEST.Test.CheckedOnly", "pass"), 103, nullptr},
@@ -147,16 +134,26 @@ TEST_F(ServerTest, RoutesEachCallAndPassesAnswersThrough) {
            {TestCall("fail", {{"code", "507"}}), 507, nullptr},
            {TestCall("fail", {{"code", "800"}, {"data", R"({"why":"x"})"}}), 800, R"({"why":"x"})"},
            {TestCall("throw"), 117, nullptr},
-           {Route(kFolderAPI, "get"), 120, R"({"name":"path","reason":"required"})"},
+           {Route("KEST.Ondri.FileIndexing.Folder", "get"), 120,
+            R"({"name":"path","reason":"required"})"},
        }) {
     const HttpReply reply = CallApi(fields, ann_.sid);
     EXPECT_EQ(reply.status, 200);
-    EXPECT_EQ(reply.content_type, "application/json; charset=utf-8");
+    EXPECT_EQ(reply.header("content-type"), "application/json; charset=utf-8");
     EXPECT_EQ(Code(reply), code) << FormEncode(fields) << " -> " << reply.body;
     EXPECT_EQ(reply.json["error"].get("errors", Json::Value()),
               errors ? ParseJson(errors) : Json::Value())
         << reply.body;
   }
+  const std::string log = ReadFile(kAccessLog);
+  for (const char* line :
+       {"127.0.0.1 ann \"POST /webapi/entry.cgi\" 200 ", "KEST.API.Auth/login/1 ok",
+        "127.0.0.1 ann \"GET /webapi/entry.cgi\" 200 ", "KEST.Test.Host/echo/2 ok",
+        "KEST.Test.Host/fail/1 800"}) {
+    EXPECT_NE(log.find(line), std::string::npos) << line << " in " << log;
+  }
+  EXPECT_EQ(log.find("-secret"), std::string::npos);
+  EXPECT_EQ(log.find(ann_.sid), std::string::npos);
 }
 
 TEST_F(ServerTest, LoginAsksPamAndChecksItsParameters) {
@@ -165,7 +162,6 @@ TEST_F(ServerTest, LoginAsksPamAndChecksItsParameters) {
            {"account=ann&passwd=ann-secret", 0, nullptr},
            {"account=ann&passwd=wrong", 112, nullptr},
            {"account=ann&passwd=ann-secret%01", 112, nullptr},
-           {"account=nobody-here&passwd=x", 112, nullptr},
            {"account=KestOndri&passwd=x", 112, nullptr},  // the service account has no password
            {"account=root&passwd=x", 112, nullptr},
            {"passwd=x", 115, "account"},
@@ -174,17 +170,16 @@ TEST_F(ServerTest, LoginAsksPamAndChecksItsParameters) {
            {"account=ann&passwd=a%00b", 115, "passwd"},
            {"account=a%0Ab&passwd=x", 115, "account"},
        }) {
-    HttpRequest request;
-    request.target += "?api=KEST.API.Auth&method=login&version=1&" + query;
-    const HttpReply reply = SendHttp(request);
+    const HttpReply reply =
+        SendHttp({"GET", "/webapi/entry.cgi?api=KEST.API.Auth&method=login&version=1&" + query});
     ASSERT_EQ(Code(reply), code) << query << " -> " << reply.body;
     const Json::Value& data = reply.json["data"];
     if (code == 0) {
       EXPECT_EQ(data["sid"].asString().size(), 64u);
+      EXPECT_EQ(data["sid"].asString().find_first_not_of("0123456789abcdef"), std::string::npos);
       EXPECT_EQ(data["csrf_token"].asString().size(), 64u);
       EXPECT_EQ(data["account"], "ann");
-      ASSERT_EQ(reply.set_cookies.size(), 1u);
-      EXPECT_EQ(reply.set_cookies[0],
+      EXPECT_EQ(reply.header("set-cookie"),
                 "kest_sid=" + data["sid"].asString() + "; Path=/; HttpOnly; SameSite=Strict");
     } else {
       EXPECT_FALSE(reply.json.isMember("data"));
@@ -201,22 +196,18 @@ TEST_F(ServerTest, CallsNeedALiveSessionAndCookiesTheCsrfToken) {
   // A foreign page can make a browser send the cookie, never the header.
   for (const auto& [token, code] : std::vector<std::pair<std::string, int>>{
            {"", 108}, {"wrong", 108}, {bob_.token, 108}, {ann_.sid, 108}, {ann_.token, 0}}) {
-    HttpRequest request;
-    request.target += "?" + FormEncode(TestCall("echo"));
+    HttpRequest request{"GET", "/webapi/entry.cgi?" + FormEncode(TestCall("echo"))};
     request.headers = {{"Cookie", "other=1; kest_sid=" + ann_.sid}};
     if (!token.empty()) request.headers.emplace_back("X-Kest-CSRF-Token", token);
     const HttpReply reply = SendHttp(request);
     EXPECT_EQ(Code(reply), code) << token << " -> " << reply.body;
-    if (code == 0) {
-      EXPECT_EQ(reply.json["data"]["user"], "ann");
-    }
+    EXPECT_EQ(reply.json["data"]["user"], code ? Json::Value() : Json::Value("ann"));
   }
   // Logout ends the session for every way of sending it.
   const std::string sid = Login("ann", "ann-secret").sid;
   const HttpReply out = CallApi(Route("KEST.API.Auth", "logout"), sid);
   EXPECT_EQ(Code(out), 0) << out.body;
-  ASSERT_EQ(out.set_cookies.size(), 1u);
-  EXPECT_NE(out.set_cookies[0].find("Max-Age=0"), std::string::npos);
+  EXPECT_NE(out.header("set-cookie").find("Max-Age=0"), std::string::npos);
   EXPECT_EQ(Code(CallApi(TestCall("echo"), sid)), 106);
   EXPECT_EQ(Code(CallApi(Route("KEST.API.Auth", "logout"), sid)), 106);
 }
@@ -225,8 +216,7 @@ TEST_F(ServerTest, AdministratorFlagFollowsGroupMembership) {
   EXPECT_EQ(carol_.reply["data"]["is_admin"], true);
   EXPECT_EQ(dave_.reply["data"]["is_admin"], false);
   EXPECT_EQ(CallApi(TestCall("echo"), dave_.sid).json["data"]["is_admin"], false);
-  const std::string groups = ReadFile("/etc/group");
-  const std::string admins = "administrators:x:2200:carol";
+  const std::string groups = ReadFile("/etc/group"), admins = "administrators:x:2200:carol";
   std::string promoted = groups;
   const auto at = promoted.find(admins);
   ASSERT_NE(at, std::string::npos) << groups;
@@ -239,32 +229,29 @@ TEST_F(ServerTest, AdministratorFlagFollowsGroupMembership) {
 
 TEST_F(ServerTest, BadHttpGetsClearErrorsAndConnectionsCarryOn) {
   for (const auto& [request, status, code] : std::vector<std::tuple<HttpRequest, int, int>>{
-           {{"GET", "/webapi/entry.cgi?api=%zz&method=echo&version=1", "", "", {}}, 400, 105},
-           {{"POST", "/webapi/entry.cgi", "{\"api\":", "application/json", {}}, 400, 105},
-           {{"POST", "/webapi/entry.cgi", "api=x", "text/plain", {}}, 415, 105},
-           {{"POST", "/webapi/entry.cgi", std::string(5000, 'a'), "text/plain", {}}, 413, 109},
+           {{"GET", "/webapi/entry.cgi?api=%zz&method=echo&version=1"}, 400, 105},
+           {{"POST", "/webapi/entry.cgi", "{\"api\":", "application/json"}, 400, 105},
+           {{"POST", "/webapi/entry.cgi", "api=x", "text/plain"}, 415, 105},
+           {{"POST", "/webapi/entry.cgi", std::string(5000, 'a'), kForm}, 413, 109},
            {{"GET", "/webapi/entry.cgi", "", "", {{"X-Big", std::string(3000, 'h')}}}, 431, 109},
-           {{"PUT", "/webapi/entry.cgi", "", "", {}}, 405, 105},
-           {{"POST", "/elsewhere", "", "", {}}, 404, 105},
+           {{"PUT", "/webapi/entry.cgi"}, 405, 105},
+           {{"POST", "/elsewhere"}, 404, 105},
        }) {
     const HttpReply reply = SendHttp(request);
     EXPECT_EQ(reply.status, status) << request.method << " " << request.target;
     EXPECT_EQ(Code(reply), code) << reply.body;
   }
-  // Unknown parameters are no fault: they reach the handler, which decides.
-  EXPECT_EQ(
-      CallApi(TestCall("echo", {{"unknown", "1"}}), ann_.sid).json["data"]["params"]["unknown"], 1);
   const std::string garbage = SendRaw(std::string("\x16\x03\x01\x02\x00\x01\x00", 7) + "\r\n\r\n");
   EXPECT_TRUE(garbage.empty() || garbage.rfind("HTTP/1.1 400", 0) == 0) << garbage;
 
   // Keep-alive: one connection, three requests.
-  const std::string call =
-      "GET /webapi/entry.cgi?" + FormEncode(TestCall("echo", {{"_sid", ann_.sid}}));
+  const std::string call = "GET /webapi/entry.cgi?" +
+                           FormEncode(TestCall("echo", {{"_sid", ann_.sid}})) +
+                           " HTTP/1.1\r\nHost: x\r\n";
   const std::string last = "GET /webapi/entry.cgi?" +
                            FormEncode(TestCall("fail", {{"code", "801"}, {"_sid", ann_.sid}}));
-  const std::string received =
-      SendRaw(call + " HTTP/1.1\r\nHost: x\r\n\r\n" + call + " HTTP/1.1\r\nHost: x\r\n\r\n" + last +
-              " HTTP/1.1\r\nHost: x\r\nConnection: close\r\n\r\n");
+  const std::string received = SendRaw(call + "\r\n" + call + "\r\n" + last +
+                                       " HTTP/1.1\r\nHost: x\r\nConnection: close\r\n\r\n");
   size_t answers = 0;
   for (size_t at = 0; (at = received.find("HTTP/1.1 200", at)) != std::string::npos; ++at)
     ++answers;
@@ -275,10 +262,10 @@ TEST_F(ServerTest, BadHttpGetsClearErrorsAndConnectionsCarryOn) {
   const std::string body =
       FormEncode(TestCall("echo", {{"_sid", ann_.sid}, {"pad", std::string(2000, 'p')}}));
   const std::string head =
-      "POST /webapi/entry.cgi HTTP/1.1\r\nHost: x\r\nConnection: close\r\nExpect: 100-continue"
-      "\r\nContent-Type: application/x-www-form-urlencoded\r\nContent-Length: " +
-      std::to_string(body.size()) + "\r\n\r\n";
-  const int fd = OpenConnection();
+      "POST /webapi/entry.cgi HTTP/1.1\r\nHost: x\r\nConnection: close\r\n"
+      "Expect: 100-continue\r\nContent-Type: " +
+      std::string(kForm) + "\r\nContent-Length: " + std::to_string(body.size()) + "\r\n\r\n";
+  const int fd = Connect();
   ASSERT_EQ(send(fd, head.data(), head.size(), MSG_NOSIGNAL), static_cast<ssize_t>(head.size()));
   char buffer[65536];
   const ssize_t n = recv(fd, buffer, sizeof(buffer), 0);
@@ -290,20 +277,6 @@ TEST_F(ServerTest, BadHttpGetsClearErrorsAndConnectionsCarryOn) {
   close(fd);
   EXPECT_EQ(answer.rfind("HTTP/1.1 200", 0), 0u) << answer;
   EXPECT_NE(answer.find("\"user\":\"ann\""), std::string::npos);
-}
-
-TEST_F(ServerTest, AccessLogRecordsRequestsWithoutSecrets) {
-  CallApi(TestCall("echo"), ann_.sid);
-  CallApi(TestCall("fail", {{"code", "800"}}), ann_.sid);
-  const std::string log = ReadFile(kAccessLog);
-  for (const char* line :
-       {"127.0.0.1 ann \"POST /webapi/entry.cgi\" 200 ", "KEST.API.Auth/login/1 ok",
-        "127.0.0.1 ann \"GET /webapi/entry.cgi\" 200 ", "KEST.Test.Host/echo/1 ok",
-        "KEST.Test.Host/fail/1 800"}) {
-    EXPECT_NE(log.find(line), std::string::npos) << line << " in " << log;
-  }
-  EXPECT_EQ(log.find("-secret"), std::string::npos);
-  EXPECT_EQ(log.find(ann_.sid), std::string::npos);
 }
 
 TEST_F(ServerTest, StaticFilesComeFromTheFolderAloneLockedDown) {
@@ -322,22 +295,21 @@ TEST_F(ServerTest, StaticFilesComeFromTheFolderAloneLockedDown) {
            {"/away/index.html", nullptr, nullptr},
            {"/linked/", nullptr, nullptr},
            {"/linked", nullptr, nullptr},
-           {"/missing.html", nullptr, nullptr},
            {"/index.html%00.js", nullptr, nullptr},
        }) {
-    const HttpReply reply = SendHttp({"GET", target, "", "", {}});
+    const HttpReply reply = SendHttp({"GET", target});
     EXPECT_EQ(reply.status, body ? 200 : 404) << target;
     EXPECT_EQ(reply.body.find("secret"), std::string::npos) << target;
     if (body) {
       EXPECT_EQ(reply.body, body) << target;
-      EXPECT_EQ(reply.content_type, type) << target;
+      EXPECT_EQ(reply.header("content-type"), type) << target;
     }
   }
   HttpRequest request{"GET", "/js/app.js", "", "", {{"Accept-Encoding", "br, gzip;q=0.8"}}};
   const HttpReply zipped = SendHttp(request);
   EXPECT_EQ(zipped.header("content-encoding"), "gzip");
   EXPECT_EQ(zipped.body, ReadFile("/tmp/www/js/app.js.gz"));
-  EXPECT_EQ(zipped.content_type, "text/javascript; charset=utf-8");
+  EXPECT_EQ(zipped.header("content-type"), "text/javascript; charset=utf-8");
   EXPECT_EQ(zipped.header("vary"), "Accept-Encoding");
   request.headers = {{"Accept-Encoding", "gzip;q=0"}};
   const HttpReply plain = SendHttp(request);
@@ -348,9 +320,7 @@ TEST_F(ServerTest, StaticFilesComeFromTheFolderAloneLockedDown) {
   EXPECT_EQ(unchanged.status, 304);
   EXPECT_EQ(unchanged.body, "");
 
-  request.target = "/";
-  request.headers = {};
-  const HttpReply page = SendHttp(request);
+  const HttpReply page = SendHttp({"GET", "/"});
   EXPECT_EQ(page.header("cache-control"), "no-cache");
   EXPECT_EQ(page.header("x-frame-options"), "DENY");
   const std::string policy = page.header("content-security-policy");
@@ -359,16 +329,17 @@ TEST_F(ServerTest, StaticFilesComeFromTheFolderAloneLockedDown) {
   EXPECT_NE(policy.find("require-trusted-types-for 'script'"), std::string::npos) << policy;
 }
 
-TEST_F(ServerTest, DownloadsServeOnlyWhatTheUserMayReadInsideIndexedFolders) {
-  const std::string team = kTeam;
+TEST_F(ServerTest, DownloadsServeOnlyWhatTheUserMayReadNeverAsThePageAndInRanges) {
+  const std::string team = kTeam, file = team + "hello.txt";
   // Who asks, for what, the HTTP status and for a refusal the code.
   for (const auto& [who, path, status, code] :
        std::vector<std::tuple<const LoginSession*, std::string, int, int>>{
-           {&bob_, team + "hello.txt", 200, 0},
+           {&bob_, file, 200, 0},
+           {&bob_, team + "empty.txt", 200, 0},
            {&bob_, team + "ann-only.txt", 403, 118},       // the kernel says no
            {&ann_, team + "ann-only.txt", 200, 0},         // her own
            {&carol_, team + "ann-only.txt", 200, 0},       // an administrator acts as root
-           {&dave_, team + "hello.txt", 404, 116},         // no privilege on the share
+           {&dave_, file, 404, 116},                       // no privilege on the share
            {&bob_, team + "link.txt", 404, 116},           // a link, even to a readable file
            {&carol_, team + "linkdir/far.txt", 404, 116},  // a linked folder on the way
            {&carol_, team + "fifo.txt", 404, 116},         // not a regular file
@@ -383,7 +354,7 @@ TEST_F(ServerTest, DownloadsServeOnlyWhatTheUserMayReadInsideIndexedFolders) {
            {&bob_, "hello.txt", 400, 115},
            {&bob_, team + "/hello.txt", 400, 115},
            {&bob_, "hex:2f6", 400, 115},  // half a byte
-           {nullptr, team + "hello.txt", 403, 106},
+           {nullptr, file, 403, 106},
        }) {
     const HttpReply reply = Fetch(path, who ? who->sid : "");
     EXPECT_EQ(reply.status, status) << path << " " << reply.body;
@@ -399,18 +370,13 @@ TEST_F(ServerTest, DownloadsServeOnlyWhatTheUserMayReadInsideIndexedFolders) {
   for (unsigned char c : team + "sub/q\"uo\\te;\r\nX-Evil: 1 \xc3\xa9\xff.pdf") {
     hex += {"0123456789abcdef"[c >> 4], "0123456789abcdef"[c & 15]};
   }
-  const HttpReply reply = Fetch(hex, bob_.sid);
-  EXPECT_EQ(reply.status, 200);
-  EXPECT_EQ(reply.body, "%PDF");
-  EXPECT_EQ(reply.headers.count("x-evil"), 0u);
-  EXPECT_EQ(reply.header("content-disposition"),
+  const HttpReply odd = Fetch(hex, bob_.sid);
+  EXPECT_EQ(odd.body, "%PDF");
+  EXPECT_EQ(odd.headers.count("x-evil"), 0u);
+  EXPECT_EQ(odd.header("content-disposition"),
             "inline; filename=\"q_uo_te;__X-Evil: 1 __.pdf\"; "
-            "filename*=UTF-8''q%22uo%5Cte%3B%0D%0AX-Evil%3A%201%20%C3%A9%EF%BF%"
-            "BD.pdf");
-}
+            "filename*=UTF-8''q%22uo%5Cte%3B%0D%0AX-Evil%3A%201%20%C3%A9%EF%BF%BD.pdf");
 
-TEST_F(ServerTest, DownloadsAreNeitherCachedNorRunAsThePageAndComeInRanges) {
-  const std::string file = std::string(kTeam) + "hello.txt";
   for (const auto& [name, extra, type, disposition] :
        std::vector<std::tuple<std::string, std::string, const char*, const char*>>{
            {"hello.txt", "", "text/plain", "inline; "},
@@ -420,7 +386,7 @@ TEST_F(ServerTest, DownloadsAreNeitherCachedNorRunAsThePageAndComeInRanges) {
        }) {
     HttpReply reply = Fetch(kTeam + name, bob_.sid, {}, extra);
     EXPECT_EQ(reply.status, 200) << name;
-    EXPECT_EQ(reply.content_type, type) << name;
+    EXPECT_EQ(reply.header("content-type"), type) << name;
     EXPECT_EQ(reply.header("content-disposition").rfind(disposition, 0), 0u) << name;
     EXPECT_EQ(reply.header("x-content-type-options"), "nosniff");
     EXPECT_EQ(reply.header("cache-control"), "private, no-store");
@@ -435,7 +401,6 @@ TEST_F(ServerTest, DownloadsAreNeitherCachedNorRunAsThePageAndComeInRanges) {
   const HttpReply refused = Fetch(file, "", cross);
   EXPECT_EQ(refused.status, 403);
   EXPECT_EQ(Code(refused), 108);
-  EXPECT_EQ(Fetch(std::string(kTeam) + "empty.txt", bob_.sid).status, 200);
 
   for (const auto& [range, status, body, content_range] :
        std::vector<std::tuple<std::string, int, std::string, std::string>>{
@@ -471,7 +436,7 @@ TEST_F(ServerTest, DownloadsAreNeitherCachedNorRunAsThePageAndComeInRanges) {
 class ServerScenarioTest : public testing::Test {
  protected:
   void Start(const std::string& settings) {
-    InstallPam();
+    WriteFile("/etc/pam.d/kestondri", ReadFile(KEST_SOURCE_DIR "/host/dist/kestondri.pam"));
     unlink(kAccessLog);
     SyslogCapture::Instance().Clear();
     server_.Start(TestConfig("[server]\n" + settings));
@@ -550,27 +515,35 @@ TEST_F(ServerScenarioTest, WorkersAnswerEachRequestAsItsUserAndLeaveNothingBehin
   HttpReply running;
   std::thread client([&] { running = CallApi(TestCall("sleep", {{"seconds", "1"}}), ann.sid); });
   EXPECT_TRUE(WaitUntil([&] { return server_.Children() > 0; }));
-  const int idle = OpenConnection();
+  const int idle = Connect();
   EXPECT_EQ(server_.Stop(), 0) << server_.Output();
   client.join();
   EXPECT_EQ(running.json["data"], "slept") << running.body;
   char byte;
   EXPECT_EQ(recv(idle, &byte, 1, 0), 0) << "idle connections are closed";
   close(idle);
-  EXPECT_LT(OpenConnection(), 0) << "nothing listens any more";
+  EXPECT_LT(Connect(), 0) << "nothing listens any more";
 }
 
 TEST_F(ServerScenarioTest, NoClientCrowdsOutAnother) {
   Start(
       "max_workers = 2\nmax_queue = 1\nmax_requests_per_user = 2\nclient_timeout = 2\n"
       "max_connections = 200\nmax_connections_per_address = 60\n"
-      "max_sessions = 8\nmax_sessions_per_user = 3\n");
+      "max_sessions = 5\nmax_sessions_per_user = 3\n");
   const LoginSession ann = Login("ann", "ann-secret"), carol = Login("carol", "carol-secret");
-  // Logging in over and over ends only one's own oldest sessions.
+  // Logging in over and over ends only one's own oldest sessions; when all
+  // are taken, a newcomer takes the oldest of whoever holds the most.
   std::vector<std::string> bob;
   for (int i = 0; i < 10; ++i) bob.push_back(Login("bob", "bob-secret").sid);
-  for (const auto& [sid, code] : std::vector<std::pair<std::string, int>>{
-           {ann.sid, 0}, {carol.sid, 0}, {bob[0], 106}, {bob[6], 106}, {bob[7], 0}, {bob[9], 0}}) {
+  const std::string dave = Login("dave", "dave-secret").sid;
+  for (const auto& [sid, code] : std::vector<std::pair<std::string, int>>{{ann.sid, 0},
+                                                                          {carol.sid, 0},
+                                                                          {bob[0], 106},
+                                                                          {bob[6], 106},
+                                                                          {bob[7], 106},
+                                                                          {bob[8], 0},
+                                                                          {bob[9], 0},
+                                                                          {dave, 0}}) {
     EXPECT_EQ(Code(CallApi(TestCall("echo"), sid)), code);
   }
 
@@ -601,7 +574,7 @@ TEST_F(ServerScenarioTest, NoClientCrowdsOutAnother) {
     for (int a = 1; a <= addresses; ++a) {
       SetClientAddress("127.0.1." + std::to_string(a));
       for (int i = 0; i < each; ++i) {
-        idle.push_back(OpenConnection());
+        idle.push_back(Connect());
         ASSERT_GE(idle.back(), 0);
         if (i % 3 == 1)
           send(idle.back(), "GET /webapi/entry.cgi HTTP/1.1\r\nHost: x\r\n", 41, MSG_NOSIGNAL);
@@ -649,8 +622,10 @@ TEST_F(ServerScenarioTest, FailedLoginsLockTheGuessingAddressAndIdleSessionsExpi
     EXPECT_EQ(session.reply["error"]["code"].asInt(), code) << account << " from " << from;
     sid = session.sid;
   }
-  ASSERT_EQ(Code(CallApi(TestCall("echo"), sid)), 0);
-  std::this_thread::sleep_for(std::chrono::milliseconds(2500));
+  // Use keeps a session alive past its idle time-out.
+  for (int i = 0; i < 4; ++i, std::this_thread::sleep_for(std::chrono::milliseconds(500)))
+    ASSERT_EQ(Code(CallApi(TestCall("echo"), sid)), 0) << i;
+  std::this_thread::sleep_for(std::chrono::milliseconds(2000));
   EXPECT_EQ(Code(CallApi(TestCall("echo"), sid)), 106) << "an idle session expires";
   EXPECT_TRUE(SyslogCapture::Instance().WaitFor("too many failures"));
 }
