@@ -546,6 +546,10 @@ TEST_F(ServerScenarioTest, NoClientCrowdsOutAnother) {
                                                                           {dave, 0}}) {
     EXPECT_EQ(Code(CallApi(TestCall("echo"), sid)), code);
   }
+  // A logout gives its room back: bob's next login ends none of his others.
+  EXPECT_EQ(Code(CallApi(Route("KEST.API.Auth", "logout"), bob[8])), 0);
+  ASSERT_FALSE(Login("bob", "bob-secret").sid.empty());
+  EXPECT_EQ(Code(CallApi(TestCall("echo"), bob[9])), 0);
 
   // ann holds both workers: her next request is refused at once, while of
   // two other users' one waits in the queue and the other finds it full.
