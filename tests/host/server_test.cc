@@ -407,7 +407,7 @@ TEST_F(ServerTest, DownloadsServeOnlyWhatTheUserMayReadNeverAsThePageAndInRanges
            {"bytes=1-3", 206, "ell", "bytes 1-3/5"},
            {"bytes=3-", 206, "lo", "bytes 3-4/5"},
            {"bytes=-2", 206, "lo", "bytes 3-4/5"},
-           {"bytes=2-10", 206, "llo", "bytes 2-4/5"},
+           {"bytes=2-99", 206, "llo", "bytes 2-4/5"},
            {"bytes=5-", 416, "", "bytes */5"},
            {"bytes=0-0,2-3", 200, "hello", ""},  // several ranges: the whole file
            {"bytes=x-y", 200, "hello", ""},

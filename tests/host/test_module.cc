@@ -115,7 +115,4 @@ extern "C" __attribute__((visibility("default"))) const KEST::APIHandlerRow* Get
 extern "C" __attribute__((visibility("default"))) const KEST::APICheckRow* GetAPICheckTable() {
   return kChecks;
 }
-#else
-extern "C" __attribute__((visibility("default"))) const void* SomethingElse() { return kTable; }
-extern "C" __attribute__((visibility("default"))) const void* SomethingMore() { return kChecks; }
 #endif
