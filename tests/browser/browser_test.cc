@@ -1,19 +1,13 @@
-// The web page in a real browser. This fixture builds the world: shares,
-// files of every kind (markup in names and contents among them), the
-// sandbox's PAM users, and kestelasticd, kest-indexer and the web API server
-// with the real module and the built page. page.test.mjs then drives
-// Debian's headless Chromium through Playwright (Node's test runner) and
-// asserts what each user sees; its screenshots go to build/browser-screens.
+// The web page in a real browser. This test builds the world (shares, files
+// of every kind, markup in names and contents among them, the sandbox's PAM
+// users, kestelasticd, kest-indexer and the web API server with the real
+// module and the built page); page.test.mjs then drives Debian's headless
+// Chromium through Playwright and asserts what each user sees.
 #include <gtest/gtest.h>
-#include <signal.h>
-#include <sys/stat.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
-#include <chrono>
 #include <cstdlib>
 #include <string>
-#include <thread>
 
 #include "daemon/daemon_harness.h"
 #include "host/server_harness.h"
@@ -25,115 +19,67 @@
 namespace kesttest {
 namespace {
 
-constexpr char kNode[] = "/usr/bin/node";
-constexpr char kChromium[] = "/usr/bin/chromium";
-
-bool IndexFinished(const std::string& sid) {
-  const HttpReply reply = CallApi(
-      {{"api", "KEST.Ondri.FileIndexing.Status"}, {"method", "get"}, {"version", "1"}}, sid);
-  return reply.json["data"]["status"]["index"].asString() == "finished";
-}
-
-class BrowserTest : public testing::Test {
- protected:
-  void SetUp() override {
-    for (const char* needed :
-         {kNode, kChromium,
-          KEST_SOURCE_DIR "/tests/browser/node_modules/playwright-core/package.json"}) {
-      ASSERT_EQ(0, access(needed, R_OK)) << needed << " is missing: run scripts/install-deps.sh";
-    }
-    ASSERT_EQ(0, system("rm -rf /volume1/* /var/packages/KestOndri /tmp/webapi-test && "
-                        "mkdir -p /tmp/webapi-test"));
-    WriteFile("/etc/pam.d/kestondri",
-              ReadFile(std::string(KEST_SOURCE_DIR) + "/host/dist/kestondri.pam"));
-    WriteFile("/etc/kest/shares.conf",
-              "[global]\nadmin group = administrators\n"
-              "[docs]\npath = /volume1/docs\ninvalid users = dave\n"
-              "[staff]\npath = /volume1/staff\nread list = @staff\n");
-    const std::string team = "/volume1/docs/team/";
-    ASSERT_EQ(0, system("mkdir -p /volume1/docs/team /volume1/staff/plans && "
-                        "chmod 0777 /volume1/docs/team"));
-    WriteFile(team + "notes.txt", "The quarterly figures of the aardvark project.\n");
-    WriteFile(team + "aardvark-report.pdf", MakePdf({"A report on the aardvark migration."}));
-    WriteZip(team + "memo.docx", DocxMembers({"Memo: the aardvark count."}));
-    WriteFile(team + "aardvark.jpg", std::string("\xff\xd8\xff\xe0", 4));
-    WriteFile(team + "ann-private.txt", "Ann's private aardvark diary.\n", 0600);
-    ASSERT_EQ(0, chown((team + "ann-private.txt").c_str(), kAnnUid, kAnnUid));
-    // Markup, quotes and control characters in a name, script in a content.
-    WriteFile(team + "<img src=x onerror=alert(1)>.txt",
-              "<script>alert('aardvark')</script> the aardvark's \"quoted\" & <b>bold</b> line\n");
-    WriteFile(team + "tab\there & \"quote\".txt", "another aardvark\x01 with a control byte\n");
-    // Bytes that are not UTF-8, in the name and the content.
-    WriteFile(team + "latin\xe9-aardvark.txt", "caf\xe9 aardvark cr\xe8me\n");
-    // Enough hits for several pages.
-    for (int i = 0; i < 120; ++i) {
-      WriteFile(team + "bulk/zebu-" + std::to_string(i) + ".txt", "zebu " + std::to_string(i));
-    }
-    // A share that only staff may use.
-    WriteFile("/volume1/staff/plans/plan.md", "# Plan\nThe wombat budget for staff only.\n", 0640);
-    ASSERT_EQ(0, chown("/volume1/staff/plans/plan.md", kCarolUid, kStaffGid));
-    ASSERT_EQ(0, chown("/volume1/staff/plans", kCarolUid, kStaffGid));
-    ASSERT_EQ(0, chmod("/volume1/staff/plans", 0750));
-
-    ASSERT_TRUE(daemon_.Start());
-    indexer_.Start();
-    server_.Start(TestConfig(std::string("[server]\nstatic_root = ") + KEST_WWW_DIR + "\n"));
-
-    // The docs folder is indexed before the browser comes; the staff folder
-    // is added by the administrator in the browser.
-    const LoginSession carol = Login("carol", UserByName("carol").password);
-    ASSERT_FALSE(carol.sid.empty());
-    const HttpReply added = CallApi({{"api", "KEST.Ondri.FileIndexing.Folder"},
-                                     {"method", "add"},
-                                     {"version", "1"},
-                                     {"folder", R"([{"path": "/volume1/docs/team"}])"}},
-                                    carol.sid);
-    ASSERT_TRUE(added.json["success"].asBool()) << added.body;
-    const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(60);
-    while (!IndexFinished(carol.sid) && std::chrono::steady_clock::now() < deadline) {
-      std::this_thread::sleep_for(std::chrono::milliseconds(100));
-    }
-    ASSERT_TRUE(IndexFinished(carol.sid));
+TEST(BrowserTest, EveryUserInChromium) {
+  for (const char* needed : {"/usr/bin/node", "/usr/bin/chromium",
+                             KEST_SOURCE_DIR "/tests/browser/node_modules/playwright-core"}) {
+    ASSERT_EQ(0, access(needed, R_OK)) << needed << " is missing: run scripts/install-deps.sh";
   }
-
-  void TearDown() override {
-    server_.Stop();
-    indexer_.Stop();
-    daemon_.Stop();
+  WriteFile("/etc/pam.d/kestondri", ReadFile(KEST_SOURCE_DIR "/host/dist/kestondri.pam"));
+  WriteFile("/etc/kest/shares.conf",
+            "[global]\nadmin group = administrators\n[docs]\npath = /volume1/docs\n"
+            "invalid users = dave\n[staff]\npath = /volume1/staff\nread list = @staff\n");
+  const std::string team = "/volume1/docs/team/";
+  WriteFile(team + "notes.txt", "The quarterly figures of the aardvark project.\n");
+  WriteFile(team + "aardvark-report.pdf", MakePdf({"A report on the aardvark migration."}));
+  WriteZip(team + "memo.docx", DocxMembers({"Memo: the aardvark count."}));
+  WriteFile(team + "aardvark.jpg", std::string("\xff\xd8\xff\xe0", 4));
+  WriteFile(team + "ann-private.txt", "Ann's private aardvark diary.\n", 0600);
+  // Markup, quotes and control characters in names, script in a content,
+  // bytes that are not UTF-8.
+  WriteFile(team + "<img src=x onerror=alert(1)>.txt",
+            "<script>alert('aardvark')</script> the aardvark's \"quoted\" & <b>bold</b> line\n");
+  WriteFile(team + "tab\there & \"quote\".txt", "another aardvark\x01 with a control byte\n");
+  WriteFile(team + "latin\xe9-aardvark.txt", "caf\xe9 aardvark cr\xe8me\n");
+  for (int i = 0; i < 120; ++i) {  // enough hits for several pages
+    WriteFile(team + "bulk/zebu-" + std::to_string(i) + ".txt", "zebu " + std::to_string(i));
   }
+  WriteFile("/volume1/staff/plans/plan.md", "# Plan\nThe wombat budget for staff only.\n", 0640);
+  ASSERT_EQ(
+      0,
+      system("chmod 0777 /volume1/docs/team && chown ann: /volume1/docs/team/ann-private.txt"
+             " && chown -R carol:staff /volume1/staff/plans && chmod 0750 /volume1/staff/plans"));
 
-  DaemonProcess daemon_;
-  IndexerProcess indexer_;
-  ServerProcess server_;
-};
+  DaemonProcess daemon;
+  IndexerProcess indexer;
+  ServerProcess server;
+  ASSERT_TRUE(daemon.Start());
+  indexer.Start();
+  server.Start(TestConfig(std::string("[server]\nstatic_root = ") + KEST_WWW_DIR + "\n"));
+  // The docs folder is indexed before the browser comes; the administrator
+  // adds the staff folder in the browser.
+  const std::string carol = Login("carol", UserByName("carol").password).sid;
+  const Fields add = {{"api", "KEST.Ondri.FileIndexing.Folder"},
+                      {"method", "add"},
+                      {"version", "1"},
+                      {"folder", R"([{"path": "/volume1/docs/team"}])"}};
+  ASSERT_TRUE(CallApi(add, carol).json["success"].asBool());
+  const Fields status = {
+      {"api", "KEST.Ondri.FileIndexing.Status"}, {"method", "get"}, {"version", "1"}};
+  ASSERT_TRUE(WaitUntil(
+      [&] { return CallApi(status, carol).json["data"]["status"]["index"] == "finished"; }, 60000));
 
-TEST_F(BrowserTest, EveryUserInChromium) {
   Json::Value users(Json::objectValue);
   for (const auto& user : TestUsers()) {
     if (user.password) users[user.name] = user.password;
   }
-  const std::string screens = std::string(KEST_BINARY_DIR) + "/browser-screens";
-  const pid_t pid = fork();
-  if (pid == 0) {
-    setenv("KEST_URL", ("http://127.0.0.1:" + std::to_string(kServerPort) + "/").c_str(), 1);
-    setenv("KEST_USERS", Json::toString(users).c_str(), 1);
-    setenv("KEST_SCREENS", screens.c_str(), 1);
-    setenv("KEST_DAEMON_PID", std::to_string(daemon_.pid()).c_str(), 1);
-    setenv("KEST_CHROMIUM", kChromium, 1);
-    const std::string script = std::string(KEST_SOURCE_DIR) + "/tests/browser/page.test.mjs";
-    // KEST_BROWSER_TESTS=pattern runs only the tests whose names match.
-    const char* only = getenv("KEST_BROWSER_TESTS");
-    const std::string pattern = std::string("--test-name-pattern=") + (only ? only : "");
-    execl(kNode, kNode, "--test", "--test-reporter=spec", "--test-concurrency=1",
-          only ? pattern.c_str() : script.c_str(), only ? script.c_str() : nullptr,
-          static_cast<char*>(nullptr));
-    _exit(127);
-  }
-  ASSERT_GT(pid, 0);
-  int status = 0;
-  ASSERT_EQ(pid, waitpid(pid, &status, 0));
-  EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0)
-      << "page.test.mjs failed; server output: " << server_.Output();
+  setenv("KEST_URL", ("http://127.0.0.1:" + std::to_string(kServerPort) + "/").c_str(), 1);
+  setenv("KEST_USERS", Json::toString(users).c_str(), 1);
+  setenv("KEST_DAEMON_PID", std::to_string(daemon.pid()).c_str(), 1);
+  setenv("KEST_CHROMIUM", "/usr/bin/chromium", 1);
+  EXPECT_EQ(system("/usr/bin/node --test --test-reporter=spec --test-concurrency=1 " KEST_SOURCE_DIR
+                   "/tests/browser/page.test.mjs"),
+            0)
+      << "page.test.mjs failed; server output: " << server.Output();
 }
 
 }  // namespace

@@ -6,6 +6,7 @@
 #include <json/json.h>
 #include <sys/types.h>
 
+#include <functional>
 #include <map>
 #include <string>
 #include <utility>
@@ -15,103 +16,83 @@ namespace kesttest {
 
 constexpr int kServerPort = 5000;
 constexpr char kTestAPI[] = "KEST.Test.Host";
-constexpr char kTokenHeader[] = "X-Kest-CSRF-Token";
-constexpr char kWorkDir[] = "/tmp/webapi-test";
 constexpr char kAccessLog[] = "/tmp/webapi-test/access.log";
 
 using Fields = std::vector<std::pair<std::string, std::string>>;
 
 struct HttpRequest {
-  std::string method = "GET";
-  std::string target = "/webapi/entry.cgi";
-  std::string body;
-  std::string content_type;
+  HttpRequest(std::string m = "GET", std::string t = "/webapi/entry.cgi", std::string b = "",
+              std::string type = "", Fields h = {})
+      : method(m), target(t), body(b), content_type(type), headers(h) {}
+  std::string method, target, body, content_type;
   Fields headers;
 };
 
 struct HttpReply {
   int status = 0;  // 0: the server closed without answering
   std::string body;
-  Json::Value json;  // the body parsed, null when it is no JSON
-  std::string content_type;
-  std::vector<std::string> set_cookies;
+  Json::Value json;                            // the body parsed, null when it is no JSON
   std::map<std::string, std::string> headers;  // by lower-case name; the last of a name
-  // The value of a header (lower-case name), "" when absent.
   std::string header(const std::string& name) const {
     const auto it = headers.find(name);
     return it == headers.end() ? "" : it->second;
   }
 };
 
-// Connections this thread opens from now on come from `address` (127.0.0.2,
-// 127.0.0.3... play other client hosts on loopback); empty: 127.0.0.1.
+// Connections this thread opens from now on come from `address` (127.0.0.2...
+// play other client hosts on loopback); empty: 127.0.0.1.
 void SetClientAddress(const std::string& address);
-
-// Percent-encodes a field list as a query string or form body.
+// A connection open to the server; -1 on failure. Caller closes.
+int Connect();
+// Writes `bytes` on a fresh connection; everything the server sent until it
+// closed the connection.
+std::string SendRaw(const std::string& bytes);
 std::string FormEncode(const Fields& fields);
 // One request on its own connection.
-HttpReply SendHttp(const HttpRequest& request, int port = kServerPort);
-// Writes `bytes` on a fresh connection and returns everything the server sent
-// until it closed the connection (or nothing came for a while).
-std::string SendRaw(const std::string& bytes, int port = kServerPort);
-// A connection open to the server, for floods; -1 on failure. Caller closes.
-int OpenConnection(int port = kServerPort);
-
+HttpReply SendHttp(const HttpRequest& request);
 // GET of the entry point with `fields`, plus "_sid" when `sid` is not empty.
 HttpReply CallApi(const Fields& fields, const std::string& sid = "");
 
 struct LoginSession {
-  std::string sid;
-  std::string token;
-  std::string cookie;  // the Set-Cookie line
-  Json::Value reply;   // the whole login answer
+  std::string sid, token;
+  Json::Value reply;  // the whole login answer
 };
-// Logs in through the server; `sid` stays empty when the login failed.
+// Logs in with a form body; `sid` stays empty when the login failed.
 LoginSession Login(const std::string& account, const std::string& password);
 
-// The module libraries built for the tests.
-std::string TestModulePath();
-std::string RealModulePath();
-std::string BadTableModulePath();
-std::string NoExportsModulePath();
-
-// The server's settings for tests: port, logs under kWorkDir, no delay on
-// failed logins, the test module and the real module; `extra` is appended.
+// Port, logs under /tmp/webapi-test, no delay on failed logins, the test
+// module and the real module; `extra` appended.
 std::string TestConfig(const std::string& extra = "");
+
+// Polls `done` every 10 ms for up to `timeout_ms`; its last answer.
+bool WaitUntil(const std::function<bool()>& done, int timeout_ms = 10000);
 
 class ServerProcess {
  public:
-  ServerProcess() = default;
-  ~ServerProcess();
-  ServerProcess(const ServerProcess&) = delete;
-  ServerProcess& operator=(const ServerProcess&) = delete;
-
-  // Starts the server with this configuration text and waits until it
-  // accepts connections; fails the test when it does not.
+  ~ServerProcess() { Stop(); }
+  // Starts the server and waits until it accepts connections; fails the test
+  // when it does not.
   void Start(const std::string& config);
   // SIGTERM, then waits; the exit status, or 128 + signal.
   int Stop();
   pid_t pid() const { return pid_; }
-  // What the server printed on stdout and stderr so far.
-  std::string Output() const;
-
+  std::string Output() const;  // its stdout and stderr so far
   int OpenDescriptors() const;
-  int Zombies() const;
-  std::vector<pid_t> Descendants() const;  // living, at any depth
+  // The server's living children, or its zombies: the server is a subreaper,
+  // so a living descendant at any depth makes a living child.
+  int Children(bool zombies = false) const;
+  int Zombies() const { return Children(true); }
   // Waits (bounded) until the server has no zombie and no living child.
-  bool WaitQuiet(int timeout_ms = 10000) const;
+  bool WaitQuiet() const;
 
  private:
   pid_t pid_ = -1;
 };
 
-struct ExitResult {
-  int status = -1;
-  std::string output;
-};
-// Runs the server with this configuration until it exits by itself (as
-// `uid` when not 0); kills it after a while if it starts serving instead.
-ExitResult RunServerToExit(const std::string& config, uid_t uid = 0);
+// Runs the server (as the test user `user` when given) until it exits by
+// itself, killed after a while if it serves instead: its exit status, and
+// what it printed in `output`.
+int RunServerToExit(const std::string& config, std::string* output, const char* user = nullptr);
 
 }  // namespace kesttest
 

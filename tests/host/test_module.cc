@@ -1,14 +1,13 @@
 // A module library for the server's tests: handlers that answer, fail with a
-// code, crash, throw, sleep, fork children that outlive them, and overtake
-// each other like searches of one query id. Built three times: as a good
-// module, without the entry points (KEST_TEST_NO_EXPORTS), and with a
-// malformed handler table (KEST_TEST_BAD_TABLE).
+// code, die by a signal, throw, sleep and fork children that outlive them.
+// Built three times: as a good module, without the entry points
+// (KEST_TEST_NO_EXPORTS), and with a malformed handler table
+// (KEST_TEST_BAD_TABLE).
 #include <dirent.h>
 #include <signal.h>
 #include <unistd.h>
 
 #include <cstdlib>
-#include <fstream>
 #include <stdexcept>
 #include <string>
 
@@ -17,22 +16,16 @@
 
 namespace {
 
-Json::Value OpenDescriptors() {
-  Json::Value fds(Json::arrayValue);
-  DIR* dir = opendir("/proc/self/fd");
-  const int own = dirfd(dir);
-  while (struct dirent* entry = readdir(dir)) {
-    if (entry->d_name[0] == '.') continue;
-    const int fd = atoi(entry->d_name);
-    if (fd != own) fds.append(fd);
-  }
-  closedir(dir);
-  return fds;
+using KEST::APIRequest;
+using KEST::APIResponse;
+
+int IntParam(APIRequest* request, const char* name, int fallback = 0) {
+  return request->GetAndCheckInt(name, APIRequest::PARAM_OPTIONAL).Get(fallback);
 }
 
 // Reports who the worker is, then acts as the login user the way the real
 // module does, so that a later request would see it if identity leaked.
-void Echo(KEST::APIRequest* request, KEST::APIResponse* response) {
+void Echo(APIRequest* request, APIResponse* response) {
   Json::Value data(Json::objectValue);
   data["params"] = request->GetParams();
   data["uid"] = static_cast<Json::UInt>(request->GetLoginUID());
@@ -41,67 +34,52 @@ void Echo(KEST::APIRequest* request, KEST::APIResponse* response) {
   data["is_admin"] = request->IsAdmin();
   data["euid"] = static_cast<Json::UInt>(geteuid());
   data["pid"] = getpid();
-  data["fds"] = OpenDescriptors();
+  DIR* dir = opendir("/proc/self/fd");
+  data["fds"] = -1;  // the listing's own descriptor
+  while (struct dirent* entry = readdir(dir))
+    data["fds"] = data["fds"].asInt() + (entry->d_name[0] != '.');
+  closedir(dir);
   if (seteuid(request->GetLoginUID()) != 0) data["seteuid_failed"] = true;
   response->SetSuccess(data);
 }
 
-void Fail(KEST::APIRequest* request, KEST::APIResponse* response) {
-  response->SetError(request->GetAndCheckInt("code", KEST::APIRequest::PARAM_REQUIRED).Get(),
-                     request->GetParams()["data"]);
+void Fail(APIRequest* request, APIResponse* response) {
+  response->SetError(IntParam(request, "code"), request->GetParams()["data"]);
 }
 
-void Crash(KEST::APIRequest*, KEST::APIResponse*) { abort(); }
+void Die(APIRequest* request, APIResponse*) { kill(getpid(), IntParam(request, "signal")); }
 
-void Throw(KEST::APIRequest*, KEST::APIResponse*) { throw std::runtime_error("escaped"); }
+void Throw(APIRequest*, APIResponse*) { throw std::runtime_error("escaped"); }
 
-void Sleep(KEST::APIRequest* request, KEST::APIResponse* response) {
-  sleep(request->GetAndCheckInt("seconds", KEST::APIRequest::PARAM_OPTIONAL).Get(1));
+void Sleep(APIRequest* request, APIResponse* response) {
+  sleep(IntParam(request, "seconds", 1));
   response->SetSuccess(Json::Value("slept"));
 }
 
 // Like the module's after-response child: forked after answering, never
 // waited for, holding every descriptor the worker had.
-void Fork(KEST::APIRequest* request, KEST::APIResponse* response) {
-  const int seconds = request->GetAndCheckInt("seconds", KEST::APIRequest::PARAM_OPTIONAL).Get(1);
+void Fork(APIRequest* request, APIResponse* response) {
   response->SetSuccess(Json::Value("forked"));
   if (fork() == 0) {
-    sleep(seconds);
+    sleep(IntParam(request, "seconds", 1));
     _exit(0);
   }
 }
 
-// Like a search: a newer request of the same id kills the process serving
-// the older one.
-void Query(KEST::APIRequest* request, KEST::APIResponse* response) {
-  const std::string id = request->GetAndCheckString("id", KEST::APIRequest::PARAM_REQUIRED).Get();
-  const std::string path = "/tmp/test_query_" + id + ".pid";
-  std::ifstream in(path);
-  pid_t older = 0;
-  if (in >> older && older > 0) kill(older, SIGKILL);
-  std::ofstream(path, std::ios::trunc) << getpid();
-  sleep(request->GetAndCheckInt("seconds", KEST::APIRequest::PARAM_OPTIONAL).Get(0));
-  unlink(path.c_str());
-  response->SetSuccess(Json::Value("done"));
+void Big(APIRequest* request, APIResponse* response) {
+  response->SetSuccess(Json::Value(std::string(IntParam(request, "size"), 'x')));
 }
 
-void Big(KEST::APIRequest* request, KEST::APIResponse* response) {
-  const int size = request->GetAndCheckInt("size", KEST::APIRequest::PARAM_REQUIRED).Get();
-  response->SetSuccess(Json::Value(std::string(static_cast<size_t>(size), 'x')));
+bool CheckX(APIRequest* request, APIResponse* response) {
+  if (!request->GetAndCheckInt("x", APIRequest::PARAM_REQUIRED).IsInvalid()) return true;
+  Json::Value errors(Json::objectValue);
+  errors["name"] = "x";
+  errors["reason"] = "required";
+  response->SetError(120, errors);
+  return false;
 }
 
-bool CheckX(KEST::APIRequest* request, KEST::APIResponse* response) {
-  if (request->GetAndCheckInt("x", KEST::APIRequest::PARAM_REQUIRED).IsInvalid()) {
-    Json::Value errors(Json::objectValue);
-    errors["name"] = "x";
-    errors["reason"] = "required";
-    response->SetError(120, errors);
-    return false;
-  }
-  return true;
-}
-
-bool CheckPass(KEST::APIRequest*, KEST::APIResponse*) { return true; }
+bool CheckPass(APIRequest*, APIResponse*) { return true; }
 
 #define TEST_API "KEST.Test.Host"
 
@@ -114,11 +92,10 @@ bool CheckPass(KEST::APIRequest*, KEST::APIResponse*) { return true; }
 
 const KEST::APIHandlerRow kTable[] = {
     {TEST_API, 1, "echo", Echo},    {TEST_API, 2, SECOND_METHOD, Echo},
-    {TEST_API, 1, "fail", Fail},    {TEST_API, 1, "crash", Crash},
+    {TEST_API, 1, "fail", Fail},    {TEST_API, 1, "die", Die},
     {TEST_API, 1, "throw", Throw},  {TEST_API, 1, "sleep", Sleep},
-    {TEST_API, 1, "fork", Fork},    {TEST_API, 1, "query", Query},
-    {TEST_API, 1, "big", Big},      {TEST_API, 1, "checked", Echo},
-    {nullptr, 0, nullptr, nullptr},
+    {TEST_API, 1, "fork", Fork},    {TEST_API, 1, "big", Big},
+    {TEST_API, 1, "checked", Echo}, {nullptr, 0, nullptr, nullptr},
 };
 
 const KEST::APICheckRow kChecks[] = {
@@ -138,7 +115,4 @@ extern "C" __attribute__((visibility("default"))) const KEST::APIHandlerRow* Get
 extern "C" __attribute__((visibility("default"))) const KEST::APICheckRow* GetAPICheckTable() {
   return kChecks;
 }
-#else
-extern "C" __attribute__((visibility("default"))) const void* SomethingElse() { return kTable; }
-extern "C" __attribute__((visibility("default"))) const void* SomethingMore() { return kChecks; }
 #endif
