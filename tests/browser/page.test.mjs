@@ -42,6 +42,9 @@ async function open(options = {}) {
   return page;
 }
 
+// The main screens, into the build folder (docs/web-*.png are chosen from them).
+const shot = (page, name) => page.screenshot({ path: `${process.env.KEST_SCREENS}/${name}.png`, fullPage: true });
+
 async function signIn(page, user, password = USERS[user]) {
   await page.fill('#login-account', user);
   await page.fill('#login-password', password);
@@ -158,9 +161,11 @@ test('the administrator adds a folder, watches it index, pauses and resumes; no 
     .violations.filter((v) => ['serious', 'critical'].includes(v.impact))
     .map((v) => `${v.id}: ${v.nodes.map((n) => n.target.join(' ')).join(', ')}`));
   const faults = { signIn: await axe() };
+  await shot(page, 'sign-in');
   await signIn(page, 'carol');
   await search(page, 'aardvark');
   faults.search = await axe();
+  await shot(page, 'search');
   await page.click('#nav-folders');
   await page.locator('#folder-rows tr').first().waitFor();
   // The path is checked before it is sent, and the server's refusal is told.
@@ -204,6 +209,7 @@ test('the administrator adds a folder, watches it index, pauses and resumes; no 
   await search(bob, 'wombat');
   assert.deepEqual(await hitNames(bob), ['plan.md']);
   faults.folders = await axe();
+  await shot(page, 'folders');
   assert.deepEqual(faults, { signIn: [], search: [], folders: [] });
   await row.locator('button[data-action=delete]').click();
   await row.waitFor({ state: 'detached' });
