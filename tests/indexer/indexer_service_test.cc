@@ -88,8 +88,7 @@ std::string TextOf(const std::string& path) {
 
 std::vector<std::string> Search(const std::string& user, const std::string& keyword) {
   Json::Value request = kesttest::SearchRequest({"fileindex_docs"}, keyword);
-  return kesttest::HitNames(user == "root" ? kesttest::Exchange(request)
-                                           : kesttest::ExchangeAs(user, request));
+  return kesttest::HitNames(kesttest::Exchange(request, user));
 }
 
 // When the document of `path` was written (kSlotWritten); 0 when none.
