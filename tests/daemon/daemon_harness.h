@@ -4,58 +4,42 @@
 #define KEST_TESTS_DAEMON_DAEMON_HARNESS_H_
 
 #include <json/json.h>
-#include <sys/types.h>
 
 #include <string>
 #include <vector>
 
 #include "support/fake_daemon.h"
+#include "support/sandbox.h"
 
 namespace kesttest {
 
 constexpr const char kDaemonSocket[] = "/var/run/kestelasticd.sock";
 
-// The daemon process: started by Start(), stopped (SIGTERM, reaped) by Stop()
-// or the destructor.
-class DaemonProcess {
+class DaemonProcess : public ChildProcess {
  public:
-  DaemonProcess() = default;
-  ~DaemonProcess() { Stop(); }
-  DaemonProcess(const DaemonProcess&) = delete;
-  DaemonProcess& operator=(const DaemonProcess&) = delete;
-
   // Extra arguments after the program name; waits until `socket` accepts.
   // False when the daemon did not come up.
   bool Start(const std::vector<std::string>& args = {}, const std::string& socket = kDaemonSocket);
-  // Exit status of the daemon (as from waitpid), -1 when it was not running.
-  int Stop();
-  pid_t pid() const { return pid_; }
-
- private:
-  pid_t pid_ = -1;
 };
 
-// Sends `request` on a fresh connection and reads the reply: messages up to
-// and including the first one that holds "success" without "total", or
-// until the daemon closes. An empty vector when the exchange failed.
-std::vector<Json::Value> Exchange(const Json::Value& request);
-// The same from a child process running as `user` (uid, gid and groups of
-// the sandbox's test user), so the daemon sees that user as its peer.
-std::vector<Json::Value> ExchangeAs(const std::string& user, const Json::Value& request);
-// A child process running as `user` ("root" for the module's view) that
-// opens `count` connections to `socket`, sends `bytes` on each, never reads
-// and holds them until killed. Returns once all are sent; its pid.
+// Sends `request` on a fresh connection, from a child process acting as
+// `user` unless "root", and reads the reply: messages up to and including
+// the first one that holds "success" without "total", or until the daemon
+// closes. An empty vector when the exchange failed.
+std::vector<Json::Value> Exchange(const Json::Value& request, const std::string& user = "root");
+// Sends raw bytes (framing included), no more, and returns the reply.
+std::vector<Json::Value> ExchangeRaw(const std::string& bytes);
+// A child process acting as `user` that opens `count` connections to
+// `socket`, sends `bytes` on each, never reads and holds them until killed.
+// Returns once all are sent; its pid.
 pid_t HoldConnectionsAs(const std::string& user, int count, const std::string& bytes,
                         const std::string& socket = kDaemonSocket);
-// Sends raw bytes (framing included) and returns the reply messages.
-std::vector<Json::Value> ExchangeRaw(const std::string& bytes);
 
 // Builds {"command": command, "data": data}.
 Json::Value Request(const std::string& command, const Json::Value& data);
 // A search request over `indice` for `keyword` with the module's fixed members.
 Json::Value SearchRequest(const std::vector<std::string>& indice, const std::string& keyword,
                           int from = 0, int size = 100);
-
 // Hits of a search reply (messages between the count and the end).
 std::vector<Json::Value> Hits(const std::vector<Json::Value>& reply);
 // The file names of the hits, sorted.

@@ -72,14 +72,6 @@ std::map<std::string, std::string> Indexed() {
 
 bool IsIndexed(const std::string& path) { return Indexed().count(path) > 0; }
 
-// Gives `done` 2 s to come true, without asking that it does.
-void WaitFor2s(const std::function<bool()>& done) {
-  const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(2);
-  while (!done() && std::chrono::steady_clock::now() < deadline) {
-    std::this_thread::sleep_for(std::chrono::milliseconds(50));
-  }
-}
-
 std::string TextOf(const std::string& path) {
   auto all = Indexed();
   auto it = all.find(path);
@@ -88,8 +80,7 @@ std::string TextOf(const std::string& path) {
 
 std::vector<std::string> Search(const std::string& user, const std::string& keyword) {
   Json::Value request = kesttest::SearchRequest({"fileindex_docs"}, keyword);
-  return kesttest::HitNames(user == "root" ? kesttest::Exchange(request)
-                                           : kesttest::ExchangeAs(user, request));
+  return kesttest::HitNames(kesttest::Exchange(request, user));
 }
 
 // When the document of `path` was written (kSlotWritten); 0 when none.
@@ -118,11 +109,7 @@ bool AddAs(const std::string& user, const Json::Value& folders) {
          WEXITSTATUS(status) == 0;
 }
 
-Json::Value Parse(const std::string& text) {
-  Json::Value value;
-  Json::Reader().parse(text, value);
-  return value;
-}
+using kesttest::ParseJson;
 
 class IndexerServiceTest : public testing::Test {
  protected:
@@ -149,7 +136,7 @@ class IndexerServiceTest : public testing::Test {
   }
 
   void AddFolder(const std::string& extra = "") {
-    fileindex::FolderAdd(Parse(std::string(R"([{"path": ")") + kFolder + "\"" + extra + "}]"),
+    fileindex::FolderAdd(ParseJson(std::string(R"([{"path": ")") + kFolder + "\"" + extra + "}]"),
                          false);
   }
   void StartAndWaitForCrawl() {
@@ -162,37 +149,44 @@ class IndexerServiceTest : public testing::Test {
   IndexerProcess indexer_{{"--check-interval=3600"}};
 };
 
-TEST_F(IndexerServiceTest, CrawlIndexesEveryTypeAndHonoursTypeFlags) {
+// One folder followed from its first walk: every type by its text, the type
+// flags, then each kind of change in turn, within seconds.
+TEST_F(IndexerServiceTest, FollowsAFolderAndEveryChange) {
+  // Words of two files or more are suggested.
+  WriteFile("/volume1/docs/team/zoo1.txt", "gazelle\n");
+  WriteFile("/volume1/docs/team/zoo2.txt", "gazelle\n");
   AddFolder(R"(, "photo": false)");
   StartAndWaitForCrawl();
   auto all = Indexed();
   EXPECT_EQ(0u, all.count("/volume1/docs/team/holiday.jpg")) << "photos are not wanted";
   EXPECT_EQ(1u, all.count("/volume1/docs/team")) << "the folder itself";
   EXPECT_EQ(1u, all.count("/volume1/docs/team/sub"));
-  // A file the extractor fails on is still found by its name.
-  EXPECT_EQ(1u, all.count("/volume1/docs/team/broken.pdf"));
-
   const struct {
     const char* word;
     const char* file;
   } contents[] = {
       {"bravo", "notes.txt"},    {"nebula", "deep.md"},   {"lemur", "page.html"},
       {"narwhal", "report.pdf"}, {"walrus", "memo.docx"}, {"pangolin", "sheet.ods"},
+      {"broken", "broken.pdf"},  // the extractor failed: found by its name
   };
   for (const auto& c : contents) {
     EXPECT_EQ(std::vector<std::string>{c.file}, Search("root", c.word)) << c.word;
   }
-  EXPECT_EQ(std::vector<std::string>{"broken.pdf"}, Search("root", "broken"));
+  EXPECT_TRUE(WaitFor([] {
+    if (Exists(kPidFile)) return false;
+    try {
+      Xapian::Database db(kDb);
+      return db.get_spelling_suggestion("gazele") == "gazelle" &&
+             db.get_spelling_suggestion("narwhol").empty();
+    } catch (const Xapian::Error&) {
+      return false;
+    }
+  }));
 
   // Photos wanted again: the change of types queues the folder.
-  fileindex::FolderSet(Parse(std::string(R"([{"path": ")") + kFolder + R"(", "photo": true}])"),
+  fileindex::FolderSet(ParseJson(std::string(R"([{"path": ")") + kFolder + R"(", "photo": true}])"),
                        false);
   EXPECT_TRUE(WaitFor([] { return IsIndexed("/volume1/docs/team/holiday.jpg"); }));
-}
-
-TEST_F(IndexerServiceTest, ChangesFollowWithinSeconds) {
-  AddFolder();
-  StartAndWaitForCrawl();
   const std::string dir = kFolder;
 
   WriteFile(dir + "/fresh.txt", "zeppelin\n");
@@ -234,6 +228,119 @@ TEST_F(IndexerServiceTest, ChangesFollowWithinSeconds) {
     Xapian::Database db(kDb);
     return db.term_exists(index::ExactTerm(index::kPrefixOwner, "2001"));
   }));
+
+  // File names are the users' to choose: each travels through the queue as
+  // its own bytes, is indexed under them, and queues nothing else. The folder
+  // chain below once wrote "reindex<TAB>/volume1/docs" into the queue as a line
+  // of its own, and every file of the share was extracted again.
+  const double notes_written = WrittenOf(dir + "/notes.txt");
+  ASSERT_GT(notes_written, 0);
+  std::vector<std::string> paths;
+  std::string chain = dir + "/x\nreindex\t";
+  for (const char* level : {"", "/volume1", "/docs", "/team"}) {
+    chain += level;
+    ASSERT_EQ(0, mkdir(chain.c_str(), 0755));
+    paths.push_back(chain);
+    std::this_thread::sleep_for(std::chrono::milliseconds(400));  // watched before the next
+  }
+  for (const std::string& name :
+       {std::string("new\nline.txt"), std::string("tab\there.txt"), std::string("ctl\x01\x1b\x7f"),
+        std::string("bad\xff\xfeutf8.txt"), std::string("back\\slash\\x0a\\\\.txt"),
+        std::string("pct%0a.txt"), std::string(251, 'n') + ".txt"}) {
+    paths.push_back(dir + "/" + name);
+    WriteFile(paths.back(), "hostile\n");
+  }
+  for (const auto& path : paths) {
+    EXPECT_TRUE(WaitFor([&] { return IsIndexed(path); })) << path;
+  }
+  ASSERT_TRUE(WaitFor([] { return !Exists(kQueue); }));
+  EXPECT_EQ(notes_written, WrittenOf(dir + "/notes.txt")) << "nothing was extracted again";
+  for (const auto& doc : Indexed()) EXPECT_TRUE(PathWithin(doc.first, dir)) << doc.first;
+}
+
+// Pauses of everything and of one folder, a restart, a reindex and a
+// damaged index, in turn on one folder, which at last leaves.
+TEST_F(IndexerServiceTest, PausesRestartsReindexesAndRepairs) {
+  AddFolder();
+  StartAndWaitForCrawl();
+  fileindex::StatusMgr().Pause(0);
+  std::this_thread::sleep_for(std::chrono::seconds(1));  // the indexer rereads the state
+  WriteFile("/volume1/docs/team/later.txt", "postponed\n");
+  ASSERT_TRUE(WaitFor([] { return Exists(kQueue); })) << "the change waits in the queue";
+  // Give a running indexer every chance to (wrongly) index it.
+  std::this_thread::sleep_for(std::chrono::seconds(2));
+  EXPECT_FALSE(IsIndexed("/volume1/docs/team/later.txt"));
+  EXPECT_TRUE(Exists(kQueue));
+  fileindex::StatusMgr().Resume();
+  EXPECT_TRUE(WaitFor([] { return IsIndexed("/volume1/docs/team/later.txt"); }));
+  EXPECT_TRUE(WaitFor([] { return !Exists(kQueue); }));
+
+  const std::string path = std::string(R"([{"path": ")") + kFolder;
+  fileindex::FolderSet(ParseJson(path + R"(", "paused": true}])"), false);
+  std::this_thread::sleep_for(std::chrono::seconds(2));  // the indexer rereads the store
+  WriteFile("/volume1/docs/team/held.txt", "held back\n");
+  ASSERT_EQ(0, unlink("/volume1/docs/team/notes.txt"));
+  std::this_thread::sleep_for(std::chrono::seconds(2));
+  EXPECT_FALSE(IsIndexed("/volume1/docs/team/held.txt"));
+  EXPECT_TRUE(IsIndexed("/volume1/docs/team/notes.txt")) << "a paused folder's index stays";
+  EXPECT_TRUE(Exists(kQueue));
+  fileindex::FolderSet(ParseJson(path + R"(", "paused": false}])"), false);
+  EXPECT_TRUE(WaitFor([] {
+    return IsIndexed("/volume1/docs/team/held.txt") && !IsIndexed("/volume1/docs/team/notes.txt");
+  }));
+
+  // A restart catches up with what changed meanwhile.
+  EXPECT_EQ(0, indexer_.Stop());
+  WriteFile("/volume1/docs/team/while-down.txt", "offline\n");
+  ASSERT_EQ(0, unlink("/volume1/docs/team/later.txt"));
+  indexer_.Start();
+  EXPECT_TRUE(WaitFor([] {
+    return IsIndexed("/volume1/docs/team/while-down.txt") &&
+           !IsIndexed("/volume1/docs/team/later.txt");
+  }));
+
+  // A reindex extracts every file again, and waits for a pause to end. An
+  // entry lost, and one whose text went wrong while its file's size and time
+  // stayed as they were: only a new extraction mends it.
+  EXPECT_EQ(0, indexer_.Stop());
+  {
+    Xapian::WritableDatabase db(kDb, Xapian::DB_OPEN);
+    db.delete_document(index::UniqueTerm("/volume1/docs/team/held.txt"));
+    const std::string unique = index::UniqueTerm("/volume1/docs/team/sub/deep.md");
+    Xapian::Document doc = db.get_document(*db.postlist_begin(unique));
+    doc.set_data("garbled");
+    db.replace_document(unique, doc);
+    db.commit();
+  }
+  fileindex::StatusMgr().Pause(0);
+  fileindex::FolderReindex(ParseJson(std::string(R"([")") + kFolder + "\"]"));
+  ASSERT_TRUE(Exists(kQueue));
+  indexer_.Start();
+  std::this_thread::sleep_for(std::chrono::seconds(2));
+  EXPECT_TRUE(Exists(kQueue)) << "the reindex waits for the pause to end";
+  // Meanwhile searches answer from the entries as they were.
+  EXPECT_EQ(std::vector<std::string>{"deep.md"}, Search("root", "nebula"));
+  EXPECT_EQ("garbled", TextOf("/volume1/docs/team/sub/deep.md"));
+  fileindex::StatusMgr().Resume();
+  EXPECT_TRUE(WaitFor([] { return !Exists(kQueue); }));
+  EXPECT_TRUE(IsIndexed("/volume1/docs/team/held.txt"));
+  EXPECT_NE(std::string::npos, TextOf("/volume1/docs/team/sub/deep.md").find("quasar nebula"));
+  EXPECT_EQ(std::vector<std::string>{"deep.md"}, Search("root", "nebula"));
+
+  // A damaged index is built again.
+  EXPECT_EQ(0, indexer_.Stop());
+  ASSERT_EQ(0, system("for f in /volume1/@kestondri/index/docs/*.glass; do "
+                      "head -c 8192 /dev/urandom > \"$f\"; done"));
+  indexer_.Start();
+  EXPECT_TRUE(WaitFor([] {
+    return !Exists(std::string(kDb) + ".checking") && !Exists(kQueue) &&
+           IsIndexed("/volume1/docs/team/sub/deep.md") && IsIndexed("/volume1/docs/team/held.txt");
+  }));
+  EXPECT_EQ(std::vector<std::string>{"report.pdf"}, Search("root", "narwhal"));
+  EXPECT_FALSE(Exists(std::string(kDb) + ".damaged"));
+
+  fileindex::FolderDelete(ParseJson(std::string(R"([")") + kFolder + "\"]"));
+  EXPECT_TRUE(WaitFor([] { return Indexed().empty(); }));
 }
 
 // A file created between the first walk of a folder and its watch was never
@@ -246,7 +353,7 @@ TEST_F(IndexerServiceTest, AFolderIsWatchedBeforeItIsWalked) {
   ASSERT_EQ(0, system("rm -rf /volume2/* /volume2/@kestondri && mkdir -p /volume2/media/m "
                       "/volume1/docs/late && echo first > /volume1/docs/late/first.txt"));
   AddFolder();
-  fileindex::FolderAdd(Parse(R"([{"path": "/volume2/media/m"}])"), false);
+  fileindex::FolderAdd(ParseJson(R"([{"path": "/volume2/media/m"}])"), false);
   StartAndWaitForCrawl();
   ASSERT_TRUE(WaitFor([] { return !Exists("/volume2/@kestondri/queue/media.queue"); }));
 
@@ -254,8 +361,8 @@ TEST_F(IndexerServiceTest, AFolderIsWatchedBeforeItIsWalked) {
   ASSERT_EQ(0, flock(lock, LOCK_EX));
   WriteFile("/volume2/media/m/poke.txt", "poke\n");
   std::this_thread::sleep_for(std::chrono::seconds(1));  // the watcher now waits for the lock
-  fileindex::FolderAdd(Parse(R"([{"path": "/volume1/docs/late"}])"), false);
-  WaitFor2s([] { return IsIndexed("/volume1/docs/late/first.txt"); });
+  fileindex::FolderAdd(ParseJson(R"([{"path": "/volume1/docs/late"}])"), false);
+  std::this_thread::sleep_for(std::chrono::seconds(2));  // its walk could end meanwhile
   WriteFile("/volume1/docs/late/second.txt", "second\n");
   close(lock);
   EXPECT_TRUE(WaitFor([] {
@@ -283,8 +390,8 @@ TEST_F(IndexerServiceTest, NoUsersFolderTakesDocumentsOutOfAnothers) {
   AddFolder();
   StartAndWaitForCrawl();
   for (const auto& n : nested) {
-    ASSERT_TRUE(AddAs("ann", Parse(std::string(R"([{"path": ")") + kFolder + "/" + n.dir + "\", " +
-                                   n.settings + "}]")))
+    ASSERT_TRUE(AddAs("ann", ParseJson(std::string(R"([{"path": ")") + kFolder + "/" + n.dir +
+                                       "\", " + n.settings + "}]")))
         << n.dir;
   }
   std::this_thread::sleep_for(std::chrono::seconds(2));  // the indexer rereads the store
@@ -296,167 +403,6 @@ TEST_F(IndexerServiceTest, NoUsersFolderTakesDocumentsOutOfAnothers) {
     WriteFile(dir + "/new.txt", "new\n");
     EXPECT_TRUE(WaitFor([&] { return IsIndexed(dir + "/new.txt"); })) << n.dir;
   }
-}
-
-// File names are the users' to choose: each travels through the queue as
-// its own bytes, is indexed under them, and queues nothing else. The folder
-// chain below once wrote "reindex<TAB>/volume1/docs" into the queue as a line
-// of its own, and every file of the share was extracted again.
-TEST_F(IndexerServiceTest, HostileNamesAreIndexedAsTheyAreAndQueueNothingElse) {
-  AddFolder();
-  StartAndWaitForCrawl();
-  const std::string dir = kFolder;
-  const double notes_written = WrittenOf(dir + "/notes.txt");
-  ASSERT_GT(notes_written, 0);
-  std::vector<std::string> paths;
-  std::string chain = dir + "/x\nreindex\t";
-  for (const char* level : {"", "/volume1", "/docs", "/team"}) {
-    chain += level;
-    ASSERT_EQ(0, mkdir(chain.c_str(), 0755));
-    paths.push_back(chain);
-    std::this_thread::sleep_for(std::chrono::milliseconds(400));  // watched before the next
-  }
-  for (const std::string& name :
-       {std::string("new\nline.txt"), std::string("tab\there.txt"), std::string("ctl\x01\x1b\x7f"),
-        std::string("bad\xff\xfeutf8.txt"), std::string("back\\slash\\x0a\\\\.txt"),
-        std::string("pct%0a.txt"), std::string(251, 'n') + ".txt"}) {
-    paths.push_back(dir + "/" + name);
-    WriteFile(paths.back(), "hostile\n");
-  }
-  for (const auto& path : paths) {
-    EXPECT_TRUE(WaitFor([&] { return IsIndexed(path); })) << path;
-  }
-  ASSERT_TRUE(WaitFor([] { return !Exists(kQueue); }));
-  EXPECT_EQ(notes_written, WrittenOf(dir + "/notes.txt")) << "nothing was extracted again";
-  for (const auto& doc : Indexed()) EXPECT_TRUE(PathWithin(doc.first, dir)) << doc.first;
-}
-
-TEST_F(IndexerServiceTest, UsersSeeOnlyWhatTheyMayRead) {
-  WriteFile("/volume1/docs/team/ann-secret.txt", "confidential marmot\n", 0600);
-  ASSERT_EQ(0, chown("/volume1/docs/team/ann-secret.txt", kesttest::kAnnUid, kesttest::kAnnUid));
-  WriteFile("/volume1/docs/team/shared.txt", "public marmot\n", 0644);
-  AddFolder();
-  StartAndWaitForCrawl();
-  EXPECT_EQ((std::vector<std::string>{"ann-secret.txt", "shared.txt"}), Search("ann", "marmot"));
-  EXPECT_EQ(std::vector<std::string>{"shared.txt"}, Search("bob", "marmot"));
-  EXPECT_TRUE(Search("bob", "confidential").empty());
-}
-
-TEST_F(IndexerServiceTest, PauseKeepsTheQueueAndResumeContinues) {
-  AddFolder();
-  StartAndWaitForCrawl();
-  fileindex::StatusMgr().Pause(0);
-  std::this_thread::sleep_for(std::chrono::seconds(1));  // the indexer rereads the state
-  WriteFile("/volume1/docs/team/later.txt", "postponed\n");
-  ASSERT_TRUE(WaitFor([] { return Exists(kQueue); })) << "the change waits in the queue";
-  // Give a running indexer every chance to (wrongly) index it.
-  std::this_thread::sleep_for(std::chrono::seconds(2));
-  EXPECT_FALSE(IsIndexed("/volume1/docs/team/later.txt"));
-  EXPECT_TRUE(Exists(kQueue));
-
-  fileindex::StatusMgr().Resume();
-  EXPECT_TRUE(WaitFor([] { return IsIndexed("/volume1/docs/team/later.txt"); }));
-  EXPECT_TRUE(WaitFor([] { return !Exists(kQueue); }));
-}
-
-TEST_F(IndexerServiceTest, APausedFolderWaitsUntilItResumes) {
-  AddFolder();
-  StartAndWaitForCrawl();
-  const std::string path = std::string(R"([{"path": ")") + kFolder;
-  fileindex::FolderSet(Parse(path + R"(", "paused": true}])"), false);
-  std::this_thread::sleep_for(std::chrono::seconds(2));  // the indexer rereads the store
-  WriteFile("/volume1/docs/team/held.txt", "held back\n");
-  ASSERT_EQ(0, unlink("/volume1/docs/team/notes.txt"));
-  std::this_thread::sleep_for(std::chrono::seconds(2));
-  EXPECT_FALSE(IsIndexed("/volume1/docs/team/held.txt"));
-  EXPECT_TRUE(IsIndexed("/volume1/docs/team/notes.txt")) << "a paused folder's index stays";
-  EXPECT_TRUE(Exists(kQueue));
-
-  fileindex::FolderSet(Parse(path + R"(", "paused": false}])"), false);
-  EXPECT_TRUE(WaitFor([] {
-    return IsIndexed("/volume1/docs/team/held.txt") && !IsIndexed("/volume1/docs/team/notes.txt");
-  }));
-}
-
-TEST_F(IndexerServiceTest, ARestartCatchesUpAndRemovedFoldersLeave) {
-  AddFolder();
-  StartAndWaitForCrawl();
-  EXPECT_EQ(0, indexer_.Stop());
-  WriteFile("/volume1/docs/team/while-down.txt", "offline\n");
-  ASSERT_EQ(0, unlink("/volume1/docs/team/notes.txt"));
-  indexer_.Start();
-  EXPECT_TRUE(WaitFor([] {
-    return IsIndexed("/volume1/docs/team/while-down.txt") &&
-           !IsIndexed("/volume1/docs/team/notes.txt");
-  }));
-
-  fileindex::FolderDelete(Parse(std::string(R"([")") + kFolder + "\"]"));
-  EXPECT_TRUE(WaitFor([] { return Indexed().empty(); }));
-}
-
-TEST_F(IndexerServiceTest, AReindexExtractsEveryFileAgainAndWaitsForAPause) {
-  AddFolder();
-  StartAndWaitForCrawl();
-  EXPECT_EQ(0, indexer_.Stop());
-  // An entry lost, and one whose text went wrong while its file's size and
-  // time stayed as they were: only a new extraction mends it.
-  {
-    Xapian::WritableDatabase db(kDb, Xapian::DB_OPEN);
-    db.delete_document(index::UniqueTerm("/volume1/docs/team/notes.txt"));
-    const std::string unique = index::UniqueTerm("/volume1/docs/team/sub/deep.md");
-    Xapian::Document doc = db.get_document(*db.postlist_begin(unique));
-    doc.set_data("garbled");
-    db.replace_document(unique, doc);
-    db.commit();
-  }
-  fileindex::StatusMgr().Pause(0);
-  fileindex::FolderReindex(Parse(std::string(R"([")") + kFolder + "\"]"));
-  ASSERT_TRUE(Exists(kQueue));
-  indexer_.Start();
-  std::this_thread::sleep_for(std::chrono::seconds(2));
-  EXPECT_TRUE(Exists(kQueue)) << "the reindex waits for the pause to end";
-  // Meanwhile searches answer from the entries as they were.
-  EXPECT_EQ(std::vector<std::string>{"deep.md"}, Search("root", "nebula"));
-  EXPECT_EQ("garbled", TextOf("/volume1/docs/team/sub/deep.md"));
-
-  fileindex::StatusMgr().Resume();
-  EXPECT_TRUE(WaitFor([] { return !Exists(kQueue); }));
-  EXPECT_TRUE(IsIndexed("/volume1/docs/team/notes.txt"));
-  EXPECT_NE(std::string::npos, TextOf("/volume1/docs/team/sub/deep.md").find("quasar nebula"));
-  EXPECT_EQ(std::vector<std::string>{"deep.md"}, Search("root", "nebula"));
-}
-
-TEST_F(IndexerServiceTest, ADamagedIndexIsBuiltAgain) {
-  AddFolder();
-  StartAndWaitForCrawl();
-  EXPECT_EQ(0, indexer_.Stop());
-  ASSERT_EQ(0, system("for f in /volume1/@kestondri/index/docs/*.glass; do "
-                      "head -c 8192 /dev/urandom > \"$f\"; done"));
-  indexer_.Start();
-  EXPECT_TRUE(WaitFor([] {
-    return !Exists(std::string(kDb) + ".checking") && !Exists(kQueue) &&
-           IsIndexed("/volume1/docs/team/sub/deep.md") && IsIndexed("/volume1/docs/team/notes.txt");
-  }));
-  EXPECT_EQ(std::vector<std::string>{"report.pdf"}, Search("root", "narwhal"));
-  EXPECT_FALSE(Exists(std::string(kDb) + ".damaged"));
-}
-
-TEST_F(IndexerServiceTest, TermSuggestionsFollowABurst) {
-  // Words of two files or more are suggested.
-  WriteFile("/volume1/docs/team/zoo1.txt", "gazelle\n");
-  WriteFile("/volume1/docs/team/zoo2.txt", "gazelle\n");
-  AddFolder();
-  StartAndWaitForCrawl();
-  EXPECT_TRUE(WaitFor([] {
-    if (Exists(kPidFile)) return false;
-    try {
-      Xapian::Database db(kDb);
-      return db.get_spelling_suggestion("gazele") == "gazelle" &&
-             db.get_spelling_suggestion("narwhol").empty();
-    } catch (const Xapian::Error&) {
-      return false;
-    }
-  }));
 }
 
 }  // namespace

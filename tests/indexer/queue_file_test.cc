@@ -43,19 +43,24 @@ class QueueFileTest : public testing::Test {
 TEST_F(QueueFileTest, FinishedEntriesLeaveAndTheFilesGoWhenEmpty) {
   QueueFile queue(kQueue);
   EXPECT_FALSE(queue.HasWork());
-  queue.Append({{"reindex", "/volume1/docs/a"}, {"remove", "/volume1/docs/b"}});
+  queue.Append({{"reindex", "/volume1/docs/a"},
+                {"remove", "/volume1/docs/b"},
+                {"update", "/volume1/docs/c"}});
   EXPECT_TRUE(queue.HasWork());
-  EXPECT_EQ("# kestondri queue 2\nreindex\t/volume1/docs/a\nremove\t/volume1/docs/b\n",
-            ReadFile(kQueue));
+  EXPECT_EQ(
+      "# kestondri queue 2\nreindex\t/volume1/docs/a\nremove\t/volume1/docs/b\n"
+      "update\t/volume1/docs/c\n",
+      ReadFile(kQueue));
   struct stat st;
   ASSERT_EQ(0, stat(kQueue, &st));
   EXPECT_EQ(0600u, st.st_mode & 0777);
 
   auto items = queue.Take();
-  ASSERT_EQ(2u, items.size());
-  queue.Finish({items[0]});
-  EXPECT_EQ(std::vector<std::string>{"remove /volume1/docs/b"}, Paths(queue.Take()));
-  queue.Finish({{"remove", "/volume1/docs/b"}});
+  ASSERT_EQ(3u, items.size());
+  queue.Finish({items[1]});  // the unfinished stay in order
+  EXPECT_EQ((std::vector<std::string>{"reindex /volume1/docs/a", "update /volume1/docs/c"}),
+            Paths(queue.Take()));
+  queue.Finish({{"reindex", "/volume1/docs/a"}, {"update", "/volume1/docs/c"}});
   EXPECT_FALSE(queue.HasWork());
   EXPECT_FALSE(Exists(std::string(kQueue) + ".tmp"));
 }
@@ -95,17 +100,6 @@ TEST_F(QueueFileTest, WhatIsQueuedAgainDuringTheWorkStays) {
     queue.Finish(taken);
     EXPECT_EQ(t.left, Paths(queue.Take()));
   }
-}
-
-TEST_F(QueueFileTest, UnfinishedEntriesStayInOrder) {
-  QueueFile queue(kQueue);
-  queue.Append({{"reindex", "/volume1/docs/a"},
-                {"reindex", "/volume1/docs/b"},
-                {"remove", "/volume1/docs/c"}});
-  auto items = queue.Take();
-  queue.Finish({items[1]});
-  EXPECT_EQ((std::vector<std::string>{"reindex /volume1/docs/a", "remove /volume1/docs/c"}),
-            Paths(queue.Take()));
 }
 
 TEST_F(QueueFileTest, ReadsTheTwinFirstAndIgnoresCutAndForeignLines) {

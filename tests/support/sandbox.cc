@@ -7,6 +7,7 @@
 #include <gtest/gtest.h>
 #include <net/if.h>
 #include <sched.h>
+#include <signal.h>
 #include <sys/ioctl.h>
 #include <sys/mount.h>
 #include <sys/socket.h>
@@ -346,6 +347,79 @@ int ReapChildren(int timeout_ms, std::vector<int>* statuses) {
     }
     std::this_thread::sleep_for(std::chrono::milliseconds(5));
   }
+}
+
+void ChildProcess::Run(const std::vector<std::string>& argv, bool quiet, bool own_group) {
+  Stop();
+  status_ = -1;
+  pid_ = fork();
+  if (pid_ != 0) return;
+  if (own_group) setpgid(0, 0);
+  if (quiet) {
+    const int null = open("/dev/null", O_WRONLY);
+    dup2(null, 1);
+    dup2(null, 2);
+  }
+  std::vector<char*> args;
+  for (const auto& arg : argv) args.push_back(const_cast<char*>(arg.c_str()));
+  args.push_back(nullptr);
+  execvp(args[0], args.data());
+  _exit(127);
+}
+
+bool ChildProcess::Running() {
+  if (pid_ > 0 && waitpid(pid_, &status_, WNOHANG) == pid_) pid_ = -1;
+  return pid_ > 0;
+}
+
+int ChildProcess::Stop(bool wait_only) {
+  if (pid_ <= 0) return status_;
+  if (!wait_only) kill(pid_, SIGTERM);
+  waitpid(pid_, &status_, 0);
+  pid_ = -1;
+  return status_;
+}
+
+std::string InChildAs(const std::string& user, const std::function<std::string()>& body,
+                      pid_t* lingering) {
+  int out[2];
+  if (pipe(out) != 0) return "";
+  const pid_t child = fork();
+  if (child == 0) {
+    close(out[0]);
+    if (user != "root") {
+      const TestUser& u = UserByName(user);
+      std::vector<gid_t> groups = {u.gid};
+      for (const char* g : u.groups) groups.push_back(getgrnam(g)->gr_gid);
+      if (setgroups(groups.size(), groups.data()) != 0 || setgid(u.gid) != 0 ||
+          setuid(u.uid) != 0) {
+        _exit(3);
+      }
+    }
+    const std::string text = body();
+    for (size_t done = 0; done < text.size();) {
+      const ssize_t n = write(out[1], text.data() + done, text.size() - done);
+      if (n <= 0) _exit(4);
+      done += static_cast<size_t>(n);
+    }
+    close(out[1]);
+    while (lingering) pause();
+    _exit(0);
+  }
+  close(out[1]);
+  std::string text;
+  char buffer[65536];
+  for (ssize_t n; (n = read(out[0], buffer, sizeof buffer)) > 0;) text.append(buffer, n);
+  close(out[0]);
+  if (lingering) {
+    *lingering = child;
+    return text;
+  }
+  int status = -1;
+  waitpid(child, &status, 0);
+  EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0)
+      << "child as " << user << ": " << status;
+  return WIFEXITED(status) && WEXITSTATUS(status) == 0 ? text : "";
 }
 
 }  // namespace kesttest

@@ -13,6 +13,7 @@
 #include <json/json.h>
 #include <sys/types.h>
 
+#include <functional>
 #include <string>
 #include <vector>
 
@@ -66,6 +67,38 @@ std::vector<pid_t> LiveChildren();
 // running to end. Returns the number of children left running. The wait
 // statuses of the reaped children are appended to `statuses` when given.
 int ReapChildren(int timeout_ms = 2000, std::vector<int>* statuses = nullptr);
+
+// A program run as a child of the test: stopped (SIGTERM, reaped) by Stop()
+// or the destructor.
+class ChildProcess {
+ public:
+  ChildProcess() = default;
+  ~ChildProcess() { Stop(); }
+  ChildProcess(const ChildProcess&) = delete;
+  ChildProcess& operator=(const ChildProcess&) = delete;
+
+  // Runs `argv` (the program first, looked up in PATH without a slash);
+  // `quiet` sends its output to /dev/null, `own_group` gives it a process
+  // group of its own (for programs that signal their whole group).
+  void Run(const std::vector<std::string>& argv, bool quiet = false, bool own_group = false);
+  // False once the child has ended (it is then reaped).
+  bool Running();
+  // Sends SIGTERM unless `wait_only`, then reaps the child: its wait status;
+  // the status it ended with when it had, -1 when it never ran.
+  int Stop(bool wait_only = false);
+  pid_t pid() const { return pid_; }
+
+ private:
+  pid_t pid_ = -1;
+  int status_ = -1;
+};
+
+// Runs `body` in a forked child acting as the sandbox's `user` (uid, gid and
+// groups; "root" stays root) and returns what `body` returned once the child
+// has ended; "" and a test failure when the child failed. With `lingering`,
+// the child stays after answering, until killed: its pid goes there.
+std::string InChildAs(const std::string& user, const std::function<std::string()>& body,
+                      pid_t* lingering = nullptr);
 
 }  // namespace kesttest
 

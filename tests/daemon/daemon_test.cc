@@ -1,0 +1,1099 @@
+// The search daemon: its text parts (folding, name words, stems, fragments,
+// reply frames) on the inputs that break them, then the real kestelasticd on
+// real indices of real files in the sandbox: what each command answers, who
+// may see what, damaged, missing and remote indices, malformed requests,
+// many and hostile clients, its socket file.
+#include <arpa/inet.h>
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <kest/json.h>
+#include <kestdaemon/sock_connection.h>
+#include <netinet/in.h>
+#include <signal.h>
+#include <sys/stat.h>
+#include <sys/time.h>
+#include <sys/wait.h>
+#include <unistd.h>
+#include <xapian.h>
+
+#include <algorithm>
+#include <atomic>
+#include <chrono>
+#include <cstring>
+#include <map>
+#include <set>
+#include <sstream>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "daemon/daemon_harness.h"
+#include "highlighter.h"
+#include "index_schema.h"
+#include "reply_frame.h"
+#include "support/syslog_capture.h"
+#include "text_analysis.h"
+
+namespace kesttest {
+namespace {
+
+using Names = std::vector<std::string>;
+using kestondri::daemon::FragmentOptions;
+using kestondri::daemon::HighlightFragments;
+using kestondri::daemon::KeywordMarkTerms;
+using kestondri::index::FoldWord;
+
+TEST(DaemonPartsTest, FoldingNameWordsAndStems) {
+  const char* folded[][2] = {
+      {"Crème BRÛLÉE", "creme brulee"},
+      {"MÜLLER São naïve", "muller sao naive"},
+      {"Straße Øre Łódź İstanbul", "strasse ore lodz istanbul"},
+      {"ΑΘΉΝΑ ὁδός", "αθηνα οδοσ"},  // final sigma is sigma
+      {"Ёлка Йод", "елка иод"},
+      {"ﬁle ＡＢＣ１２", "file abc12"},
+      {"がぎ 東京", "がぎ 東京"},  // the voicing mark is part of the letter
+      {"Chen's l’été", "chen s l ete"},
+      {"e\xCC\x81t\xC3\xA9", "ete"},  // a combining accent, then a composed one
+      {"a\xff\xfe"
+       "b",
+       "a  b"},
+  };
+  for (const auto& c : folded) EXPECT_EQ(c[1], FoldWord(c[0])) << c[0];
+  EXPECT_EQ("plain ASCII Text", kestondri::index::FoldText("plain ASCII Text"));
+
+  const std::pair<const char*, Names> words[] = {
+      {"QuarterlyReport_2024-Q3.final.pdf",
+       {"Quarterly", "Report", "2024", "Q", "3", "final", "pdf"}},
+      {"XMLParser iPhone12", {"XML", "Parser", "i", "Phone", "12"}},
+      {"東京Tower.txt", {"東京", "Tower", "txt"}},
+      {"Crème-Brûlée", {"Crème", "Brûlée"}},
+      {"bad\xff"
+       "byte",
+       {"bad", "byte"}},
+  };
+  for (const auto& c : words) EXPECT_EQ(c.second, kestondri::index::NameWords(c.first)) << c.first;
+
+  kestondri::index::Stemmer english, french, none;
+  ASSERT_TRUE(kestondri::index::Stemmer::Make("en", &english));
+  ASSERT_TRUE(kestondri::index::Stemmer::Make("french", &french));
+  ASSERT_TRUE(kestondri::index::Stemmer::Make("none", &none));
+  EXPECT_FALSE(kestondri::index::Stemmer::Make("klingon", &none));
+  EXPECT_EQ("english", english.language());
+  EXPECT_EQ(english("analysis"), english("analyses"));
+  EXPECT_EQ(english("city"), english("cities"));
+  EXPECT_EQ("", english("spin_lock"));
+  EXPECT_EQ("", english("x86"));
+  EXPECT_EQ("", none("reports"));
+  // Accents matter to some stemmers: stemmed as written, then folded.
+  EXPECT_EQ(french("acheter"), french.AsWritten("achetées"));
+  EXPECT_NE(french("acheter"), french(FoldWord("achetées")));
+}
+
+TEST(DaemonPartsTest, FragmentsAreMarkedEscapedFewAndShort) {
+  const struct {
+    std::string text;
+    const char* keyword;
+    size_t frag_length, num;
+    Names expected;
+  } cases[] = {
+      {"alpha beta gamma", "beta", 100, 3, {"alpha <em>beta</em> gamma"}},
+      {"Beta at start", "beta", 100, 3, {"<em>Beta</em> at start"}},
+      {"two beta beta close", "BETA", 100, 3, {"two <em>beta</em> <em>beta</em> close"}},
+      {"x <beta> & y", "beta", 100, 1, {"x &lt;<em>beta</em>&gt; &amp; y"}},
+      {"betamax betas", "beta*", 100, 3, {"<em>betamax</em> <em>betas</em>"}},
+      {"alphabet", "beta", 100, 3, {}},
+      {"nothing here", "", 100, 3, {}},
+      {"a AND b", "a AND b", 100, 3, {"<em>a</em> AND <em>b</em>"}},
+      {"name:beta skipped ext:txt",
+       "name:beta ext:txt",
+       100,
+       3,
+       {"name:<em>beta</em> skipped ext:txt"}},
+  };
+  for (const auto& c : cases) {
+    FragmentOptions opt;
+    opt.frag_length = c.frag_length;
+    opt.num_fragments = c.num;
+    EXPECT_EQ(c.expected, HighlightFragments(c.text, KeywordMarkTerms(c.keyword), opt)) << c.text;
+  }
+  // Escaped text stays valid UTF-8: a reply can carry it.
+  const std::string r = "\xEF\xBF\xBD";
+  const std::pair<std::string, std::string> escaped[] = {
+      {"&<>\"'", "&amp;&lt;&gt;&quot;&#39;"},
+      {"caf\xc3\xa9", "caf\xc3\xa9"},
+      {"a\xff", "a" + r},
+      {"\xc0\xaf", r + r},  // overlong '/'
+      {std::string("a\0b", 3), "a b"},
+  };
+  for (const auto& c : escaped) EXPECT_EQ(c.second, kestondri::daemon::EscapeHtml(c.first));
+
+  std::string text;
+  for (int i = 0; i < 10000; ++i) text += "padding words here and the target word again ";
+  FragmentOptions opt;
+  opt.frag_length = 60;
+  opt.num_fragments = 3;
+  Names frags = HighlightFragments(text, KeywordMarkTerms("target"), opt);
+  ASSERT_EQ(3u, frags.size());
+  for (const auto& f : frags) {
+    EXPECT_NE(std::string::npos, f.find("<em>target</em>"));
+    EXPECT_LE(f.size(), 60u + 9u);
+  }
+  // A fragment edge inside a multi-byte character never splits it.
+  std::string accents;
+  for (int i = 0; i < 20; ++i) accents += "\xc3\xa9";
+  opt.frag_length = 21;
+  frags = HighlightFragments(accents + "x target " + accents, KeywordMarkTerms("target"), opt);
+  ASSERT_EQ(1u, frags.size());
+  EXPECT_EQ(std::string::npos, frags[0].find("\xEF\xBF\xBD"));
+  // A match beyond the scan limit is not looked for.
+  opt.scan_limit = 1000;
+  EXPECT_TRUE(
+      HighlightFragments(std::string(100000, 'x') + " target", KeywordMarkTerms("target"), opt)
+          .empty());
+}
+
+TEST(DaemonPartsTest, ReplyFramesFollowEachOtherAndReadBack) {
+  Json::Value hit = ParseJson(R"({"KESTMDIsDir": false, "KESTMDFSSize": 12345,
+      "_score": 12.345678901234567, "highlight": {"KESTMDTextContent": ["a <b>mark</b>\n\ttab"]},
+      "KESTMDPath": "/volume1/docs/Ünïcode ✓/file \"quoted\" \\ back.txt"})");
+  const Json::Value values[] = {
+      hit, ParseJson(R"({"total":5277})"),
+      ParseJson(R"({"success":false,"error":{"code":1001,"msg":"bad \"query\""}})"),
+      Json::Value(std::string("nul\0 bell\x07 esc\x1b", 15))};
+  std::string frames = "kept";
+  for (const auto& v : values) ASSERT_TRUE(kestondri::daemon::AppendFrame(v, &frames));
+  size_t at = 4;
+  for (const auto& v : values) {
+    ASSERT_LE(at + 4, frames.size());
+    uint32_t length;
+    std::memcpy(&length, frames.data() + at, sizeof length);
+    const std::string text = frames.substr(at + 4, ntohl(length));
+    EXPECT_EQ(std::string::npos, text.find('\n')) << "one line";
+    EXPECT_EQ(Json::toString(v), Json::toString(ParseJson(text)));
+    at += 4 + ntohl(length);
+  }
+  EXPECT_EQ(frames.size(), at);
+  EXPECT_EQ("kept", frames.substr(0, 4));
+  // A message over the cap is refused and leaves the buffer alone.
+  const size_t cap = kestdaemon::kMaxMessageSize;
+  std::string frame = "before";
+  EXPECT_FALSE(kestondri::daemon::AppendFrame(Json::Value(std::string(cap - 1, 'x')), &frame));
+  EXPECT_EQ("before", frame);
+  EXPECT_TRUE(kestondri::daemon::AppendFrame(Json::Value(std::string(cap - 2, 'x')), &frame));
+  EXPECT_EQ(6 + 4 + cap, frame.size());
+}
+
+const char kDocs[] = "fileindex_docs", kPub[] = "fileindex_pub", kLang[] = "fileindex_lang";
+const char kBroken[] = "fileindex_broken";
+const char kDocsDb[] = "/volume1/@kestondri/index/docs";
+const char kSharesConf[] =
+    "[global]\nadmin group = administrators\n[docs]\npath = /volume1/docs\n"
+    "[pub]\npath = /volume1/pub\n[broken]\npath = /volume1/broken\n"
+    "[lang]\npath = /volume1/lang\n[far]\npath = /volume2/far\n";
+
+void Shell(const std::string& command) { ASSERT_EQ(0, std::system(command.c_str())) << command; }
+
+// The folder `from` indexed into the database `to` as the indexer lays it out.
+void Load(const std::string& from, const std::string& to) {
+  Shell(std::string(KEST_BINARY_DIR) + "/daemon/kest_index_loader " + from + " " + to +
+        " > /dev/null");
+}
+
+void Own(const std::string& path, const char* user, mode_t mode) {
+  ASSERT_EQ(0, chown(path.c_str(), UserByName(user).uid, UserByName(user).gid)) << path;
+  ASSERT_EQ(0, chmod(path.c_str(), mode)) << path;
+}
+
+void Put(const std::string& path, const std::string& content, const char* user, mode_t mode) {
+  WriteFile(path, content);
+  Own(path, user, mode);
+}
+
+void MakeDir(const std::string& path, const char* user, mode_t mode) {
+  mkdir(path.c_str(), mode);
+  Own(path, user, mode);
+}
+
+// Writes the document of one file as the indexer would, from its lstat now.
+void IndexFile(const std::string& path, const std::string& text) {
+  struct stat st;
+  ASSERT_EQ(0, lstat(path.c_str(), &st)) << path;
+  kestondri::index::FileRecord r;
+  r.path = path;
+  r.name = path.substr(path.rfind('/') + 1);
+  r.extension = kestondri::index::ExtensionOfName(r.name, false);
+  r.size = static_cast<uint64_t>(st.st_size);
+  r.mtime = st.st_mtime;
+  r.owner_uid = st.st_uid;
+  r.identity = kestondri::index::FileIdentity(st);
+  r.text = text;
+  Xapian::WritableDatabase db(kDocsDb);
+  db.replace_document(kestondri::index::UniqueTerm(path), kestondri::index::MakeDocument(r));
+  db.commit();
+}
+
+void Unindex(const std::string& path) {
+  Xapian::WritableDatabase(kDocsDb).delete_document(kestondri::index::UniqueTerm(path));
+  unlink(path.c_str());
+}
+
+// A search for `keyword` over `indice`; `options` ("name=value;...") sets
+// "type" (the file type), "op" (the default operator), "from" and "size";
+// any other name is a criterion on that field.
+Json::Value Query(const std::string& keyword, const std::string& options = "",
+                  const std::vector<std::string>& indice = {kDocs}) {
+  Json::Value req = SearchRequest(indice, keyword);
+  Json::Value& data = req["data"];
+  std::stringstream parts(options);
+  for (std::string part; std::getline(parts, part, ';');) {
+    const std::string name = part.substr(0, part.find('=')), value = part.substr(name.size() + 1);
+    if (name == "type") {
+      data["pre_query"]["file_type"] = value;
+    } else if (name == "op") {
+      data["default_search_op"] = value;
+    } else if (name == "from" || name == "size") {
+      data[name] = std::stoi(value);
+    } else {
+      Json::Value c;
+      c["field"] = name;
+      c["value"] = value;
+      data["pre_query"]["criteria_list"].append(c);
+    }
+  }
+  return req;
+}
+
+// An indicate request counting the hits of each of `types`, as the module
+// asks for them.
+Json::Value Indicate(const std::string& keyword, const Names& types,
+                     const Names& indice = {kDocs}) {
+  Json::Value data;
+  data["keyword"] = keyword;
+  for (const auto& i : indice) data["indice"].append(i);
+  data["criteria_list"] = data["search_weight_list"] = Json::Value(Json::arrayValue);
+  for (const auto& t : types) {
+    Json::Value q = ParseJson(R"({"query": {"default_search_op": "AND",
+                                            "filters": [{"name": "file_type"}]}})");
+    q["name"] = q["query"]["filters"][0]["data"] = t;
+    data["queries"].append(q);
+  }
+  return Request("indicate", data);
+}
+
+// The doc_id of the hit named `name` in `index`.
+Json::Value DocId(const std::string& name, const char* index = kDocs) {
+  for (const auto& h : Hits(Exchange(SearchRequest({index}, "")))) {
+    if (h["KESTMDFSName"] == name) return h["doc_id"];
+  }
+  return Json::Value();
+}
+
+Json::Value Highlight(const std::string& name, const std::string& keyword,
+                      const std::string& options = "{}", const char* index = kDocs) {
+  Json::Value data;
+  data["id"] = index;
+  data["doc_id"] = DocId(name, index);
+  data["keyword"] = keyword;
+  data["highlight"] = ParseJson(options);
+  return Request("highlight", data);
+}
+
+// The names of the hits, sorted, joined by ", ".
+std::string Joined(const std::vector<Json::Value>& reply) {
+  std::string out;
+  for (const auto& name : HitNames(reply)) out += (out.empty() ? "" : ", ") + name;
+  return out;
+}
+
+std::string Found(const Json::Value& request, const std::string& user = "root") {
+  return Joined(Exchange(request, user));
+}
+
+int ErrorCode(const std::vector<Json::Value>& reply) {
+  return reply.empty() ? -1 : reply.back()["error"]["code"].asInt();
+}
+
+class SearchDaemonTest : public ::testing::Test {
+ protected:
+  static void SetUpTestSuite() {
+    WriteFile("/etc/kest/shares.conf", kSharesConf);
+    MakeDir("/volume1/docs", "ann", 0777);
+    const std::string d = "/volume1/docs/";
+    Put(d + "report.txt", "Quarterly report about the mutex and the interrupt handler.\n", "ann",
+        0644);
+    Put(d + "notes.md", "page fault handling notes; use after free\n", "bob", 0644);
+    WriteFile(d + "photo.JPG", std::string("\xff\xd8\0\0jpeg", 8));
+    WriteFile(d + "song.mp3", std::string("ID3\0\0", 5));
+    WriteFile(d + "movie.mkv", std::string("\x1a\x45\0\0", 4));
+    WriteFile(d + "data.bin", std::string("\0\1\2", 3));
+    MakeDir(d + "projects", "ann", 0755);
+    WriteFile(d + "projects/mutex-design.c", "spinlock only here\n");
+    WriteFile(d + "projects/locks.txt", "mutex mutex mutex held\n");
+    WriteFile(d + "old.log", "ancient entry\n");
+    struct timeval times[2] = {{1000000000, 0}, {1000000000, 0}};
+    utimes((d + "old.log").c_str(), times);
+    WriteFile(d + "markup.html",
+              "<script>alert('x')</script> the needle & \"friends\" <em>here</em>\n");
+    // A long text: "needle" near the start and at the very end, markup between.
+    std::string big = "start of the needle file <tag> & more\n";
+    while (big.size() < (3u << 20)) big += "filler <b>words</b> & \"quotes\" 'single' text\n";
+    WriteFile(d + "big.txt", big + "last needle\n");
+    // Ann's private corner: a file only she may read, and a folder only she
+    // may enter holding a file anyone could read.
+    Put(d + "ann-private.txt", "zebra private mutex\n", "ann", 0600);
+    MakeDir(d + "annonly", "ann", 0700);
+    Put(d + "annonly/secret.txt", "zebra secret mutex\n", "ann", 0644);
+    WriteFile("/volume1/pub/pub.txt", "mutex in the pub share\n");
+    const std::map<std::string, std::string> lang = {
+        {"recipe.txt", "Crème brûlée with saffron; the café serves it."},
+        {"plain.txt", "creme brulee recipe, no accents"},
+        {"mueller.txt", "Herr Müller aus München"},
+        {"sao.txt", "São Paulo: a naïve plan"},
+        {"greek.txt", "Η Αθήνα είναι όμορφη"},
+        {"russian.txt", "Ёлка в Москве"},
+        {"reports.txt", "Annual reports of the cities, with analyses"},
+        {"report.txt", "one report"},
+        {"telescope.txt", "Chen's telescope points at Jupiter"},
+        {"ja.txt", "東京都に住んでいます。"},
+        {"zh.txt", "我们在北京大学学习"},
+        {"ko.txt", "서울특별시에 살아요"},
+        {"QuarterlyReport_2024-Q3.final.pdf", ""},
+        {"saffron.txt", "nothing else"},
+        {"Projects/Saffron Trials/tasting.txt", "results"},
+        {"bad\xff\xfe"
+         "bytes.txt",
+         "caf\xe9 \xc3 mixed \xe6\x9d\xb1 words"},
+    };
+    for (const auto& f : lang) WriteFile("/volume1/lang/" + f.first, f.second);
+    for (const char* share : {"docs", "pub", "lang"}) {
+      Load(std::string("/volume1/") + share, std::string("/volume1/@kestondri/index/") + share);
+    }
+    // Damaged: a database folder whose files are garbage.
+    WriteFile("/volume1/@kestondri/index/broken/iamglass", "not a database at all");
+    WriteFile("/volume1/@kestondri/index/broken/postlist.glass", "garbage");
+    daemon_ = new DaemonProcess;
+    ASSERT_TRUE(daemon_->Start());
+  }
+
+  static void TearDownTestSuite() {
+    if (daemon_) {
+      EXPECT_EQ(0, daemon_->Stop());
+    }
+    delete daemon_;
+  }
+
+  static DaemonProcess* daemon_;
+};
+
+DaemonProcess* SearchDaemonTest::daemon_ = nullptr;
+
+// What a user types finds what they mean: names, contents, types, phrases,
+// criteria; any accents and case, any form of a word, Chinese, Japanese and
+// Korean inside sentences, the words of names and of the folders above,
+// beginnings; typing in progress and bad input answer plainly. Where ranked,
+// the word as typed (and as it stands) comes first, a file's own name above
+// its folders and its text.
+TEST_F(SearchDaemonTest, FindsWhatIsMeant) {
+  const char* cases[][4] = {
+      {kDocs, "quarterly", "", "report.txt"},
+      {kDocs, "QUARTERLY Report", "", "report.txt"},
+      {kDocs, "file:notes", "", "notes.md"},
+      {kDocs, "name:design", "", "mutex-design.c"},
+      {kDocs, "ext:md", "", "notes.md"},
+      {kDocs, "content:spinlock", "", "mutex-design.c"},
+      {kDocs, "content:design", "", ""},
+      {kDocs, "\"page fault\"", "", "notes.md"},
+      {kDocs, "\"fault page\"", "", ""},
+      {kDocs, "quarter*", "", "report.txt"},
+      {kDocs, "quarterly spinlock", "", ""},
+      {kDocs, "quarterly spinlock", "op=OR", "mutex-design.c, report.txt"},
+      {kDocs, "mutex NOT held", "type=document",
+       "ann-private.txt, mutex-design.c, report.txt, secret.txt"},
+      {kDocs, "", "type=photo", "photo.JPG"},
+      {kDocs, "", "type=audio", "song.mp3"},
+      {kDocs, "", "type=video", "movie.mkv"},
+      {kDocs, "", "type=folder", "annonly, projects"},
+      {kDocs, "zzzznothing", "", ""},
+      {kDocs, "mutex", "KESTMDExtension=txt", "ann-private.txt, locks.txt, report.txt, secret.txt"},
+      {kDocs, "mutex", "KESTMDExtension=c;KESTMDExtension=.TXT",
+       "ann-private.txt, locks.txt, mutex-design.c, report.txt, secret.txt"},
+      {kDocs, "", "KESTMDFSName=notes.md", "notes.md"},
+      {kDocs, "", "KESTMDFSName=notes", ""},
+      {kDocs, "", "KESTMDPath=/volume1/docs/projects/locks.txt", "locks.txt"},
+      {kDocs, "", "KESTMDFSSize=>=1000000", "big.txt"},
+      {kDocs, "", "KESTMDFSSize=1..5", "data.bin, movie.mkv, song.mp3"},
+      {kDocs, "needle", "KESTMDFSSize=<=1000", "markup.html"},
+      {kDocs, "last", "", "big.txt"},  // the far end of a 3 MiB text is indexed
+      {kDocs, "", "KESTMDMTime=..1000000001", "old.log"},
+      {kDocs, "", "KESTMDIsDir=true", "annonly, projects"},
+      {kDocs, "", "KESTMDOwnerUserID=2002", "notes.md"},
+      {kDocs, "", "KESTMDInFolder=/volume1/docs/projects", "locks.txt, mutex-design.c, projects"},
+      {kDocs, "mutex", "KESTMDInFolder=/volume1/docs/projects/", "locks.txt, mutex-design.c"},
+      {kDocs, "", "KESTMDInFolder=/volume1/docs/proj", ""},
+      {kLang, "creme", "", "plain.txt, recipe.txt"},
+      {kLang, "cafe", "", "recipe.txt"},
+      {kLang, "muller munchen", "", "mueller.txt"},
+      {kLang, "sao naive", "", "sao.txt"},
+      {kLang, "ΑΘΗΝΑ", "", "greek.txt"},
+      {kLang, "елка москве", "", "russian.txt"},
+      {kLang, "city analysis", "", "reports.txt"},
+      {kLang, "\"reports of\"", "", "reports.txt"},
+      {kLang, "\"report of\"", "", ""},
+      {kLang, "telescopes chen", "", "telescope.txt"},
+      {kLang, "東京", "", "ja.txt"},
+      {kLang, "住んで", "", "ja.txt"},
+      {kLang, "北京", "", "zh.txt"},
+      {kLang, "서울", "", "ko.txt"},
+      {kLang, "quarterly 2024 q3 final", "", "QuarterlyReport_2024-Q3.final.pdf"},
+      {kLang, "QuarterlyReport", "", "QuarterlyReport_2024-Q3.final.pdf"},
+      {kLang, "folder:saffron", "", "tasting.txt"},
+      {kLang, "tele*", "", "telescope.txt"},
+      {kLang, "telesc*", "", "telescope.txt"},
+      {kLang, "te*", "", ""},
+      {kLang, "sérv* caf*", "", "recipe.txt"},
+      // Typing goes on: what is complete is searched.
+      {kLang, "saffron OR", "", "Saffron Trials, recipe.txt, saffron.txt, tasting.txt"},
+      {kLang, "AND", "", ""},
+      {kLang, "(saffron AND", "", "Saffron Trials, recipe.txt, saffron.txt, tasting.txt"},
+      {kLang, "\"crème brû", "", "plain.txt, recipe.txt"},
+      {kLang, "NOT", "", ""},
+      // Bad input: an answer, never a failure.
+      {kLang, "\xff\xfe bytes", "",
+       "bad\xff\xfe"
+       "bytes.txt"},
+      {kLang, "mixed words", "",
+       "bad\xff\xfe"
+       "bytes.txt"},
+      {kLang, "!?.,;: --- ///", "", ""},
+      {kLang, "Москва 東京 cafe", "", ""},
+  };
+  for (const auto& c : cases) {
+    auto reply = Exchange(Query(c[1], c[2], {c[0]}));
+    ASSERT_FALSE(reply.empty()) << c[1];
+    EXPECT_TRUE(reply.back()["success"].asBool()) << c[1] << Json::toString(reply.back());
+    EXPECT_EQ(c[3], Joined(reply)) << c[1] << " " << c[2];
+  }
+  // The word as typed (and as it stands) first, a file's own name above its
+  // folders and its text.
+  const std::pair<const char*, Names> ranked[] = {
+      {"CRÈME", {"recipe.txt", "plain.txt"}},
+      {"reports", {"reports.txt", "report.txt", "QuarterlyReport_2024-Q3.final.pdf"}},
+      {"saffron", {"saffron.txt", "Saffron Trials"}},
+      {"trials", {"Saffron Trials", "tasting.txt"}},
+  };
+  for (const auto& c : ranked) {
+    Names got;
+    for (const auto& h : Hits(Exchange(Query(c.first, "", {kLang})))) {
+      if (got.size() < c.second.size()) got.push_back(h["KESTMDFSName"].asString());
+    }
+    EXPECT_EQ(c.second, got) << c.first;
+  }
+
+  // Weights of the name and the text decide which ranks first.
+  const std::pair<const char*, const char*> weights[] = {{"10, 0.1", "mutex-design.c"},
+                                                         {"0, 10", "locks.txt"}};
+  for (const auto& w : weights) {
+    Json::Value req = Query("mutex",
+                            "size=1;KESTMDPath=/volume1/docs/projects/locks.txt;"
+                            "KESTMDPath=/volume1/docs/projects/mutex-design.c");
+    const Json::Value both = ParseJson(std::string("[") + w.first + "]");
+    Json::Value& list = req["data"]["pre_query"]["search_weight_list"] =
+        ParseJson(R"([{"field": "KESTMDFSName"}, {"field": "KESTMDTextContent"}])");
+    list[0]["weight"] = both[0];
+    list[1]["weight"] = both[1];
+    EXPECT_EQ(w.second, Found(req)) << w.first;
+  }
+}
+
+// Fragments, from the search's hits or the highlight command: marks fall on
+// the words as they stand in the text or the name, the rest is escaped, and
+// a huge document gives its few short fragments from its stored head.
+TEST_F(SearchDaemonTest, FragmentsMarkTheWordsAndEscapeTheRest) {
+  const char kText[] = R"({"field": "KESTMDTextContent"})";
+  const struct {
+    const char* index;
+    const char* keyword;
+    const char* highlight;
+    const char* fragment;
+  } marks[] = {
+      {kLang, "creme", kText, "<em>creme</em> brulee recipe"},
+      {kLang, "cafe saffron", kText, "with <em>saffron</em>; the <em>café</em> serves"},
+      {kLang, "telescopes chen", kText, "<em>Chen</em>&#39;s <em>telescope</em> points at"},
+      {kLang, "tele*", kText, "Chen&#39;s <em>telescope</em> points at Jupiter"},
+      {kLang, "東京", kText, "<em>東京</em>都に住んでいます。"},
+      {kLang, "cities analysis", kText,
+       "Annual reports of the <em>cities</em>, with <em>analyses</em>"},
+      {kLang, "q3 report", R"({"field": "KESTMDFSName"})",
+       "Quarterly<em>Report</em>_2024-<em>Q3</em>.final.pdf"},
+      {kDocs, "interrupt",
+       R"({"field": "KESTMDTextContent", "frag_length": 50, "num_fragments": 2})",
+       "the <em>interrupt</em> handler"},
+  };
+  for (const auto& m : marks) {
+    Json::Value req = Query(m.keyword, "", {m.index});
+    req["data"]["highlight"].append(ParseJson(m.highlight));
+    auto hits = Hits(Exchange(req));
+    ASSERT_FALSE(hits.empty()) << m.keyword;
+    const Json::Value& frags =
+        hits[0]["highlight"][req["data"]["highlight"][0]["field"].asString()];
+    ASSERT_EQ(1u, frags.size()) << m.keyword << Json::toString(hits[0]);
+    EXPECT_NE(std::string::npos, frags[0].asString().find(m.fragment))
+        << m.keyword << ": " << frags[0].asString();
+  }
+
+  auto reply = Exchange(Highlight("markup.html", "needle friends",
+                                  R"({"field": "KESTMDTextContent", "frag_length": 200})"));
+  ASSERT_EQ(1u, reply.size());
+  EXPECT_EQ(
+      "[\"&lt;script&gt;alert(&#39;x&#39;)&lt;/script&gt; the <em>needle</em> &amp; "
+      "&quot;<em>friends</em>&quot; &lt;em&gt;here&lt;/em&gt;\\n\"]",
+      Json::toString(reply[0]["data"]["KESTMDTextContent"]));
+  reply = Exchange(Highlight("big.txt", "filler", R"({"frag_length": 60, "num_fragments": 4})"));
+  ASSERT_EQ(1u, reply.size());
+  const Json::Value& frags = reply[0]["data"]["KESTMDTextContent"];
+  ASSERT_EQ(4u, frags.size());
+  for (const auto& f : frags) {
+    EXPECT_NE(std::string::npos, f.asString().find("<em>filler</em>"));
+    EXPECT_EQ(std::string::npos, f.asString().find("<b>"));
+    EXPECT_LT(f.asString().size(), 200u);
+  }
+}
+
+// A reply is the count, the hits, then the end. Every field a hit carries is
+// read back against the file itself, for files and folders of two indices
+// searched together, so that hits of both shards in one page take their
+// values from the right document; pages tile the whole result.
+TEST_F(SearchDaemonTest, HitsCarryTheFieldsOfTheirFilesInCountedPages) {
+  Json::Value req = Query("", "", {kDocs, kPub});
+  req["data"]["load_field"] = ParseJson(R"(["KESTMDFSName", "KESTMDExtension", "KESTMDIsDir",
+      "KESTMDFSSize", "KESTMDMTime", "KESTMDTextContent", "KESTMDNoSuchField"])");
+  const auto reply = Exchange(req);
+  ASSERT_GT(reply.size(), 12u);
+  EXPECT_EQ(Json::Value::Members{"total"}, reply.front().getMemberNames());
+  EXPECT_EQ(reply.size() - 2, reply.front()["total"].asUInt());
+  EXPECT_EQ("{\"success\":true}", Json::toString(reply.back()));
+  // Without "fields", the module's "load_field" that exist and the date.
+  const Json::Value::Members members = {"KESTMDExtension", "KESTMDFSName", "KESTMDFSSize",
+                                        "KESTMDIsDir",     "KESTMDMTime",  "KESTMDOwnerUserID",
+                                        "KESTMDPath",      "_id",          "_index",
+                                        "_score",          "doc_id"};
+  std::map<std::string, Json::Value> by_path;
+  Names ids;
+  for (const auto& h : Hits(reply)) {
+    EXPECT_EQ(members, h.getMemberNames());
+    EXPECT_TRUE(h["_score"].isDouble() && h["doc_id"].isIntegral()) << Json::toString(h);
+    by_path[h["KESTMDPath"].asString()] = h;
+    ids.push_back(h["_id"].asString());
+  }
+  for (const std::string path : {"/volume1/docs/notes.md", "/volume1/docs/old.log",
+                                 "/volume1/docs/big.txt", "/volume1/docs/projects",
+                                 "/volume1/docs/projects/mutex-design.c", "/volume1/pub/pub.txt"}) {
+    struct stat st;
+    ASSERT_EQ(0, lstat(path.c_str(), &st));
+    const std::string name = path.substr(path.rfind('/') + 1);
+    Json::Value want = by_path[path];
+    want["KESTMDFSName"] = name;
+    want["KESTMDExtension"] =
+        name.find('.') == std::string::npos ? "" : name.substr(name.find('.') + 1);
+    want["KESTMDIsDir"] = static_cast<bool>(S_ISDIR(st.st_mode));
+    if (!S_ISDIR(st.st_mode)) want["KESTMDFSSize"] = static_cast<Json::UInt64>(st.st_size);
+    want["KESTMDMTime"] = static_cast<Json::Int64>(st.st_mtime);
+    want["KESTMDOwnerUserID"] = std::to_string(st.st_uid);
+    want["_index"] = path.rfind("/volume1/pub/", 0) == 0 ? kPub : kDocs;
+    EXPECT_EQ(Json::toString(want), Json::toString(by_path[path]));
+  }
+  // The client's "fields" decide, besides what every hit has.
+  req = Query("quarterly");
+  req["data"]["fields"] = ParseJson(R"(["KESTMDMTime", "KESTMDFSName", "KESTMDBogus"])");
+  auto hits = Hits(Exchange(req));
+  ASSERT_EQ(1u, hits.size());
+  EXPECT_EQ((Json::Value::Members{"KESTMDFSName", "KESTMDMTime", "KESTMDOwnerUserID", "KESTMDPath",
+                                  "_id", "_index", "_score", "doc_id"}),
+            hits[0].getMemberNames());
+
+  Names paged;
+  for (size_t from = 0; from < ids.size() + 3; from += 3) {
+    auto page = Exchange(SearchRequest({kDocs, kPub}, "", from, 3));
+    EXPECT_EQ(ids.size(), page.front()["total"].asUInt());
+    for (const auto& h : Hits(page)) paged.push_back(h["_id"].asString());
+  }
+  EXPECT_EQ(ids, paged);
+  EXPECT_EQ(ids.size(), std::set<std::string>(ids.begin(), ids.end()).size());
+  const auto none = Exchange(Query("zzzznothing"));
+  ASSERT_EQ(2u, none.size());
+  EXPECT_EQ("{\"total\":0}{\"success\":true}", Json::toString(none[0]) + Json::toString(none[1]));
+}
+
+TEST_F(SearchDaemonTest, IndicateCountsEqualTheHitsOfEachType) {
+  const Names types = {"document", "photo", "video", "audio", "folder", "other", "all"};
+  auto reply = Exchange(Indicate("", types, {kDocs, kPub}));
+  ASSERT_EQ(1u, reply.size());
+  ASSERT_TRUE(reply[0]["success"].asBool());
+  for (const auto& t : types) {
+    const size_t hits = Hits(Exchange(Query("", "size=1000;type=" + t, {kDocs, kPub}))).size();
+    EXPECT_EQ(hits, reply[0]["data"][t].asUInt()) << t;
+    EXPECT_GT(hits, 0u) << t;
+  }
+}
+
+// One indicate may not buy minutes of the daemon's time: repeats of a query
+// are matched once and count the same, and a list longer than any client
+// asks for is refused with its own code.
+TEST_F(SearchDaemonTest, IndicateMatchesRepeatsOnceAndRefusesHugeLists) {
+  const Names types = {"document", "folder", "all", "photo"};
+  const Json::Value counts = Exchange(Indicate("mutex", types), "bob")[0]["data"];
+  ASSERT_GT(counts["document"].asInt(), 0) << Json::toString(counts);
+  // The most a request may hold: the same few queries under many names,
+  // with repeated filters and their operator spelled in two ways.
+  Json::Value repeats = Indicate("mutex", {});
+  for (int i = 0; i < 64; ++i) {
+    Json::Value q = Indicate("", {types[i % 4]})["data"]["queries"][0];
+    for (int k = 1; k <= i % 3; ++k) q["query"]["filters"].append(q["query"]["filters"][0]);
+    q["query"]["default_search_op"] = i % 2 ? "AND" : "and";
+    q["name"] = "q" + std::to_string(i);
+    repeats["data"]["queries"].append(q);
+  }
+  auto reply = Exchange(repeats, "bob");
+  ASSERT_EQ(1u, reply.size());
+  EXPECT_TRUE(reply[0]["success"].asBool()) << Json::toString(reply[0]);
+  for (int i = 0; i < 64; ++i) {
+    EXPECT_EQ(counts[types[i % 4]], reply[0]["data"]["q" + std::to_string(i)]) << i;
+  }
+  Json::Value huge = repeats;
+  for (int i = 64; i < 4000; ++i)
+    huge["data"]["queries"].append(repeats["data"]["queries"][i % 64]);
+  reply = Exchange(huge, "bob");
+  ASSERT_EQ(1u, reply.size());
+  EXPECT_EQ(1006, ErrorCode(reply));
+  EXPECT_NE(std::string::npos, reply[0]["error"]["msg"].asString().find("4000"));
+  EXPECT_EQ(Json::Value(Json::objectValue), reply[0]["data"]);
+}
+
+TEST_F(SearchDaemonTest, PrivateFilesStayInvisibleToOtherUsers) {
+  const Json::Value zebra = Query("zebra");
+  // The request carries no permission filter: the peer's uid decides.
+  auto bob = Exchange(zebra, "bob");
+  ASSERT_EQ(2u, bob.size());
+  EXPECT_EQ(0, bob[0]["total"].asInt());
+  auto ann = Exchange(zebra, "ann");
+  EXPECT_EQ("ann-private.txt, secret.txt", Joined(ann));
+  EXPECT_EQ(2, ann[0]["total"].asInt());
+  // A forged filter for root does not help a user who is not root; root
+  // asking on bob's behalf gets bob's view.
+  Json::Value forged = zebra, for_bob = zebra;
+  forged["data"]["filters"] = ParseJson(R"([{"name": "permission", "data": 0}])");
+  EXPECT_EQ("", Found(forged, "dave"));
+  for_bob["data"]["filters"] = ParseJson(R"([{"name": "permission", "data": 2002}])");
+  EXPECT_EQ("", Found(for_bob));
+  EXPECT_EQ("ann-private.txt, secret.txt", Found(zebra));
+
+  // No snippet either, and the same answer as for a document that is not there.
+  Json::Value hl = Highlight("ann-private.txt", "zebra");
+  auto denied = Exchange(hl, "bob");
+  ASSERT_EQ(1u, denied.size());
+  EXPECT_EQ(1003, ErrorCode(denied));
+  EXPECT_EQ(std::string::npos, Json::toString(denied[0]).find("zebra"));
+  // Root asking on bob's behalf (the web API does) gets bob's answer.
+  Json::Value hl_for_bob = hl;
+  hl_for_bob["data"]["filters"] = for_bob["data"]["filters"];
+  EXPECT_EQ(Json::toString(denied[0]), Json::toString(Exchange(hl_for_bob)[0]));
+  hl["data"]["doc_id"] = 99999;
+  EXPECT_EQ(Json::toString(denied[0]), Json::toString(Exchange(hl, "bob")[0]));
+  // Nor a count.
+  EXPECT_EQ(0, Exchange(Indicate("zebra", {"document"}), "bob")[0]["data"]["document"].asInt());
+  EXPECT_EQ(2, Exchange(Indicate("zebra", {"document"}), "ann")[0]["data"]["document"].asInt());
+}
+
+TEST_F(SearchDaemonTest, ModeAndAclChangesAreSeenAtOnce) {
+  const Json::Value zebra = Query("zebra");
+  const std::string file = "/volume1/docs/ann-private.txt";
+  ASSERT_EQ("", Found(zebra, "bob"));
+  // A chmod moves the file's change time: granted once the indexer (told
+  // by inotify) rewrote its document, taken back at once.
+  ASSERT_EQ(0, chmod(file.c_str(), 0644));
+  IndexFile(file, "zebra private mutex\n");
+  EXPECT_EQ("ann-private.txt", Found(zebra, "bob"));
+  ASSERT_EQ(0, chmod(file.c_str(), 0600));
+  EXPECT_EQ("", Found(zebra, "bob"));
+  IndexFile(file, "zebra private mutex\n");
+  // An ACL entry for the staff group opens the folder to bob, not to dave.
+  Shell("setfacl -m g:staff:rx /volume1/docs/annonly");
+  EXPECT_EQ("secret.txt", Found(zebra, "bob"));
+  EXPECT_EQ("", Found(zebra, "dave"));
+  Shell("setfacl -b /volume1/docs/annonly");
+  EXPECT_EQ("", Found(zebra, "bob"));
+}
+
+// Bob may rename and remove in a group folder (2770, no sticky bit): what
+// he puts under the name of Ann's private file never shows him the text
+// indexed from hers, not even before the indexer catches up.
+TEST_F(SearchDaemonTest, IndexedTextStaysWithTheFileItCameFrom) {
+  const std::string dir = "/volume1/docs/team", plan = dir + "/plan.txt";
+  mkdir(dir.c_str(), 0);
+  ASSERT_EQ(0, chown(dir.c_str(), 0, kStaffGid));
+  ASSERT_EQ(0, chmod(dir.c_str(), 02770));
+  const Json::Value all = ParseJson(R"({"command": "indicate", "data": {"keyword": "walrus",
+      "indice": ["fileindex_docs"], "queries": [{"name": "all", "query": {}}]}})");
+  for (const char* attack :
+       {"echo mine > own && mv own plan.txt", "rm plan.txt && echo mine > plan.txt",
+        "rm plan.txt && echo mine > own && ln -s own plan.txt"}) {
+    SCOPED_TRACE(attack);
+    Shell("rm -f " + dir + "/*");
+    Put(plan, "walrus migration plan\n", "ann", 0600);
+    IndexFile(plan, "walrus migration plan\n");
+    ASSERT_EQ("plan.txt", Found(Query("walrus"), "ann"));
+    const Json::Value hl = Highlight("plan.txt", "walrus");
+    Shell("setpriv --reuid=bob --regid=bob --init-groups sh -c 'cd " + dir + " && " + attack + "'");
+    auto reply = Exchange(Query("walrus"), "bob");
+    ASSERT_FALSE(reply.empty());
+    EXPECT_EQ(0, reply[0]["total"].asInt());
+    EXPECT_EQ("", Joined(reply));
+    EXPECT_EQ(0, Exchange(all, "bob")[0]["data"]["all"].asInt());
+    EXPECT_EQ(1003, ErrorCode(Exchange(hl, "bob")));
+  }
+  Unindex(plan);
+  Shell("rm -rf " + dir);
+}
+
+// A user's scores and wildcards come out the same whatever the files they
+// cannot read hold: Dave's private file repeats Ann's word and holds more
+// words of her stem than the administrators' expansion limit.
+TEST_F(SearchDaemonTest, ScoresAndWildcardsIgnoreFilesTheUserCannotRead) {
+  const std::string mine = "/volume1/docs/quokka-notes.txt", theirs = "/volume1/docs/dq.txt";
+  Put(mine, "quokka sightings\n", "ann", 0600);
+  IndexFile(mine, "quokka sightings\n");
+  auto score = [] {
+    auto hits = Hits(Exchange(Query("quokka"), "ann"));
+    return hits.size() == 1 ? hits[0]["_score"].asDouble() : -1.0;
+  };
+  const double alone = score();
+  EXPECT_GT(alone, 0);
+  std::string text = "quokka quokka quokka\n";
+  for (int i = 0; i <= static_cast<int>(kestondri::daemon::kMaxBeginningWords); ++i) {
+    text += "quokk" + std::to_string(i) + " ";
+  }
+  Put(theirs, text, "dave", 0600);
+  IndexFile(theirs, text);
+  EXPECT_EQ(alone, score());
+  const std::pair<const char*, const char*> cases[] = {
+      {"quokk*", "quokka-notes.txt"},
+      {"sightings quokk*", "quokka-notes.txt"},
+      {"quokk* OR pub", "pub.txt, quokka-notes.txt"},
+      {"content:quok* sightings", "quokka-notes.txt"},
+      {"qu*", ""},  // too short a beginning is the word itself, whatever the index holds
+  };
+  for (const auto& c : cases) {
+    // Two indices: each runs the exact beginning search on its own.
+    auto reply = Exchange(Query(c.first, "", {kPub, kDocs}), "ann");
+    EXPECT_EQ(0, ErrorCode(reply)) << c.first;
+    EXPECT_EQ(c.second, Joined(reply)) << c.first;
+  }
+  EXPECT_EQ(1, Exchange(Indicate("quokk*", {"all"}), "ann")[0]["data"]["all"].asInt());
+  Unindex(mine);
+  Unindex(theirs);
+}
+
+// Over the socket a user gets no more of a share than the web API would
+// give them: nothing of one that refuses them, only their own home in
+// "homes", whatever the files' modes.
+TEST_F(SearchDaemonTest, ShareRulesHoldOverTheSocket) {
+  MakeDir("/volume1/homes", "ann", 0755);
+  for (const char* user : {"ann", "bob"}) {
+    const std::string home = std::string("/volume1/homes/") + user;
+    MakeDir(home, user, 0755);
+    Put(home + "/" + user + "-note.txt", "wombat\n", user, 0644);
+  }
+  Load("/volume1/homes", "/volume1/@kestondri/index/homes");
+  std::string conf = kSharesConf;
+  conf.replace(conf.find("[docs]"), 0,
+               "user home = yes\n[homes]\npath = /volume1/homes\nread list = carol\n");
+  conf.replace(conf.find("[broken]"), 0, "read list = ann, bob\ninvalid users = bob\n");
+  WriteFile("/etc/kest/shares.conf", conf);
+  const char* cases[][4] = {
+      {"ann", kPub, "mutex", "pub.txt"},
+      {"bob", kPub, "mutex", ""},  // invalid users wins over the read list
+      {"dave", kPub, "mutex", ""},
+      {"carol", kPub, "mutex", "pub.txt"},  // administrators see every share
+      {"ann", "fileindex_homes", "wombat", "ann-note.txt"},
+      {"bob", "fileindex_homes", "wombat", "bob-note.txt"},
+      {"dave", "fileindex_homes", "wombat", ""},
+      {"carol", "fileindex_homes", "wombat", "ann-note.txt, bob-note.txt"},
+  };
+  for (const auto& c : cases) {
+    auto reply = Exchange(Query(c[2], "", {c[1]}), c[0]);
+    EXPECT_EQ(c[3], Joined(reply)) << c[0] << " " << c[1];
+    ASSERT_FALSE(reply.empty());
+    EXPECT_EQ(Hits(reply).size(), reply[0]["total"].asUInt());
+  }
+  const Json::Value hl = Highlight("pub.txt", "mutex", "{}", kPub);
+  EXPECT_EQ(1003, ErrorCode(Exchange(hl, "dave")));
+  EXPECT_TRUE(Exchange(hl, "ann")[0]["success"].asBool());
+  WriteFile("/etc/kest/shares.conf", kSharesConf);
+}
+
+TEST_F(SearchDaemonTest, DamagedAndMissingIndicesAreReportedAndSkipped) {
+  auto reply = Exchange(Query("quarterly", "", {kBroken, "fileindex_nosuch", kDocs}));
+  EXPECT_EQ("report.txt", Joined(reply));
+  EXPECT_TRUE(reply.back()["success"].asBool());
+  // Searching a damaged index alone is an empty answer, not a failure.
+  EXPECT_EQ(2u, Exchange(Query("quarterly", "", {kBroken})).size());
+
+  WriteFile("/volume1/@kestondri/index/pub.checking", "");
+  auto status = Exchange(Request("list_db_status", Json::Value(Json::objectValue)));
+  unlink("/volume1/@kestondri/index/pub.checking");
+  ASSERT_EQ(1u, status.size());
+  EXPECT_TRUE(status[0]["success"].asBool());
+  EXPECT_EQ("[\"fileindex_broken\"]", Json::toString(status[0]["data"]["crashed"]));
+  EXPECT_EQ("[\"fileindex_pub\"]", Json::toString(status[0]["data"]["checking"]));
+  // A share that was never indexed ("far" here, until the remote test) is
+  // not reported; an index a search asked for and did not find is.
+  const std::string unknown = Json::toString(status[0]["data"]["unknown"]);
+  EXPECT_NE(std::string::npos, unknown.find("\"fileindex_nosuch\"")) << unknown;
+  EXPECT_EQ(std::string::npos, unknown.find(kDocs)) << unknown;
+}
+
+TEST_F(SearchDaemonTest, MalformedRequestsGetErrorsAndServiceGoesOn) {
+  std::string many;
+  for (int i = 0; i < 10000; ++i) many += "word" + std::to_string(i) + " ";
+  const std::pair<std::string, int> cases[] = {
+      {Json::toString(Query(many)), 1001},
+      {Json::toString(Query("mutex", "KESTMDFSSize=big")), 1002},
+      {Json::toString(Query("mutex", "KESTMDInFolder=relative/path")), 1002},
+      {Json::toString(Query("mutex", "KESTMDFSSize=3..x")), 1002},
+      {Json::toString(Query("mutex", "NoSuchField=1")), 1002},
+      {Json::toString(Query("mutex", "type=spreadsheets")), 1002},
+      {Json::toString(Query("", "from=-1")), 1002},
+      {"not json", 1002},
+      {"[1,2]", 1002},
+      {"{}", 1002},
+      {R"({"command": 7})", 1002},
+      {R"({"command": "search", "data": []})", 1002},
+      {R"({"command": "search", "data": {"indice": "fileindex_docs"}})", 1002},
+      {R"({"command": "search", "data": {"indice": [], "from": "x"}})", 1002},
+      {R"({"command": "highlight", "data": {"id": "fileindex_docs", "doc_id": 1, "highlight": 5}})",
+       1002},
+      {R"({"command": "drop_everything", "data": {}})", 1000},
+      {"", 1002},
+  };
+  for (const auto& c : cases) {
+    auto reply = ExchangeRaw(Frame(c.first));
+    ASSERT_EQ(1u, reply.size()) << c.first.substr(0, 80);
+    EXPECT_FALSE(reply[0]["success"].asBool()) << c.first.substr(0, 80);
+    EXPECT_EQ(c.second, ErrorCode(reply)) << c.first.substr(0, 80);
+    EXPECT_TRUE(reply[0]["error"]["msg"].isString());
+  }
+  // A lying length prefix and a frame cut short only cost their own
+  // connection.
+  EXPECT_TRUE(ExchangeRaw(std::string("\x7f\xff\xff\xff", 4)).empty());
+  EXPECT_TRUE(ExchangeRaw(Frame("{\"command\":\"search\"}").substr(0, 10)).empty());
+  // Two requests on one connection are answered in turn.
+  kestdaemon::DomainSockConnection conn(kDaemonSocket);
+  ASSERT_TRUE(conn.Connect(10));
+  std::string text;
+  ASSERT_TRUE(conn.Send("nonsense") && conn.Recv(text));
+  ASSERT_TRUE(conn.Send(Json::toString(Request("list_db_status", Json::Value()))));
+  ASSERT_TRUE(conn.Recv(text));
+  EXPECT_NE(std::string::npos, text.find("\"crashed\""));
+  EXPECT_EQ("report.txt", Found(Query("quarterly")));
+}
+
+double SecondsSince(std::chrono::steady_clock::time_point start) {
+  return std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
+}
+
+// Fifty clients at once are all served, while twenty more stay silent. What
+// one local user can leave half done on the socket, 160 times over, holds
+// no worker: another user's search answers at once, the refusals are
+// logged, and the user is served again once his connections are gone.
+TEST_F(SearchDaemonTest, ManyAndStalledClientsHoldNobodyUp) {
+  const std::string expected = Found(Query("mutex", "", {kDocs, kPub}));
+  ASSERT_EQ(6, std::count(expected.begin(), expected.end(), ',') + 1) << expected;
+  std::vector<std::unique_ptr<kestdaemon::DomainSockConnection>> idle;
+  for (int i = 0; i < 20; ++i) {
+    idle.push_back(std::make_unique<kestdaemon::DomainSockConnection>(kDaemonSocket));
+    ASSERT_TRUE(idle.back()->Connect(10));
+  }
+  std::atomic<int> good{0};
+  std::vector<std::thread> clients;
+  for (int i = 0; i < 50; ++i) {
+    clients.emplace_back([&, i] {
+      auto reply = Exchange(Query(i % 2 ? "mutex" : "MUTEX", "", {kDocs, kPub}));
+      if (Joined(reply) == expected && reply.back()["success"].asBool()) ++good;
+    });
+  }
+  for (auto& t : clients) t.join();
+  EXPECT_EQ(50, good.load());
+  idle.clear();
+
+  const std::string search = Frame(Json::toString(Query("zebra")));
+  SyslogCapture::Instance().Clear();
+  for (const auto& bytes : {std::string(1, '\0'), search.substr(0, search.size() / 2),
+                            std::string("\x04\0\0\0", 4) /* 64 MiB announced, none sent */}) {
+    const pid_t bob = HoldConnectionsAs("bob", 160, bytes);
+    ASSERT_GT(bob, 0);
+    const auto start = std::chrono::steady_clock::now();
+    auto ann = Exchange(Query("zebra"), "ann");
+    EXPECT_LT(SecondsSince(start), 5.0);
+    EXPECT_EQ("ann-private.txt, secret.txt", Joined(ann));
+    kill(bob, SIGKILL);
+    waitpid(bob, nullptr, 0);
+  }
+  EXPECT_TRUE(SyslogCapture::Instance().WaitFor("refused a connection of uid 2002"));
+  std::string again;
+  for (int i = 0; i < 250 && again.empty(); ++i) {
+    again = Found(Query("quarterly"), "bob");
+    if (again.empty()) usleep(20000);
+  }
+  EXPECT_EQ("report.txt", again);
+}
+
+// Clients that leave requests and replies half done, some of them killed
+// and some still there: SIGTERM ends the daemon at once, and in order.
+TEST_F(SearchDaemonTest, StopsAtOnceWhateverClientsLeftHalfDone) {
+  const std::string sock = "/run/stopping.sock";
+  DaemonProcess daemon;
+  ASSERT_TRUE(daemon.Start(
+      {"--socket", sock, "--workers", "4", "--index", std::string(kDocs) + "=" + kDocsDb}, sock));
+  // A reply far larger than the socket's buffers: long query names.
+  Json::Value big = Indicate("mutex", {"all", "all", "all", "all"});
+  for (char c = 'a'; c < 'e'; ++c)
+    big["data"]["queries"][c - 'a']["name"] = std::string(1 << 18, c);
+  const std::string search = Frame(Json::toString(Query("mutex")));
+  std::vector<pid_t> killed, alive;
+  for (const auto& bytes :
+       {std::string(1, '\0'), search.substr(0, 20), Frame(Json::toString(big))}) {
+    killed.push_back(HoldConnectionsAs("root", 8, bytes, sock));
+    alive.push_back(HoldConnectionsAs("root", 8, bytes, sock));
+  }
+  for (pid_t p : killed) kill(p, SIGKILL), waitpid(p, nullptr, 0);
+  usleep(200000);
+  const auto start = std::chrono::steady_clock::now();
+  const int status = daemon.Stop();
+  EXPECT_LT(SecondsSince(start), 3.0);
+  EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << status;
+  EXPECT_NE(0, access(sock.c_str(), F_OK)) << "its own socket file goes with it";
+  for (pid_t p : alive) kill(p, SIGKILL), waitpid(p, nullptr, 0);
+}
+
+// The socket file: a dead one is replaced, a live one (another daemon's)
+// never taken over, one that is not a socket never removed; at exit the
+// daemon leaves a file it did not make.
+TEST_F(SearchDaemonTest, NeverTakesOverAnotherDaemonsSocket) {
+  const std::string sock = "/run/taken.sock";
+  const std::vector<std::string> args = {"--socket", sock, "--index",
+                                         std::string(kDocs) + "=" + kDocsDb};
+  BindDeadSocket(sock);
+  DaemonProcess first;
+  ASSERT_TRUE(first.Start(args, sock));
+  struct stat st;
+  ASSERT_EQ(0, stat(sock.c_str(), &st));
+  EXPECT_EQ(0666u, st.st_mode & 0777) << "every user may connect";
+
+  // A second daemon on the same path says why and leaves; the first answers.
+  std::string command = std::string(KEST_BINARY_DIR) + "/daemon/kestelasticd";
+  for (const auto& a : args) command += " " + a;
+  FILE* second = popen((command + " 2>&1").c_str(), "r");
+  ASSERT_NE(nullptr, second);
+  std::string said;
+  char buffer[256];
+  while (fgets(buffer, sizeof(buffer), second)) said += buffer;
+  const int status = pclose(second);
+  EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 1) << status;
+  EXPECT_NE(std::string::npos, said.find("another daemon answers on /run/taken.sock")) << said;
+  EXPECT_TRUE(kestdaemon::DomainSockConnection(sock).Connect(5));
+
+  // Once the path names another socket file, the first leaves it be.
+  BindDeadSocket(sock);
+  EXPECT_EQ(0, first.Stop());
+  EXPECT_EQ(0, access(sock.c_str(), F_OK));
+  unlink(sock.c_str());
+  WriteFile(sock, "precious");
+  DaemonProcess third;
+  EXPECT_FALSE(third.Start(args, sock));
+  const int refused = third.Stop();
+  EXPECT_TRUE(WIFEXITED(refused) && WEXITSTATUS(refused) == 1) << refused;
+  EXPECT_EQ("precious", ReadFile(sock));
+  unlink(sock.c_str());
+}
+
+TEST_F(SearchDaemonTest, ReadersSeeWhatTheIndexerCommits) {
+  const Json::Value req = Query("freshword", "", {kPub});
+  const std::string db = "/volume1/@kestondri/index/pub", other = db + ".other";
+  EXPECT_EQ("", Found(req));
+  WriteFile("/volume1/pub/fresh.txt", "a freshword appears\n");
+  kestondri::index::FileRecord r;
+  r.path = "/volume1/pub/fresh.txt";
+  r.name = "fresh.txt";
+  r.extension = "txt";
+  r.text = "a freshword appears\n";
+  Xapian::WritableDatabase w(db);
+  w.replace_document(kestondri::index::UniqueTerm(r.path), kestondri::index::MakeDocument(r));
+  w.commit();
+  w.close();
+  // Every worker must notice, whichever serves the request.
+  for (int i = 0; i < 20; ++i) EXPECT_EQ("fresh.txt", Found(req));
+  // A document that does not say which file it came from is shown to
+  // nobody filtered, though anyone may read the file.
+  EXPECT_EQ("", Found(req, "bob"));
+
+  // A database put in place of another (the indexer's rebuilds and
+  // compactions exchange the folders) is read anew by every worker.
+  WriteFile("/volume1/pub/exchanged.txt", "a swapword\n");
+  Load("/volume1/pub", other);
+  ASSERT_EQ(0, renameat2(AT_FDCWD, other.c_str(), AT_FDCWD, db.c_str(), RENAME_EXCHANGE));
+  for (int i = 0; i < 20; ++i) {
+    EXPECT_EQ("exchanged.txt", Found(Query("swapword", "", {kPub})));
+  }
+  Shell("rm -rf " + other);
+}
+
+TEST_F(SearchDaemonTest, SearchesARemoteIndexTogetherWithLocalOnes) {
+  Put("/volume2/far/remote.txt", "faraway mutex lives here\n", "ann", 0600);
+  Load("/volume2/far", "/volume2/remote-db");
+  // Its own process group: xapian-tcpsrv signals its whole group when told
+  // to stop.
+  ChildProcess server;
+  server.Run({"xapian-tcpsrv", "--quiet", "--interface", "127.0.0.1", "--port", "39411",
+              "/volume2/remote-db"},
+             false, true);
+  // Wait until the server listens, so the daemon's first attempt succeeds.
+  bool listening = false;
+  for (int i = 0; i < 500 && !listening; ++i) {
+    const int fd = socket(AF_INET, SOCK_STREAM, 0);
+    sockaddr_in addr{};
+    addr.sin_family = AF_INET;
+    addr.sin_port = htons(39411);
+    addr.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    listening = connect(fd, reinterpret_cast<sockaddr*>(&addr), sizeof addr) == 0;
+    close(fd);
+    if (!listening) usleep(10000);
+  }
+  ASSERT_TRUE(listening);
+  // The share's index path holds a stub naming the remote server.
+  WriteFile("/volume2/@kestondri/index/far", "remote 127.0.0.1:39411\n");
+  const Json::Value both = Query("faraway OR quarterly", "", {kDocs, "fileindex_far"});
+  std::string got;
+  for (int i = 0; i < 200 && got != "remote.txt, report.txt"; ++i) {
+    got = Found(both);
+    if (got != "remote.txt, report.txt") usleep(20000);
+  }
+  EXPECT_EQ("remote.txt, report.txt", got);
+  auto hits = Hits(Exchange(Query("faraway", "", {kDocs, "fileindex_far"})));
+  ASSERT_EQ(1u, hits.size());
+  EXPECT_EQ("fileindex_far", hits[0]["_index"].asString());
+  // Permission filtering holds for remote hits too: the file is ann's alone.
+  EXPECT_EQ("", Found(Query("faraway", "", {"fileindex_far"}), "bob"));
+  EXPECT_EQ("remote.txt", Found(Query("faraway", "", {"fileindex_far"}), "ann"));
+  server.Stop();
+
+  // With its server gone the remote index is unknown; the local ones answer.
+  EXPECT_EQ("report.txt", Found(both));
+  auto status = Exchange(Request("list_db_status", Json::Value(Json::objectValue)));
+  ASSERT_EQ(1u, status.size());
+  EXPECT_NE(std::string::npos,
+            Json::toString(status[0]["data"]["unknown"]).find("\"fileindex_far\""));
+  unlink("/volume2/@kestondri/index/far");
+}
+
+}  // namespace
+}  // namespace kesttest
