@@ -409,6 +409,8 @@ TEST_F(SearchDaemonTest, FindsWhatIsMeant) {
       {kDocs, "quarterly spinlock", "op=OR", "mutex-design.c, report.txt"},
       {kDocs, "mutex NOT held", "type=document",
        "ann-private.txt, mutex-design.c, report.txt, secret.txt"},
+      {kDocs, "mutex AND NOT held", "type=document",
+       "ann-private.txt, mutex-design.c, report.txt, secret.txt"},
       {kDocs, "", "type=photo", "photo.JPG"},
       {kDocs, "", "type=audio", "song.mp3"},
       {kDocs, "", "type=video", "movie.mkv"},
