@@ -200,13 +200,13 @@ std::string ContentDisposition(const std::string& name, bool as_attachment) {
 ByteRange ParseRange(const std::string& header, uint64_t size) {
   ByteRange range;
   if (header.size() < 7 || strncasecmp(header.c_str(), "bytes=", 6) != 0) return range;
-  std::string spec = header.substr(6);
-  while (!spec.empty() && spec.front() == ' ') spec.erase(0, 1);
-  while (!spec.empty() && spec.back() == ' ') spec.pop_back();
-  const size_t dash = spec.find('-');
-  if (dash == std::string::npos || spec.find(',') != std::string::npos) return range;
-  const std::string first_text = spec.substr(0, dash);
-  const std::string last_text = spec.substr(dash + 1);
+  std::string ranges = header.substr(6);
+  while (!ranges.empty() && ranges.front() == ' ') ranges.erase(0, 1);
+  while (!ranges.empty() && ranges.back() == ' ') ranges.pop_back();
+  const size_t dash = ranges.find('-');
+  if (dash == std::string::npos || ranges.find(',') != std::string::npos) return range;
+  const std::string first_text = ranges.substr(0, dash);
+  const std::string last_text = ranges.substr(dash + 1);
   uint64_t first = 0, last = 0;
   if (first_text.empty()) {
     // The last N bytes.

@@ -77,7 +77,7 @@ TEST(BrowserTest, EveryUserInChromium) {
   setenv("KEST_DAEMON_PID", std::to_string(daemon.pid()).c_str(), 1);
   setenv("KEST_CHROMIUM", "/usr/bin/chromium", 1);
   setenv("KEST_SCREENS", KEST_SCREENS_DIR, 1);
-  EXPECT_EQ(system("/usr/bin/node --test --test-reporter=spec --test-concurrency=1 " KEST_SOURCE_DIR
+  EXPECT_EQ(system("/usr/bin/node --test --test-reporter=tap --test-concurrency=1 " KEST_SOURCE_DIR
                    "/tests/browser/page.test.mjs"),
             0)
       << "page.test.mjs failed; server output: " << server.Output();
