@@ -29,6 +29,16 @@ std::shared_ptr<const Config> ConfigWithShares() {
   return config;
 }
 
+// The share `name` of the shares configuration, which `config` keeps alive;
+// nullptr, with the error set, when there is no configuration or no such share.
+const ShareConfig* FindConfiguredShare(const char* name, std::shared_ptr<const Config>* config) {
+  *config = ConfigWithShares();
+  if (!*config) return nullptr;
+  const ShareConfig* found = (*config)->FindShare(name);
+  if (!found) KLIBCErrSet(KLIB_ERR_SHARE_NOT_FOUND);
+  return found;
+}
+
 PKLIBCSZLIST ListOf(const std::vector<std::string>& items) {
   PKLIBCSZLIST list = KLIBCSzListAlloc(static_cast<int>(items.size()) + 1);
   if (!list) return nullptr;
@@ -104,13 +114,9 @@ extern "C" int KESTShareGet(const char* szShareName, PKESTSHARE* ppShare) {
     return -1;
   }
   *ppShare = nullptr;
-  auto config = ConfigWithShares();
-  if (!config) return -1;
-  const ShareConfig* found = config->FindShare(szShareName);
-  if (!found) {
-    KLIBCErrSet(KLIB_ERR_SHARE_NOT_FOUND);
-    return -1;
-  }
+  std::shared_ptr<const Config> config;
+  const ShareConfig* found = FindConfiguredShare(szShareName, &config);
+  if (!found) return -1;
   auto* share = static_cast<PKESTSHARE>(calloc(1, sizeof(KESTSHARE)));
   if (!share) {
     KLIBCErrSet(KLIB_ERR_OUT_OF_MEMORY);
@@ -144,13 +150,9 @@ extern "C" int KLIBShareIndexLanguageGet(const char* szShareName, char* szOut, s
     KLIBCErrSet(KLIB_ERR_BAD_PARAM);
     return -1;
   }
-  auto config = ConfigWithShares();
-  if (!config) return -1;
-  const ShareConfig* found = config->FindShare(szShareName);
-  if (!found) {
-    KLIBCErrSet(KLIB_ERR_SHARE_NOT_FOUND);
-    return -1;
-  }
+  std::shared_ptr<const Config> config;
+  const ShareConfig* found = FindConfiguredShare(szShareName, &config);
+  if (!found) return -1;
   return CopyOut(found->index_language.empty() ? config->index_language : found->index_language,
                  szOut, cbOut);
 }
