@@ -69,18 +69,16 @@ std::vector<Json::Value> ExchangeRaw(const std::string& bytes) {
 pid_t HoldConnectionsAs(const std::string& user, int count, const std::string& bytes,
                         const std::string& socket) {
   pid_t pid = -1;
-  InChildAs(
-      user,
-      [&] {
-        // Leaked on purpose: held until the process is killed. Refused ones
-        // (closed by the daemon) fail here or later: no matter.
-        for (int i = 0; i < count; ++i) {
-          auto* conn = new kestdaemon::DomainSockConnection(socket);
-          if (conn->Connect(5)) (void)!send(conn->fd(), bytes.data(), bytes.size(), MSG_NOSIGNAL);
-        }
-        return std::string();
-      },
-      &pid);
+  // Leaked on purpose: held until the process is killed. Refused ones
+  // (closed by the daemon) fail here or later: no matter.
+  const auto hold = [&] {
+    for (int i = 0; i < count; ++i) {
+      auto* conn = new kestdaemon::DomainSockConnection(socket);
+      if (conn->Connect(5)) (void)!send(conn->fd(), bytes.data(), bytes.size(), MSG_NOSIGNAL);
+    }
+    return std::string();
+  };
+  InChildAs(user, hold, &pid);
   return pid;
 }
 
@@ -108,11 +106,8 @@ Json::Value SearchRequest(const std::vector<std::string>& indice, const std::str
 }
 
 std::vector<Json::Value> Hits(const std::vector<Json::Value>& reply) {
-  std::vector<Json::Value> hits;
-  for (const auto& m : reply) {
-    if (m.isObject() && !m.isMember("total") && !m.isMember("success")) hits.push_back(m);
-  }
-  return hits;
+  if (reply.size() < 2) return {};
+  return std::vector<Json::Value>(reply.begin() + 1, reply.end() - 1);
 }
 
 std::vector<std::string> HitNames(const std::vector<Json::Value>& reply) {

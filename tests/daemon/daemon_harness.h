@@ -22,12 +22,12 @@ class DaemonProcess : public ChildProcess {
   bool Start(const std::vector<std::string>& args = {}, const std::string& socket = kDaemonSocket);
 };
 
-// Sends `request` on a fresh connection, from a child process acting as
-// `user` unless "root", and reads the reply: messages up to and including
-// the first one that holds "success" without "total", or until the daemon
-// closes. An empty vector when the exchange failed.
+// Sends `request` (JSON, or raw bytes with their framing when `raw`) on a
+// fresh connection, from a child process acting as `user` unless "root", and
+// reads the reply: messages up to and including the first one that holds
+// "success" without "total", or until the daemon closes. Empty when the
+// exchange failed.
 std::vector<Json::Value> Exchange(const Json::Value& request, const std::string& user = "root");
-// Sends raw bytes (framing included), no more, and returns the reply.
 std::vector<Json::Value> ExchangeRaw(const std::string& bytes);
 // A child process acting as `user` that opens `count` connections to
 // `socket`, sends `bytes` on each, never reads and holds them until killed.
@@ -35,14 +35,13 @@ std::vector<Json::Value> ExchangeRaw(const std::string& bytes);
 pid_t HoldConnectionsAs(const std::string& user, int count, const std::string& bytes,
                         const std::string& socket = kDaemonSocket);
 
-// Builds {"command": command, "data": data}.
 Json::Value Request(const std::string& command, const Json::Value& data);
 // A search request over `indice` for `keyword` with the module's fixed members.
 Json::Value SearchRequest(const std::vector<std::string>& indice, const std::string& keyword,
                           int from = 0, int size = 100);
-// Hits of a search reply (messages between the count and the end).
+// The hits of a search reply (between the count and the end), and their
+// file names, sorted.
 std::vector<Json::Value> Hits(const std::vector<Json::Value>& reply);
-// The file names of the hits, sorted.
 std::vector<std::string> HitNames(const std::vector<Json::Value>& reply);
 
 }  // namespace kesttest
