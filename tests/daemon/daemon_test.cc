@@ -88,8 +88,7 @@ TEST(DaemonPartsTest, ReplyFramesAreLengthAndOneLine) {
 const char kDocs[] = "fileindex_docs", kPub[] = "fileindex_pub", kLang[] = "fileindex_lang";
 const char kHomes[] = "fileindex_homes", kBroken[] = "fileindex_broken";
 const char kDocsDb[] = "/volume1/@kestondri/index/docs";
-// Pub is for ann and the administrators (bob is listed and refused); in
-// homes, each user sees their own home.
+// Pub: ann and administrators (bob is listed, then refused); homes: each own.
 const char kSharesConf[] =
     "[global]\nadmin group = administrators\nuser home = yes\n[homes]\npath = /volume1/homes\n"
     "read list = carol\n[docs]\npath = /volume1/docs\n[pub]\npath = /volume1/pub\n"
@@ -98,7 +97,6 @@ const char kSharesConf[] =
 
 void Shell(const std::string& command) { ASSERT_EQ(0, std::system(command.c_str())) << command; }
 
-// The folder `from` indexed into the database `to` as the indexer lays it out.
 void Load(const std::string& from, const std::string& to) {
   Shell(std::string(KEST_BINARY_DIR) + "/daemon/kest_index_loader " + from + " " + to +
         " > /dev/null");
@@ -117,8 +115,7 @@ void Unindex(const std::string& path) {
   unlink(path.c_str());
 }
 
-// A search for `keyword` over `indice`; `options` ("name=value;...") sets
-// "type", the file type, and criteria on other fields.
+// `options`: "type=..." (the file type) and criteria, "field=value;...".
 Json::Value Query(const std::string& keyword, const std::string& options = "",
                   const std::vector<std::string>& indice = {kDocs}) {
   Json::Value req = SearchRequest(indice, keyword);
@@ -135,7 +132,6 @@ Json::Value Query(const std::string& keyword, const std::string& options = "",
   return req;
 }
 
-// An indicate request, as the module sends it, counting each of `types`.
 Json::Value Indicate(const std::string& keyword, const Names& types,
                      const Names& indice = {kDocs}) {
   Json::Value data;
@@ -151,7 +147,6 @@ Json::Value Indicate(const std::string& keyword, const Names& types,
   return Request("indicate", data);
 }
 
-// A highlight of the document of `hit` (its "_index" and "doc_id").
 Json::Value HighlightOf(const Json::Value& hit, const std::string& keyword,
                         const std::string& options = "{}") {
   Json::Value data;
@@ -258,11 +253,7 @@ class SearchDaemonTest : public ::testing::Test {
 
 DaemonProcess* SearchDaemonTest::daemon_ = nullptr;
 
-// What a user types finds what they mean: names, contents, types, phrases,
-// criteria; any accents and case, any form of a word, Chinese, Japanese and
-// Korean inside sentences, the words of names and of the folders above,
-// beginnings; typing in progress and bad input answer plainly. Ranked ("> "):
-// the word as typed (and as it stands) first, a file's own name above its
+// Ranked ("> "): the word as typed first, a file's own name above its
 // folders and its text, unless the weights say otherwise.
 TEST_F(SearchDaemonTest, FindsWhatIsMeant) {
   const char* cases[][4] = {
@@ -341,10 +332,6 @@ TEST_F(SearchDaemonTest, FindsWhatIsMeant) {
   }
 }
 
-// Fragments, cut from a text or by the daemon from a hit or for the highlight
-// command: marks fall on the words as they stand in the text or the name
-// (never on operators or field names), the rest is escaped and stays valid
-// UTF-8, and a huge text gives its few short fragments from its stored head.
 TEST_F(SearchDaemonTest, FragmentsMarkTheWordsAndEscapeTheRest) {
   using kestondri::daemon::HighlightFragments;
   using kestondri::daemon::KeywordMarkTerms;
@@ -370,8 +357,7 @@ TEST_F(SearchDaemonTest, FragmentsMarkTheWordsAndEscapeTheRest) {
       {std::string("x\xff <beta> & \xc0\xaf y\0z", 18),
        "beta",
        {"x" + r + " &lt;<em>beta</em>&gt; &amp; " + r + r + " y z"}},  // an overlong '/'
-      // A match beyond the scan limit is not looked for; a fragment's edge
-      // never splits a character.
+      // Beyond the scan limit; a fragment's edge in the middle of a character.
       {std::string(1 << 20, 'x') + " target", "target", {}},
       {e(60) + "x target " + e(60), "target", {e(16) + "x <em>target</em> " + e(29)}},
   };
@@ -416,10 +402,7 @@ TEST_F(SearchDaemonTest, FragmentsMarkTheWordsAndEscapeTheRest) {
   }
 }
 
-// A reply is the count, the hits, then the end. Every field a hit carries is
-// read back against the file itself, for files and folders of two indices
-// searched together, so that hits of both shards in one page take their
-// values from the right document; pages tile the whole result.
+// Hits of both shards in one page take their values from the right document.
 TEST_F(SearchDaemonTest, HitsCarryTheFieldsOfTheirFilesInCountedPages) {
   Json::Value req = Query("", "", {kDocs, kPub});
   req["data"]["load_field"] = ParseJson(R"(["KESTMDFSName", "KESTMDExtension", "KESTMDIsDir",
@@ -429,8 +412,7 @@ TEST_F(SearchDaemonTest, HitsCarryTheFieldsOfTheirFilesInCountedPages) {
   EXPECT_EQ(Json::Value::Members{"total"}, reply.front().getMemberNames());
   EXPECT_EQ(reply.size() - 2, reply.front()["total"].asUInt());
   EXPECT_EQ("{\"success\":true}", Json::toString(reply.back()));
-  // Without "fields", the module's "load_field" that exist and the date,
-  // each read back against the file itself.
+  // Without "fields", the module's "load_field" that exist and the date.
   const Json::Value::Members members = {"KESTMDExtension", "KESTMDFSName", "KESTMDFSSize",
                                         "KESTMDIsDir",     "KESTMDMTime",  "KESTMDOwnerUserID",
                                         "KESTMDPath",      "_id",          "_index",
@@ -455,7 +437,6 @@ TEST_F(SearchDaemonTest, HitsCarryTheFieldsOfTheirFilesInCountedPages) {
     EXPECT_TRUE(h["_score"].isDouble() && h["doc_id"].isIntegral()) << h;
     ids.push_back(h["_id"].asString());
   }
-  // The client's "fields" decide, besides what every hit has.
   req = Query("quarterly");
   req["data"]["fields"] = ParseJson(R"(["KESTMDMTime", "KESTMDFSName", "KESTMDBogus"])");
   auto hits = Hits(Exchange(req));
@@ -477,15 +458,12 @@ TEST_F(SearchDaemonTest, HitsCarryTheFieldsOfTheirFilesInCountedPages) {
   EXPECT_EQ("{\"total\":0}{\"success\":true}", Json::toString(none[0]) + Json::toString(none[1]));
 }
 
-// One indicate may not buy minutes of the daemon's time: repeats of a query
-// are matched once and count the same, and a list longer than any client
-// asks for is refused with its own code.
+// One indicate may not buy minutes of the daemon's time.
 TEST_F(SearchDaemonTest, IndicateMatchesRepeatsOnceAndRefusesHugeLists) {
   const Names types = {"document", "folder", "all", "photo"};
   const Json::Value counts = Exchange(Indicate("mutex", types), "bob").at(0)["data"];
   ASSERT_GT(counts["document"].asInt(), 0) << Json::toString(counts);
-  // The most a request may hold: the same few queries under many names,
-  // with repeated filters and their operator spelled in two ways.
+  // As many as may be: a few queries, repeated filters, operators spelled two ways.
   Json::Value repeats = Indicate("mutex", {});
   for (int i = 0; i < 64; ++i) {
     Json::Value q = Indicate("", {types[i % 4]})["data"]["queries"][0];
@@ -510,11 +488,10 @@ TEST_F(SearchDaemonTest, IndicateMatchesRepeatsOnceAndRefusesHugeLists) {
   EXPECT_EQ(Json::Value(Json::objectValue), reply[0]["data"]);
 }
 
-// What `user` finds of `keyword` in docs, pub and homes, once every way of
-// asking has agreed: the count, the word as a beginning, indicate, the user
-// forging root's filter and root asking on the user's behalf (as the web API
-// does); and a highlight of a file root finds is refused to the user who does
-// not find it, with the answer for a document that is not there.
+// What `user` finds of `keyword`, once every way of asking agreed: the count,
+// the word's beginning, indicate, a forged filter, root asking on the user's
+// behalf; a highlight of what root finds and the user does not is refused as
+// for a document that is not there.
 const char kRefused[] = R"({"error":{"code":1003,"msg":"no such document"},"success":false})";
 
 std::string Sees(const std::string& user, const std::string& keyword) {
@@ -544,10 +521,8 @@ std::string Sees(const std::string& user, const std::string& keyword) {
   return Joined(reply);
 }
 
-// Who finds what of Ann's private corner, of the shares, and of a group
-// folder, by every way of asking, as modes, ACLs and files change.
 TEST_F(SearchDaemonTest, EachUserGetsOnlyWhatTheyMayRead) {
-  // Dave's private file repeats Ann's word and holds more beginnings of it
+  // Dave's private file repeats Ann's word and holds more of its beginnings
   // than the expansion limit: her scores and wildcards stay the same.
   const auto scores = [] {
     std::string all;
@@ -566,19 +541,16 @@ TEST_F(SearchDaemonTest, EachUserGetsOnlyWhatTheyMayRead) {
   EXPECT_EQ("", Found(Query("ze*"), "ann"));  // too short a beginning is the word itself
   Unindex(dq);
 
-  // Bob may rename and remove in a group folder (2770, no sticky bit): what
-  // he puts under the name of Ann's private file never shows him the text
-  // indexed from hers, not even before the indexer catches up.
+  // In a group folder without the sticky bit, what bob puts under the name
+  // of ann's file never shows him her indexed text.
   WriteFile("/volume1/plan.sh",
             "mkdir -p team && chgrp staff team && chmod 2770 team && rm -f team/* && echo walrus "
             "plan > team/plan.txt && chown ann: team/plan.txt && chmod 600 team/plan.txt");
-  // A change (a command in /volume1/docs; in team as bob after "bob:"; the
-  // indexer rewrites the documents after one that starts with "+"), then what
-  // ann, bob, carol and dave find of a word.
+  // A command in /volume1/docs (in team as bob after "bob:"; then reindexed
+  // after "+"), a word, and what ann, bob, carol and dave find of it.
   const char* rows[][3] = {
       {"", "zebra", "diary.txt, secret.txt|||"},
-      // A chmod moves the file's change time: granted once the indexer
-      // rewrote its document, taken back at once.
+      // A chmod moves the change time: granted once reindexed, taken back at once.
       {"+chmod 644 diary.txt", "zebra", "diary.txt, secret.txt|diary.txt|diary.txt|diary.txt"},
       {"chmod 600 diary.txt", "zebra", "secret.txt|||"},
       {"+setfacl -m g:staff:rx annonly", "zebra", "diary.txt, secret.txt|secret.txt||"},
@@ -640,17 +612,14 @@ TEST_F(SearchDaemonTest, MalformedRequestsGetErrorsAndServiceGoesOn) {
     EXPECT_EQ(c.second, ErrorCode(reply)) << c.first.substr(0, 80);
     EXPECT_TRUE(reply[0]["error"]["msg"].isString());
   }
-  // A lying length prefix and a frame cut short only cost their own
-  // connection.
+  // A lying length and a frame cut short cost their own connection only.
   EXPECT_TRUE(ExchangeRaw(std::string("\x7f\xff\xff\xff", 4)).empty());
   EXPECT_TRUE(ExchangeRaw(Frame("{\"command\":\"search\"}").substr(0, 10)).empty());
   EXPECT_EQ("report.txt", Found(Query("quarterly")));
 }
 
-// Fifty clients at once are all served, while twenty more stay silent. What
-// one local user can leave half done on the socket, 160 times over, holds
-// no worker: another user's search answers at once, the refusals are
-// logged, and the user is served again once his connections are gone.
+// What one user leaves half done on the socket, 160 times over, holds no
+// worker; he is served again once his connections are gone.
 TEST_F(SearchDaemonTest, ManyAndStalledClientsHoldNobodyUp) {
   const std::string expected = Found(Query("mutex", "", {kDocs, kPub}));
   ASSERT_EQ(6, std::count(expected.begin(), expected.end(), ',') + 1) << expected;
@@ -683,11 +652,8 @@ TEST_F(SearchDaemonTest, ManyAndStalledClientsHoldNobodyUp) {
   EXPECT_EQ("report.txt", again);
 }
 
-// The socket file: a dead one is replaced, a live one (another daemon's)
-// never taken over, one that is not a socket never removed. SIGTERM ends
-// the daemon at once, and in order, whatever its clients left half done
-// (some of them killed, some still there); it removes its own socket file
-// but not one another put in its place.
+// A dead socket file is replaced, a live one or a plain file never taken;
+// SIGTERM ends it at once whatever clients left half done.
 TEST_F(SearchDaemonTest, OwnsItsSocketFileAndStopsAtOnce) {
   const std::string sock = "/run/taken.sock";
   const std::vector<std::string> args = {"--socket", sock,      "--workers",
@@ -741,10 +707,8 @@ TEST_F(SearchDaemonTest, ReadersSeeWhatTheIndexerCommits) {
   EXPECT_EQ("", Found(req));
   WriteFile("/volume1/pub/fresh.txt", "a freshword appears\n");
   Load("/volume1/pub", db);
-  // Every worker must notice, whichever serves the request.
   for (int i = 0; i < 20; ++i) EXPECT_EQ("fresh.txt", Found(req, i % 2 ? "root" : "ann"));
-  // A document that does not say which file it came from is shown to
-  // nobody filtered, though anyone may read the file.
+  // A document that does not say which file it is shows to nobody filtered.
   Xapian::WritableDatabase w(db);
   const std::string unique = kestondri::index::UniqueTerm("/volume1/pub/fresh.txt");
   Xapian::Document doc = w.get_document(*w.postlist_begin(unique));
@@ -753,8 +717,7 @@ TEST_F(SearchDaemonTest, ReadersSeeWhatTheIndexerCommits) {
   w.close();
   EXPECT_EQ("", Found(req, "ann"));
 
-  // A database put in place of another (the indexer's rebuilds and
-  // compactions exchange the folders) is read anew by every worker.
+  // Rebuilds and compactions exchange the folders.
   WriteFile("/volume1/pub/exchanged.txt", "a swapword\n");
   Load("/volume1/pub", other);
   ASSERT_EQ(0, renameat2(AT_FDCWD, other.c_str(), AT_FDCWD, db.c_str(), RENAME_EXCHANGE));
@@ -762,9 +725,6 @@ TEST_F(SearchDaemonTest, ReadersSeeWhatTheIndexerCommits) {
   Shell("rm -rf " + other);
 }
 
-// A damaged index and one that is missing are skipped, and so is a remote
-// one once its server is gone; list_db_status names them, and an index
-// being checked, but not a share that was never indexed.
 TEST_F(SearchDaemonTest, DamagedMissingAndRemoteIndices) {
   auto reply = Exchange(Query("quarterly", "", {kBroken, "fileindex_nosuch", kDocs}));
   EXPECT_EQ("report.txt", Joined(reply));
@@ -773,8 +733,7 @@ TEST_F(SearchDaemonTest, DamagedMissingAndRemoteIndices) {
 
   Put("/volume2/far/remote.txt", "ann", 0600, "faraway mutex lives here\n");
   Load("/volume2/far", "/volume2/remote-db");
-  // Its own process group: xapian-tcpsrv signals its whole group when told
-  // to stop.
+  // Its own process group: xapian-tcpsrv signals its whole group.
   ChildProcess server;
   server.Run({"xapian-tcpsrv", "--quiet", "--interface", "127.0.0.1", "--port", "39411",
               "/volume2/remote-db"},
@@ -783,11 +742,9 @@ TEST_F(SearchDaemonTest, DamagedMissingAndRemoteIndices) {
   Shell(
       "bash -c 'for i in $(seq 500); do (: </dev/tcp/127.0.0.1/39411) 2>/dev/null && exit; "
       "sleep 0.01; done; exit 1'");
-  // The share's index path holds a stub naming the remote server.
   WriteFile("/volume2/@kestondri/index/far", "remote 127.0.0.1:39411\n");
   const Json::Value both = Query("faraway OR quarterly", "", {kDocs, "fileindex_far"});
   EXPECT_EQ("remote.txt, report.txt", Found(both));
-  // Permission filtering holds for remote hits too: the file is ann's alone.
   EXPECT_EQ("", Found(Query("faraway", "", {"fileindex_far"}), "bob"));
   EXPECT_EQ("remote.txt", Found(Query("faraway", "", {"fileindex_far"}), "ann"));
   server.Stop();
