@@ -21,24 +21,17 @@ bool DaemonProcess::Start(const std::vector<std::string>& args, const std::strin
   return false;
 }
 
-namespace {
-
-std::vector<Json::Value> ReadReply(kestdaemon::SockConnection& conn) {
+// Messages up to the end of the reply; a null one for text that is not JSON.
+static std::vector<Json::Value> ReadReply(kestdaemon::SockConnection& conn) {
   std::vector<Json::Value> messages;
   std::string text;
   while (conn.Recv(text)) {
-    Json::Value v;
-    if (!Json::fromString(v, text)) {
-      messages.push_back(Json::Value("<not json>"));
-      break;
-    }
-    messages.push_back(v);
+    Json::Value& v = messages.emplace_back();
+    if (!Json::fromString(v, text)) break;
     if (v.isObject() && v.isMember("success") && !v.isMember("total")) break;
   }
   return messages;
 }
-
-}  // namespace
 
 std::vector<Json::Value> Exchange(const Json::Value& request, const std::string& user) {
   if (user != "root") {

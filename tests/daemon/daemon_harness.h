@@ -22,16 +22,13 @@ class DaemonProcess : public ChildProcess {
   bool Start(const std::vector<std::string>& args = {}, const std::string& socket = kDaemonSocket);
 };
 
-// Sends `request` (JSON, or raw bytes with their framing when `raw`) on a
-// fresh connection, from a child process acting as `user` unless "root", and
-// reads the reply: messages up to and including the first one that holds
-// "success" without "total", or until the daemon closes. Empty when the
-// exchange failed.
+// Sends `request` (or raw bytes, framing included) on a fresh connection,
+// as `user` from a child process unless "root"; the reply's messages up to
+// the end ("success" without "total"); empty when the exchange failed.
 std::vector<Json::Value> Exchange(const Json::Value& request, const std::string& user = "root");
 std::vector<Json::Value> ExchangeRaw(const std::string& bytes);
-// A child process acting as `user` that opens `count` connections to
-// `socket`, sends `bytes` on each, never reads and holds them until killed.
-// Returns once all are sent; its pid.
+// The pid of a child process acting as `user` that sent `bytes` on `count`
+// connections to `socket`, and holds them, reading nothing, until killed.
 pid_t HoldConnectionsAs(const std::string& user, int count, const std::string& bytes,
                         const std::string& socket = kDaemonSocket);
 
