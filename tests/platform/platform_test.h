@@ -1,14 +1,12 @@
 // What the platform's tests share: the C library's records and lists,
-// acting as a user and back, the code of a thrown error, children that run a
-// piece of a test, the fixture of tests that change identity, and random
-// owners, modes and ACLs (the module's permission test uses them too).
+// acting as a user, the code of a thrown error, and random owners, modes and
+// ACLs (the module's permission test uses them too).
 #ifndef KEST_TESTS_PLATFORM_PLATFORM_TEST_H_
 #define KEST_TESTS_PLATFORM_PLATFORM_TEST_H_
 
 #include <gtest/gtest.h>
 #include <sys/acl.h>
 #include <sys/stat.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <functional>
@@ -69,33 +67,6 @@ inline int CodeOf(const std::string& user, const std::function<void()>& body,
     }
   });
   return code;
-}
-
-// Given the result of a fork: the child runs `body` and exits, with 0 when
-// `body` answered true without throwing; the parent gets the child's pid.
-inline pid_t InChild(pid_t pid, const std::function<bool()>& body) {
-  if (pid == 0) {
-    bool ok = false;
-    try {
-      ok = body();
-    } catch (...) {
-    }
-    _exit(ok ? 0 : 1);
-  }
-  return pid;
-}
-
-// The child's exit status once it ended; -1 when it did not exit normally.
-inline int ExitStatus(pid_t pid) {
-  int status = 0;
-  if (pid <= 0 || waitpid(pid, &status, 0) != pid || !WIFEXITED(status)) return -1;
-  return WEXITSTATUS(status);
-}
-
-// Runs `body` in another process, as another user of a library would; true
-// when it answered true there.
-inline bool InAnotherProcess(const std::function<bool()>& body) {
-  return ExitStatus(InChild(fork(), body)) == 0;
 }
 
 // Gives `path` a random owner, owning group and mode (with `generous`, most
