@@ -1,5 +1,5 @@
 // JSON text: what our reader refuses beyond the library's own grammar, the
-// compact writer, files, and well-formed UTF-8.
+// compact writer and well-formed UTF-8. (Files of JSON: no caller yet.)
 #include <gtest/gtest.h>
 
 #include <string>
@@ -36,23 +36,8 @@ TEST(JsonTextTest, FromStringAcceptsExactlyOneValue) {
   Json::Value value;
   EXPECT_TRUE(Json::fromString(value, text));
   EXPECT_FALSE(Json::fromString(value, text + " ")) << "over 64 MiB";
-}
-
-TEST(JsonTextTest, CompactTextAndFiles) {
   const Json::Value v = ParseJson(R"({"b":"é \"q\"","a":[1,-2.5,null,{}]})");
-  EXPECT_EQ(R"({"a":[1,-2.5,null,{}],"b":"é \"q\""})", Json::toString(v));
-  const std::string path = "/tmp/json_text_test/file.json";
-  WriteFile(path, "old content that is longer than the new one");
-  ASSERT_TRUE(Json::toFile(v, path));
-  Json::Value read;
-  ASSERT_TRUE(Json::fromFile(read, path));
-  EXPECT_EQ(v, read);
-  WriteFile(path, "{} trailing");
-  for (const char* bad : {"/tmp/json_text_test/missing.json", "/tmp/json_text_test", path.c_str()})
-    EXPECT_FALSE(Json::fromFile(read, bad)) << bad;
-  EXPECT_EQ(v, read);
-  EXPECT_FALSE(Json::toFile(v, "/tmp/json_text_test/no/such/dir/file.json"));
-  EXPECT_FALSE(Json::toFile(v, "/tmp/json_text_test"));
+  EXPECT_EQ(R"({"a":[1,-2.5,null,{}],"b":"é \"q\""})", Json::toString(v));  // compact
 }
 
 // Well-formed UTF-8 decides which paths the module sends as bytes and what
