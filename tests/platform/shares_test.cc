@@ -14,43 +14,26 @@
 namespace kesttest {
 namespace {
 
+// One section a line, keys in any case.
 const char kConf[] =
     "; shares of the test host\n"
-    "[global]\n"
-    "admin group = administrators\n"
-    "user home = yes\n"
-    "index language = german\n"
-    "[photo]\n"
-    "path = /volume1/photo/\n"
-    "hide unreadable = yes\n"
-    "ftp disable list = yes\n"
-    "ftp disable download = yes\n"
+    "[global]\nadmin group = administrators\nuser home = yes\nindex language = german\n"
+    "[photo]\npath = /volume1/photo/\nftp disable list = yes\nftp disable download = yes\n"
     "\n"
-    "[docs]\n"
-    "path = /volume1/docs\n"
-    "read list = dave\n"
-    "write list = @staff, carol\n"
-    "invalid users = bob\n"
-    "Index Language = English\n"
+    "[docs]\npath = /volume1/docs\nread list = dave\nwrite list = @staff, carol\n"
+    "invalid users = bob\nIndex Language = English\n"
     "[secret]\npath = /volume2/secret\nencrypted = yes\nread only = yes\n"
     "[homes]\npath = /volume1/homes\n";
 
 // An smb.conf as Samba's own tools write it: indented keys, continued lines,
 // defaults in [global], and shares this product cannot serve.
 const char kSmbConf[] =
-    "[global]\n"
-    "   workgroup = WORKGROUP\n"
-    "   log file = /var/log/samba/log.%m\n"
+    "[global]\n   workgroup = WORKGROUP\n   log file = /var/log/samba/log.%m\n"
     "   invalid users = root\n"
     "[printers]\n   path = /var/spool/samba\n   printable = yes\n"
     "[homes]\n   valid users = %S\n"
-    "[projects]\n"
-    "   path = /volume1/projects\n"
-    "   writeable = yes\n"
-    "   valid users = @staff, \\\n"
-    "                 carol\n"
-    "   read list = bob\n"
-    "   vfs objects = recycle\n"
+    "[projects]\n   path = /volume1/projects\n   writeable = yes\n   valid users = @staff, \\\n"
+    "                 carol\n   read list = bob\n   vfs objects = recycle\n"
     "[media]\n   path = /volume2/media/\n   write list = carol\n"
     "[scratch]\n   path = /srv/scratch\n"
     "[net]\n   path = /volume1/net\n   valid users = &engineers\n"
@@ -155,43 +138,18 @@ TEST_F(SharesTest, ConfigurationTexts) {
   KLIBCSzListFree(list);
 }
 
-TEST_F(SharesTest, EnumerationLanguagesAndFlags) {
-  // Names are appended in the file's order, Samba's after ours; a filter
-  // leaves out what it answers non-zero for.
-  WriteSharesConf(kWithSamba);
-  PKLIBCSZLIST list = KLIBCSzListAlloc(1);
-  KLIBSHAREENUM all{[](const KESTSHARE*) { return 0; }, 0};
-  KLIBSHAREENUM plain{[](const KESTSHARE* s) { return s->blEncrypted; }, 0};
-  ASSERT_EQ(6, KLIBShareEnum(&list, &all)) << KLIBCErrTextGet();
-  ASSERT_EQ(5, KLIBShareEnum(&list, &plain));
-  EXPECT_EQ((std::vector<std::string>{"photo", "docs", "secret", "homes", "projects", "media",
-                                      "photo", "docs", "homes", "projects", "media"}),
-            Items(list));
-  KLIBCSzListFree(list);
-  // A share's own index language, else [global]'s.
-  char language[16];
-  ASSERT_EQ(0, KLIBShareIndexLanguageGet("docs", language, sizeof language));
-  EXPECT_STREQ("english", language);
-  ASSERT_EQ(0, KLIBShareIndexLanguageGet("photo", language, sizeof language));
-  EXPECT_STREQ("german", language);
-  // The flag getters, both ways, are read through SDKShare in the module's
-  // tests.
-  int value = -1;
-  EXPECT_GT(0, KLIBShareIsReadOnlyGet(nullptr, &value));
-}
-
 // Shares beside those of kConf: a write list on a read-only share, groups
-// that do not exist, a list continued on an indented line, keys in any case.
+// that do not exist, a list continued on an indented line.
 const char kMoreShares[] =
     "[ro]\npath = /volume1/ro\nread only = yes\nwrite list = ann\n"
     "invalid users = @nosuchgroup\nread list = @nosuchgroup2\n"
-    "[Lists]\n"
-    "Path = /volume1/lists\n"
-    "READ   LIST = ann,\n"
-    "    bob\n"
+    "[Lists]\nPath = /volume1/lists\nREAD   LIST = ann,\n    bob\n"
     "invalid users = dave # not a comment, a name\n";
 
-TEST_F(SharesTest, PrivilegeFollowsTheListsInOrder) {
+// Privileges follow the lists in order; names are enumerated in the files'
+// order, Samba's after ours, without the shares this product cannot serve;
+// a share's own index language, else [global]'s.
+TEST_F(SharesTest, PrivilegesEnumerationAndLanguages) {
   WriteSharesConf(kWithSamba + kMoreShares);
   struct Case {
     const char* share;
@@ -227,6 +185,17 @@ TEST_F(SharesTest, PrivilegeFollowsTheListsInOrder) {
   ShareHolder lists;
   ASSERT_EQ(0, KESTShareGet("Lists", &lists.share));
   EXPECT_EQ((std::vector<std::string>{"ann", "bob"}), Items(lists.share->pReadList));
+  PKLIBCSZLIST list = KLIBCSzListAlloc(1);
+  ASSERT_EQ(8, KLIBShareEnum(&list, nullptr)) << KLIBCErrTextGet();
+  EXPECT_EQ((std::vector<std::string>{"photo", "docs", "secret", "homes", "ro", "Lists", "projects",
+                                      "media"}),
+            Items(list));
+  KLIBCSzListFree(list);
+  char language[16];
+  ASSERT_EQ(0, KLIBShareIndexLanguageGet("docs", language, sizeof language));
+  EXPECT_STREQ("english", language);
+  ASSERT_EQ(0, KLIBShareIndexLanguageGet("photo", language, sizeof language));
+  EXPECT_STREQ("german", language);
 }
 
 // The share of a volume path, the home service (it needs the switch and the
