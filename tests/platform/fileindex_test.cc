@@ -39,10 +39,34 @@ std::vector<std::string> ListedPaths(const std::string& user) {
   return paths;
 }
 
-// FolderAdd of JSON text, as `user`: the Error's code, 0 for none.
-int Add(const std::string& user, const std::string& folders, std::string* reason = nullptr) {
+// One call of the library as `user` on JSON text (a path or an owner's name
+// for g and o): a(dd), s(et), r(eplace), d(elete), o(wner's folders
+// deleted), i (reindex), g(et), p(ause). The Error's code, 0 for none.
+int Call(const std::string& user, char op, const std::string& text, std::string* reason = nullptr) {
   return CodeOf(
-      user, [&] { FolderAdd(ParseJson(folders), false); }, reason);
+      user,
+      [&] {
+        Json::Value out;
+        switch (op) {
+          case 'a':
+            return FolderAdd(ParseJson(text), false);
+          case 's':
+            return FolderSet(ParseJson(text), false);
+          case 'r':
+            return FolderSet(ParseJson(text), true);
+          case 'd':
+            return FolderDelete(ParseJson(text));
+          case 'o':
+            return FolderDelete(text);
+          case 'i':
+            return FolderReindex(ParseJson(text));
+          case 'g':
+            return FolderGet(out, text);
+          case 'p':
+            return StatusMgr().Pause(10);
+        }
+      },
+      reason);
 }
 // The entry as `user` sees it, but for its time of creation.
 Json::Value Get(const std::string& user, const std::string& path) {
@@ -66,6 +90,7 @@ class FileIndexTest : public kesttest::IdentityTest {
     MakeDir("/volume1/photo/shared", kesttest::kBobUid, 0755);
     MakeDir("/volume1/photo/bob", kesttest::kBobUid, 0700);
     MakeDir("/volume1/docs/open", 0, 0755);
+    MakeDir("/volume1/docs/more", 0, 0755);
     MakeDir("/volume2/vault/x", 0, 0755);
     MakeDir("/volume1/outside", 0, 0755);
     WriteFile("/volume1/photo/shared/file.txt", "x");
@@ -74,10 +99,13 @@ class FileIndexTest : public kesttest::IdentityTest {
 };
 
 // The caller becomes the owner; the store's and queue's files are root's,
-// closed to others but for the queue folder the indexer reads; bad input is
-// refused with its reason and changes nothing, nor does a failed queue write.
-TEST_F(FileIndexTest, AddValidatesAndChangesAllOrNothing) {
-  ASSERT_EQ(0, Add("ann", R"([{"path": "/volume1/photo/ann/", "photo": false, "name": "Pics"}])"));
+// closed to others but for the queue folder the indexer reads. Users see what
+// they can read; only owners and administrators change folders; what a user
+// may not see does not exist for them. Bad input and refused calls change
+// nothing and say why; a failed queue write rolls the store back.
+TEST_F(FileIndexTest, EachCallerSeesAndChangesOnlyWhatTheyMay) {
+  ASSERT_EQ(
+      0, Call("ann", 'a', R"([{"path": "/volume1/photo/ann/", "photo": false, "name": "Pics"}])"));
   EXPECT_EQ(ParseJson(R"({"path": "/volume1/photo/ann", "name": "Pics", "owner": "ann",
       "share": "photo", "paused": false, "video": true, "audio": true, "photo": false,
       "document": true, "additional": {"status": "processing"}})"),
@@ -100,68 +128,9 @@ TEST_F(FileIndexTest, AddValidatesAndChangesAllOrNothing) {
     EXPECT_EQ(queued.second, Get("ann", "/volume1/photo/ann")["additional"]["status"].asString())
         << queued.first;
   }
-  const std::string before = ReadFile(kQueue);
-  const struct {
-    const char* user;
-    std::string folders;
-    int code;
-    const char* reason;
-  } cases[] = {
-      {"ann", R"([{"path": "/volume1/photo/shared/../ann"}])", 120, "not canonical"},
-      {"ann", R"([{"path": "volume1/photo/shared"}])", 120, "must be absolute"},
-      {"ann", R"([{"path": "/volume1/photo/escape"}])", 120, "symbolic link"},
-      {"ann", R"([{"path": "/volume1/photo/none"}])", 120, "no such folder"},
-      {"ann", R"([{"path": "/volume1/photo/shared/file.txt"}])", 120, "not a folder"},
-      {"ann", R"([{"path": "/volume1/outside"}])", 120, "not inside a shared folder"},
-      {"root", R"([{"path": "/volume1/@kestondri/queue"}])", 120, "package's own data"},
-      {"root", R"([{"path": "/var/packages/KestOndri/var"}])", 120, "package's own data"},
-      {"ann", R"([{"path": "/volume1/photo/bob"}])", 120, "not a readable folder"},
-      {"dave", R"([{"path": "/volume1/docs/open"}])", 120, "not a readable folder"},
-      {"root", R"([{"path": "/volume2/vault/x"}])", 120, "cannot be indexed"},
-      {"ann", R"([{"path": "/volume1/photo/ann"}])", 120, "already indexed"},
-      {"ann", R"([{"path": "/volume1/photo/shared"}, {"path": "/volume1/photo/shared/"}])", 120,
-       "given twice"},
-      {"ann", R"([{"path": "/volume1/photo/shared", "paused": "yes"}])", 120, "boolean"},
-      {"ann", R"([{"path": "/volume1/photo/shared", "colour": true}])", 120, "unknown member"},
-      {"ann", R"([{"path": 5}])", 120, "must be a string"},
-      {"ann", R"([{"name": "x"}])", 120, "needs a path"},
-      {"ann", R"([])", 120, "no folder given"},
-      {"ann", R"({"path": "/volume1/photo/shared"})", 120, "must be an array"},
-      {"ann", R"([{"path": "/volume1/photo/shared", "name": ")" + std::string(256, 'n') + R"("}])",
-       120, "name longer"},
-      {"ann", R"([{"path": "/volume1/photo/shared", "owner": "bob"}])", 507, "another owner"},
-      {"root", R"([{"path": "/volume1/photo/shared", "owner": "nosuchuser"}])", 120,
-       "unknown user"},
-      // One bad folder spoils the batch: the good one before it is not added.
-      {"ann", R"([{"path": "/volume1/photo/shared"}, {"path": "/volume1/photo/none"}])", 120,
-       "no such folder"},
-  };
-  for (const auto& c : cases) {
-    std::string reason;
-    EXPECT_EQ(c.code, Add(c.user, c.folders, &reason)) << c.folders;
-    EXPECT_NE(std::string::npos, reason.find(c.reason)) << c.folders << " gave: " << reason;
-  }
-  EXPECT_EQ(before, ReadFile(kQueue));
-  // The queue's twin cannot be written: the store is rolled back, and stays
-  // usable.
-  mkdir("/volume1/@kestondri/queue/docs.queue.tmp", 0755);
-  std::string reason;
-  EXPECT_EQ(502,
-            Add("root", R"([{"path": "/volume1/photo/shared"}, {"path": "/volume1/docs/open"}])",
-                &reason));
-  EXPECT_NE(std::string::npos, reason.find("docs.queue.tmp")) << reason;
-  EXPECT_EQ(std::vector<std::string>{"/volume1/photo/ann"}, ListedPaths("root"));
-  rmdir("/volume1/@kestondri/queue/docs.queue.tmp");
-  EXPECT_EQ(0, Add("root", R"([{"path": "/volume1/docs/open"}])"));
-}
-
-// Users see what they can read, and only owners and administrators change
-// folders; what a user may not see does not exist for them.
-TEST_F(FileIndexTest, UsersSeeAndChangeOnlyWhatTheyMay) {
-  ASSERT_EQ(0, Add("ann", R"([{"path": "/volume1/photo/ann"}])"));
-  ASSERT_EQ(0,
-            Add("bob", R"([{"path": "/volume1/photo/bob"}, {"path": "/volume1/photo/shared"}])"));
-  ASSERT_EQ(0, Add("root", R"([{"path": "/volume1/docs/open", "owner": "carol"}])"));
+  ASSERT_EQ(0, Call("bob", 'a',
+                    R"([{"path": "/volume1/photo/bob"}, {"path": "/volume1/photo/shared"}])"));
+  ASSERT_EQ(0, Call("root", 'a', R"([{"path": "/volume1/docs/open", "owner": "carol"}])"));
   const std::vector<std::string> all = {"/volume1/docs/open", "/volume1/photo/ann",
                                         "/volume1/photo/bob", "/volume1/photo/shared"};
   EXPECT_EQ(all, ListedPaths("root"));
@@ -178,50 +147,75 @@ TEST_F(FileIndexTest, UsersSeeAndChangeOnlyWhatTheyMay) {
   EXPECT_EQ(ParseJson(R"({"total": 3, "mine": 2, "paused": 0, "shares": 2, "indexing_paused":
       false, "types": {"video": 3, "audio": 3, "photo": 3, "document": 3}})"),
             summary);
+
+  const std::string queue = ReadFile(kQueue);
   const struct {
     const char* user;
-    std::function<void()> call;
+    char op;
+    std::string text;
     int code;
     const char* reason;
   } refused[] = {
+      {"ann", 'a', R"([{"path": "/volume1/photo/shared/../ann"}])", 120, "not canonical"},
+      {"ann", 'a', R"([{"path": "volume1/photo/shared"}])", 120, "must be absolute"},
+      {"ann", 'a', R"([{"path": "/volume1/photo/escape"}])", 120, "symbolic link"},
+      {"ann", 'a', R"([{"path": "/volume1/photo/none"}])", 120, "no such folder"},
+      {"ann", 'a', R"([{"path": "/volume1/photo/shared/file.txt"}])", 120, "not a folder"},
+      {"ann", 'a', R"([{"path": "/volume1/outside"}])", 120, "not inside a shared folder"},
+      {"root", 'a', R"([{"path": "/volume1/@kestondri/queue"}])", 120, "package's own data"},
+      {"root", 'a', R"([{"path": "/var/packages/KestOndri/var"}])", 120, "package's own data"},
+      {"ann", 'a', R"([{"path": "/volume1/photo/bob"}])", 120, "not a readable folder"},
+      {"dave", 'a', R"([{"path": "/volume1/docs/more"}])", 120, "not a readable folder"},
+      {"root", 'a', R"([{"path": "/volume2/vault/x"}])", 120, "cannot be indexed"},
+      {"ann", 'a', R"([{"path": "/volume1/photo/ann"}])", 120, "already indexed"},
+      {"ann", 'a', R"([{"path": "/volume1/docs/more"}, {"path": "/volume1/docs/more/"}])", 120,
+       "given twice"},
+      {"ann", 'a', R"([{"path": "/volume1/docs/more", "paused": "yes"}])", 120, "boolean"},
+      {"ann", 'a', R"([{"path": "/volume1/docs/more", "colour": true}])", 120, "unknown member"},
+      {"ann", 'a', R"([{"path": 5}])", 120, "must be a string"},
+      {"ann", 'a', R"([{"name": "x"}])", 120, "needs a path"},
+      {"ann", 'a', R"([])", 120, "no folder given"},
+      {"ann", 'a', R"({"path": "/volume1/docs/more"})", 120, "must be an array"},
+      {"ann", 'a',
+       R"([{"path": "/volume1/docs/more", "name": ")" + std::string(256, 'n') + R"("}])", 120,
+       "name longer"},
+      {"ann", 'a', R"([{"path": "/volume1/docs/more", "owner": "bob"}])", 507, "another owner"},
+      {"root", 'a', R"([{"path": "/volume1/docs/more", "owner": "nosuchuser"}])", 120,
+       "unknown user"},
+      // One bad folder spoils the batch: the good one before it is not added.
+      {"ann", 'a', R"([{"path": "/volume1/docs/more"}, {"path": "/volume1/photo/none"}])", 120,
+       "no such folder"},
       // ann can read bob's shared folder but does not own it. (Reindexing it
       // and resuming: the module's folder and status tests.)
-      {"ann", [] { FolderDelete(ParseJson(R"(["/volume1/photo/shared"])")); }, 507, "only the"},
-      {"ann",
-       [] {
-         FolderSet(ParseJson(R"([{"path": "/volume1/photo/shared", "paused": true}])"), false);
-       },
-       507, "only the owner"},
+      {"ann", 'd', R"(["/volume1/photo/shared"])", 507, "only the owner"},
+      {"ann", 's', R"([{"path": "/volume1/photo/shared", "paused": true}])", 507, "only the"},
       // bob's private folder does not exist as far as ann can tell.
-      {"ann", [] { FolderDelete(ParseJson(R"(["/volume1/photo/bob"])")); }, 120,
-       "not an indexed folder: /volume1/photo/bob"},
-      {"ann",
-       [] {
-         Json::Value e;
-         FolderGet(e, "/volume1/photo/bob");
-       },
-       120, "not an indexed folder: /volume1/photo/bob"},
-      {"ann", [] { FolderDelete(ParseJson(R"([])")); }, 120, "no path given"},
-      {"ann", [] { FolderDelete(std::string("bob")); }, 507, "only an administrator"},
-      {"root", [] { FolderDelete(std::string("nosuchuser")); }, 120, "unknown user"},
-      {"ann", [] { FolderDelete(std::string("")); }, 120, "no owner given"},
-      {"ann", [] { FolderReindex(ParseJson(R"(["/volume1/photo/ann/../bob"])")); }, 120,
-       "not canonical"},
-      {"ann", [] { StatusMgr().Pause(10); }, 507, ""},
+      {"ann", 'd', R"(["/volume1/photo/bob"])", 120, "not an indexed folder: /volume1/photo/bob"},
+      {"ann", 'g', "/volume1/photo/bob", 120, "not an indexed folder: /volume1/photo/bob"},
+      {"ann", 'd', "[]", 120, "no path given"},
+      {"ann", 'o', "bob", 507, "only an administrator"},
+      {"root", 'o', "nosuchuser", 120, "unknown user"},
+      {"ann", 'o', "", 120, "no owner given"},
+      {"ann", 'i', R"(["/volume1/photo/ann/../bob"])", 120, "not canonical"},
+      {"ann", 'p', "", 507, ""},
   };
   for (const auto& r : refused) {
     std::string reason;
-    EXPECT_EQ(r.code, CodeOf(r.user, r.call, &reason)) << r.reason;
-    EXPECT_NE(std::string::npos, reason.find(r.reason)) << reason;
+    EXPECT_EQ(r.code, Call(r.user, r.op, r.text, &reason)) << r.text;
+    EXPECT_NE(std::string::npos, reason.find(r.reason)) << r.text << " gave: " << reason;
   }
+  // The queue's twin cannot be written: the store is rolled back.
+  mkdir("/volume1/@kestondri/queue/docs.queue.tmp", 0755);
+  std::string reason;
+  EXPECT_EQ(502, Call("root", 'a', R"([{"path": "/volume1/docs/more"}])", &reason));
+  EXPECT_NE(std::string::npos, reason.find("docs.queue.tmp")) << reason;
+  rmdir("/volume1/@kestondri/queue/docs.queue.tmp");
   EXPECT_EQ(all, ListedPaths("root"));
+  EXPECT_EQ(queue, ReadFile(kQueue));
 
-  ASSERT_EQ(0, CodeOf("bob", [] {
-              FolderSet(ParseJson(R"([{"path": "/volume1/photo/shared", "paused": true,
-                                       "name": "Beta"}])"),
-                        false);
-            }));
-  Json::Value entry = Get("ann", "/volume1/photo/shared");
+  ASSERT_EQ(0, Call("bob", 's',
+                    R"([{"path": "/volume1/photo/shared", "paused": true, "name": "Beta"}])"));
+  Json::Value entry = Get("ann", all[3]);
   EXPECT_EQ("Beta true paused", entry["name"].asString() + " " + Json::toString(entry["paused"]) +
                                     " " + entry["additional"]["status"].asString());
   // "<total>:<name>,<name>,..." of one page, or the error's code. (The module's
@@ -236,22 +230,20 @@ TEST_F(FileIndexTest, UsersSeeAndChangeOnlyWhatTheyMay) {
     for (const auto& f : page["folders"]) names += f["name"].asString() + ",";
     return code ? "error " + std::to_string(code) : names;
   };
-  EXPECT_EQ("4:open,bob,", list("root", 2, "name", "DESC", "all", ""));
-  EXPECT_EQ("1:ann,", list("ann", UINT64_MAX, "", "", "mine", ""));
-  EXPECT_EQ("3:ann,Beta,bob,", list("root", UINT64_MAX, "name", "", "all", "PHOTO"));  // path
-  EXPECT_EQ("1:Beta,", list("root", UINT64_MAX, "", "", "all", "bet"));                // name
+  EXPECT_EQ("4:Pics,open,", list("root", 2, "name", "DESC", "all", ""));
+  EXPECT_EQ("1:Pics,", list("ann", UINT64_MAX, "", "", "mine", ""));
+  EXPECT_EQ("3:Beta,bob,Pics,", list("root", UINT64_MAX, "name", "", "all", "PHOTO"));  // path
+  EXPECT_EQ("1:Beta,", list("root", UINT64_MAX, "", "", "all", "bet"));                 // name
   EXPECT_EQ("error 120", list("root", 1, "", "up", "all", ""));
   EXPECT_EQ("error 120", list("root", 1, "", "", "others", ""));
   EXPECT_EQ("error 120", list("root", 1, "", "", "all", "", R"(["owner_uid"])"));
   // replace: what is not given returns to its default.
-  ASSERT_EQ(0, CodeOf("bob", [] {
-              FolderSet(ParseJson(R"([{"path": "/volume1/photo/shared", "audio": false}])"), true);
-            }));
-  entry = Get("bob", "/volume1/photo/shared");
+  ASSERT_EQ(0, Call("bob", 'r', R"([{"path": "/volume1/photo/shared", "audio": false}])"));
+  entry = Get("bob", all[3]);
   EXPECT_EQ("shared false false", entry["name"].asString() + " " + Json::toString(entry["paused"]) +
                                       " " + Json::toString(entry["audio"]));
-  EXPECT_EQ(0, CodeOf("ann", [] { FolderDelete(std::string("ann")); }));
-  EXPECT_EQ(0, CodeOf("root", [] { FolderDelete(ParseJson(R"(["/volume1/photo/shared"])")); }));
+  EXPECT_EQ(0, Call("ann", 'o', "ann"));
+  EXPECT_EQ(0, Call("root", 'd', R"(["/volume1/photo/shared"])"));
   EXPECT_NE(std::string::npos, ReadFile(kQueue).find("remove\t/volume1/photo/shared\n"));
 
   // A vanished share or folder is reported, not lost, and shown to no one else.
@@ -264,8 +256,8 @@ TEST_F(FileIndexTest, UsersSeeAndChangeOnlyWhatTheyMay) {
   EXPECT_EQ("processing", page["folders"][1]["additional"]["status"].asString());
   EXPECT_EQ((std::set<std::string>{"docs", "photo"}), FolderMgr().GetIndexedShares());
   EXPECT_EQ(std::vector<std::string>{all[2]}, ListedPaths("bob"));
-  EXPECT_EQ(0, CodeOf("root", [] { FolderDelete(ParseJson(R"(["/volume1/docs/open"])")); }));
-  EXPECT_EQ(0, CodeOf("root", [] { FolderDelete(std::string("bob")); }));
+  EXPECT_EQ(0, Call("root", 'd', R"(["/volume1/docs/open"])"));
+  EXPECT_EQ(0, Call("root", 'o', "bob"));
   EXPECT_TRUE(ListedPaths("root").empty());
 }
 
@@ -273,17 +265,15 @@ TEST_F(FileIndexTest, UsersSeeAndChangeOnlyWhatTheyMay) {
 // state is shared across processes and read by anyone; readers answer from a
 // snapshot of the store while no commit has happened since it was taken.
 TEST_F(FileIndexTest, QueuePauseAndSnapshot) {
-  ASSERT_EQ(0,
-            Add("root", R"([{"path": "/volume1/photo/shared"}, {"path": "/volume1/photo/ann"}])"));
+  ASSERT_EQ(0, Call("root", 'a',
+                    R"([{"path": "/volume1/photo/shared"}, {"path": "/volume1/photo/ann"}])"));
   // A rewrite interrupted before its rename left entries in the twin, the
   // last one cut off. The same entry queued again moves to the end; another
   // operation on the same folder is another entry.
   WriteFile(std::string(kQueue) + ".tmp",
             "# kestondri queue 1\nremove\t/volume1/photo/old\nreindex\t/volume1/photo/cu");
-  for (const char* path :
-       {"/volume1/photo/shared", "/volume1/photo/ann", "/volume1/photo/shared"}) {
-    EXPECT_EQ(0,
-              CodeOf("root", [&] { FolderReindex(ParseJson(std::string("[\"") + path + "\"]")); }));
+  for (const char* path : {"shared", "ann", "shared"}) {
+    EXPECT_EQ(0, Call("root", 'i', std::string("[\"/volume1/photo/") + path + "\"]"));
   }
   EXPECT_EQ(
       "# kestondri queue 2\nremove\t/volume1/photo/old\nupdate\t/volume1/photo/shared\n"
@@ -317,7 +307,7 @@ TEST_F(FileIndexTest, QueuePauseAndSnapshot) {
   EXPECT_EQ(std::set<std::string>{"forged"}, FolderMgr().GetIndexedShares());
   // A commit by another process retires it.
   ASSERT_EQ("0", kesttest::InChildAs("root", [] {
-              return std::to_string(Add("root", R"([{"path": "/volume1/docs/open"}])"));
+              return std::to_string(Call("root", 'a', R"([{"path": "/volume1/docs/open"}])"));
             }));
   EXPECT_EQ((std::set<std::string>{"docs", "photo"}), FolderMgr().GetIndexedShares());
 
@@ -358,7 +348,7 @@ TEST_F(FileIndexTest, QueuePauseAndSnapshot) {
 
   // A new database never inherits the snapshot of the one it replaces.
   ASSERT_EQ(0, unlink("/var/packages/KestOndri/var/fileindex/folders.db"));
-  ASSERT_EQ(0, Add("bob", R"([{"path": "/volume1/photo/bob"}])"));
+  ASSERT_EQ(0, Call("bob", 'a', R"([{"path": "/volume1/photo/bob"}])"));
   EXPECT_EQ(std::vector<std::string>{"/volume1/photo/bob"}, ListedPaths("root"));
 
   // (The module's search tests hold the names and ids of shares.)
