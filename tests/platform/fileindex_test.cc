@@ -29,44 +29,48 @@ void MakeDir(const std::string& path, uid_t owner, mode_t mode) {
   ASSERT_EQ(0, chmod(path.c_str(), mode));
 }
 
-std::vector<std::string> ListedPaths(const std::string& user) {
-  std::vector<std::string> paths;
-  As(user, [&] {
-    Json::Value page;
-    FolderList(page, 0, UINT64_MAX, "", "", "all", "", Json::Value());
-    for (const auto& f : page["folders"]) paths.push_back(f["path"].asString());
-  });
-  return paths;
+// The names (or another field) of the folders `user` lists with FolderList's
+// arguments; "error <code>" when it throws.
+std::vector<std::string> Listed(const std::string& user, const char* field = "path",
+                                const char* sort = "", const char* dir = "",
+                                const char* group = "all", const char* pattern = "",
+                                uint64_t limit = UINT64_MAX, const char* additional = "null") {
+  Json::Value page;
+  const int code = CodeOf(
+      user, [&] { FolderList(page, 0, limit, sort, dir, group, pattern, ParseJson(additional)); });
+  std::vector<std::string> out;
+  for (const auto& f : page["folders"]) out.push_back(f[field].asString());
+  return code ? std::vector<std::string>{"error " + std::to_string(code)} : out;
 }
 
-// One call of the library as `user` on JSON text (a path or an owner's name
-// for g and o): a(dd), s(et), r(eplace), d(elete), o(wner's folders
-// deleted), i (reindex), g(et), p(ause). The Error's code, 0 for none.
+// One call of the library on JSON text (a path or an owner for g and o):
+// a(dd), s(et), r(eplace), d(elete), o(wner's folders deleted), i (reindex),
+// g(et), p(ause).
+void Do(char op, const std::string& text) {
+  Json::Value out;
+  switch (op) {
+    case 'a':
+      return FolderAdd(ParseJson(text), false);
+    case 's':
+      return FolderSet(ParseJson(text), false);
+    case 'r':
+      return FolderSet(ParseJson(text), true);
+    case 'd':
+      return FolderDelete(ParseJson(text));
+    case 'o':
+      return FolderDelete(text);
+    case 'i':
+      return FolderReindex(ParseJson(text));
+    case 'g':
+      return FolderGet(out, text);
+    case 'p':
+      return StatusMgr().Pause(10);
+  }
+}
+// Do as `user`: the Error's code, 0 for none.
 int Call(const std::string& user, char op, const std::string& text, std::string* reason = nullptr) {
   return CodeOf(
-      user,
-      [&] {
-        Json::Value out;
-        switch (op) {
-          case 'a':
-            return FolderAdd(ParseJson(text), false);
-          case 's':
-            return FolderSet(ParseJson(text), false);
-          case 'r':
-            return FolderSet(ParseJson(text), true);
-          case 'd':
-            return FolderDelete(ParseJson(text));
-          case 'o':
-            return FolderDelete(text);
-          case 'i':
-            return FolderReindex(ParseJson(text));
-          case 'g':
-            return FolderGet(out, text);
-          case 'p':
-            return StatusMgr().Pause(10);
-        }
-      },
-      reason);
+      user, [&] { Do(op, text); }, reason);
 }
 // The entry as `user` sees it, but for its time of creation.
 Json::Value Get(const std::string& user, const std::string& path) {
@@ -133,16 +137,11 @@ TEST_F(FileIndexTest, EachCallerSeesAndChangesOnlyWhatTheyMay) {
   ASSERT_EQ(0, Call("root", 'a', R"([{"path": "/volume1/docs/open", "owner": "carol"}])"));
   const std::vector<std::string> all = {"/volume1/docs/open", "/volume1/photo/ann",
                                         "/volume1/photo/bob", "/volume1/photo/shared"};
-  EXPECT_EQ(all, ListedPaths("root"));
-  EXPECT_EQ((std::vector<std::string>{all[0], all[1], all[3]}), ListedPaths("ann"));
-  EXPECT_EQ(std::vector<std::string>{all[3]}, ListedPaths("dave"));  // no docs for dave
-  Json::Value groups, summary;
-  As("ann", [&] { FolderListGroups(groups); });
-  EXPECT_EQ(ParseJson(R"({"groups": [{"id": "all", "name": "all", "count": 3},
-                           {"id": "mine", "name": "mine", "count": 1},
-                           {"id": "share:docs", "name": "docs", "count": 1},
-                           {"id": "share:photo", "name": "photo", "count": 2}]})"),
-            groups);
+  EXPECT_EQ(all, Listed("root"));
+  EXPECT_EQ((std::vector<std::string>{all[0], all[1], all[3]}), Listed("ann"));
+  EXPECT_EQ(std::vector<std::string>{all[3]}, Listed("dave"));  // no docs for dave
+  // What a user may not see is not counted for them either.
+  Json::Value summary;
   As("bob", [&] { FolderSummary(summary); });
   EXPECT_EQ(ParseJson(R"({"total": 3, "mine": 2, "paused": 0, "shares": 2, "indexing_paused":
       false, "types": {"video": 3, "audio": 3, "photo": 3, "document": 3}})"),
@@ -210,7 +209,7 @@ TEST_F(FileIndexTest, EachCallerSeesAndChangesOnlyWhatTheyMay) {
   EXPECT_EQ(502, Call("root", 'a', R"([{"path": "/volume1/docs/more"}])", &reason));
   EXPECT_NE(std::string::npos, reason.find("docs.queue.tmp")) << reason;
   rmdir("/volume1/@kestondri/queue/docs.queue.tmp");
-  EXPECT_EQ(all, ListedPaths("root"));
+  EXPECT_EQ(all, Listed("root"));
   EXPECT_EQ(queue, ReadFile(kQueue));
 
   ASSERT_EQ(0, Call("bob", 's',
@@ -218,25 +217,18 @@ TEST_F(FileIndexTest, EachCallerSeesAndChangesOnlyWhatTheyMay) {
   Json::Value entry = Get("ann", all[3]);
   EXPECT_EQ("Beta true paused", entry["name"].asString() + " " + Json::toString(entry["paused"]) +
                                     " " + entry["additional"]["status"].asString());
-  // "<total>:<name>,<name>,..." of one page, or the error's code. (The module's
-  // folder tests hold the pages, the order by name and the share groups.)
-  auto list = [](const char* user, uint64_t limit, const char* sort, const char* dir,
-                 const char* group, const char* pattern, const char* additional = "null") {
-    Json::Value page;
-    const int code = CodeOf(user, [&] {
-      FolderList(page, 0, limit, sort, dir, group, pattern, ParseJson(additional));
-    });
-    std::string names = std::to_string(page["total"].asUInt64()) + ":";
-    for (const auto& f : page["folders"]) names += f["name"].asString() + ",";
-    return code ? "error " + std::to_string(code) : names;
-  };
-  EXPECT_EQ("4:Pics,open,", list("root", 2, "name", "DESC", "all", ""));
-  EXPECT_EQ("1:Pics,", list("ann", UINT64_MAX, "", "", "mine", ""));
-  EXPECT_EQ("3:Beta,bob,Pics,", list("root", UINT64_MAX, "name", "", "all", "PHOTO"));  // path
-  EXPECT_EQ("1:Beta,", list("root", UINT64_MAX, "", "", "all", "bet"));                 // name
-  EXPECT_EQ("error 120", list("root", 1, "", "up", "all", ""));
-  EXPECT_EQ("error 120", list("root", 1, "", "", "others", ""));
-  EXPECT_EQ("error 120", list("root", 1, "", "", "all", "", R"(["owner_uid"])"));
+  // (The module's folder tests hold the pages, the order by name and the
+  // share groups.)
+  using V = std::vector<std::string>;
+  EXPECT_EQ((V{"Pics", "open"}), Listed("root", "name", "name", "DESC", "all", "", 2));
+  EXPECT_EQ(V{"Pics"}, Listed("ann", "name", "", "", "mine"));
+  EXPECT_EQ((V{"Beta", "bob", "Pics"}), Listed("root", "name", "name", "", "all", "PHOTO"));
+  EXPECT_EQ(V{"Beta"}, Listed("root", "name", "", "", "all", "bet"));  // by name
+  for (const auto& bad :
+       {V{"up", "all", "null"}, V{"", "others", "null"}, V{"", "all", R"(["owner_uid"])"}}) {
+    EXPECT_EQ(V{"error 120"},
+              Listed("root", "name", "", bad[0].c_str(), bad[1].c_str(), "", 1, bad[2].c_str()));
+  }
   // replace: what is not given returns to its default.
   ASSERT_EQ(0, Call("bob", 'r', R"([{"path": "/volume1/photo/shared", "audio": false}])"));
   entry = Get("bob", all[3]);
@@ -255,15 +247,16 @@ TEST_F(FileIndexTest, EachCallerSeesAndChangesOnlyWhatTheyMay) {
   EXPECT_EQ("unavailable", page["folders"][0]["additional"]["status"].asString());
   EXPECT_EQ("processing", page["folders"][1]["additional"]["status"].asString());
   EXPECT_EQ((std::set<std::string>{"docs", "photo"}), FolderMgr().GetIndexedShares());
-  EXPECT_EQ(std::vector<std::string>{all[2]}, ListedPaths("bob"));
+  EXPECT_EQ(std::vector<std::string>{all[2]}, Listed("bob"));
   EXPECT_EQ(0, Call("root", 'd', R"(["/volume1/docs/open"])"));
   EXPECT_EQ(0, Call("root", 'o', "bob"));
-  EXPECT_TRUE(ListedPaths("root").empty());
+  EXPECT_TRUE(Listed("root").empty());
 }
 
 // The queue keeps its order and survives an interrupted rewrite; the pause
-// state is shared across processes and read by anyone; readers answer from a
-// snapshot of the store while no commit has happened since it was taken.
+// state is shared across processes and read by anyone (its lengths: the
+// module's status tests); readers answer from a snapshot of the store while
+// no commit has happened since it was taken.
 TEST_F(FileIndexTest, QueuePauseAndSnapshot) {
   ASSERT_EQ(0, Call("root", 'a',
                     R"([{"path": "/volume1/photo/shared"}, {"path": "/volume1/photo/ann"}])"));
@@ -281,9 +274,6 @@ TEST_F(FileIndexTest, QueuePauseAndSnapshot) {
       ReadFile(kQueue));
   EXPECT_NE(0, access((std::string(kQueue) + ".tmp").c_str(), F_OK));
 
-  // (The module's status tests hold the pause's lengths.)
-  StatusMgr status;
-  EXPECT_EQ(1, status.GetPauseInfo());  // not paused: a time long past
   ASSERT_EQ("0", kesttest::InChildAs("root", [] {
               StatusMgr().Pause(0);
               return "0";
@@ -291,8 +281,8 @@ TEST_F(FileIndexTest, QueuePauseAndSnapshot) {
   int64_t seen = -1;
   As("dave", [&] { seen = StatusMgr().GetPauseInfo(); });
   EXPECT_EQ(0, seen);  // until resumed
-  status.Resume();
-  EXPECT_EQ(1, status.GetPauseInfo());
+  StatusMgr().Resume();
+  EXPECT_EQ(1, StatusMgr().GetPauseInfo());  // not paused: a time long past
 
   const std::string snapshot = "/var/packages/KestOndri/var/fileindex/folders.snapshot";
   EXPECT_EQ(std::set<std::string>{"photo"}, FolderMgr().GetIndexedShares());
@@ -342,20 +332,14 @@ TEST_F(FileIndexTest, QueuePauseAndSnapshot) {
   entry[0]["path"] = odd;
   ASSERT_EQ(0, CodeOf("root", [&] { FolderAdd(entry, false); }));
   for (int read = 0; read < 2; ++read) {  // from the store, then from the snapshot
-    const auto paths = ListedPaths("root");
+    const auto paths = Listed("root");
     EXPECT_NE(paths.end(), std::find(paths.begin(), paths.end(), odd)) << read;
   }
 
   // A new database never inherits the snapshot of the one it replaces.
   ASSERT_EQ(0, unlink("/var/packages/KestOndri/var/fileindex/folders.db"));
   ASSERT_EQ(0, Call("bob", 'a', R"([{"path": "/volume1/photo/bob"}])"));
-  EXPECT_EQ(std::vector<std::string>{"/volume1/photo/bob"}, ListedPaths("root"));
-
-  // (The module's search tests hold the names and ids of shares.)
-  std::string name = "x", path = "y";
-  GetShareNamePathByFullPath("/volume1/other/a", name, path);
-  EXPECT_EQ("", name + path);
-  EXPECT_THROW(elastic::GetFileIndexID(""), Error);
+  EXPECT_EQ(std::vector<std::string>{"/volume1/photo/bob"}, Listed("root"));
 }
 
 }  // namespace
