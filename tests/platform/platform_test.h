@@ -1,6 +1,6 @@
-// What the platform's tests share: the C library's records and lists,
-// acting as a user, the code of a thrown error, and random owners, modes and
-// ACLs (the module's permission test uses them too).
+// What the platform's tests share: the items of a list, acting as a user,
+// the code of a thrown error, and random owners, modes and ACLs (the
+// module's permission test uses them too).
 #ifndef KEST_TESTS_PLATFORM_PLATFORM_TEST_H_
 #define KEST_TESTS_PLATFORM_PLATFORM_TEST_H_
 
@@ -10,7 +10,6 @@
 #include <unistd.h>
 
 #include <functional>
-#include <memory>
 #include <random>
 #include <string>
 #include <vector>
@@ -21,14 +20,7 @@
 
 namespace kesttest {
 
-// A record or list the C library handed out, freed with its own function.
-template <typename T, void (*Free)(T*)>
-struct Freer {
-  void operator()(T* p) const { Free(p); }
-};
-using UserPtr = std::unique_ptr<KESTUSER, Freer<KESTUSER, KESTUserFree>>;
-using ListPtr = std::unique_ptr<KLIBCSZLIST, Freer<KLIBCSZLIST, KLIBCSzListFree>>;
-
+// The items of a list the C library handed out.
 inline std::vector<std::string> Items(PKLIBCSZLIST list) {
   std::vector<std::string> out;
   for (int i = 0; list && i < list->nItem; ++i) out.push_back(KLIBCSzListGet(list, i));
