@@ -108,8 +108,8 @@ TEST_F(IdentityTest, SwitchesEffectiveIdsAndGroupsAndCanSwitchAgain) {
     const char* user;
     bool with_groups;
     bool ok;
-    uid_t uid;  // the same number names the user's own group
-    std::vector<gid_t> groups;
+    uid_t uid;                  // the same number names the user's own group
+    std::vector<gid_t> groups;  // in order
   } steps[] = {
       {"ann", true, true, kAnnUid, {kAnnUid, kStaffGid}},
       {"dave", false, true, kDaveUid, {kAnnUid, kStaffGid}},
@@ -133,9 +133,7 @@ TEST_F(IdentityTest, SwitchesEffectiveIdsAndGroupsAndCanSwitchAgain) {
     ASSERT_EQ(0, getresgid(&gids[0], &gids[1], &gids[2]));
     EXPECT_EQ((std::vector<uid_t>{0, step.uid, 0, 0, step.uid, 0}),
               (std::vector<uid_t>{uids[0], uids[1], uids[2], gids[0], gids[1], gids[2]}));
-    std::vector<gid_t> expected = step.groups;
-    std::sort(expected.begin(), expected.end());
-    EXPECT_EQ(expected, Groups());
+    EXPECT_EQ(step.groups, Groups());
     const std::string path = "/tmp/identity_" + std::to_string(n++);
     std::ofstream(path) << "x";
     struct stat st;
