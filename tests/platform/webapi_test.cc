@@ -107,14 +107,6 @@ TEST(WebAPITest, EachGetterAcceptsExactlyItsTypesWhetherRequiredOrNot) {
       read(request.GetAndCheckObject("p", R), 'o', v, fallback);
       read(request.GetAndCheckUnitArray("p", R), 'a', v, fallback);
     }
-  const APIRequest request(ParseJson(R"({"p": 5})"), 2001, "ann", "sid", false);
-  const auto p =
-      request.GetAndCheckInt("p", APIRequest::PARAM_OPTIONAL, [](const int& v) { return v != 5; });
-  EXPECT_TRUE(p.IsInvalid());
-  EXPECT_EQ(9, p.Get(9));
-  // Parameters that are no object have no members at all.
-  EXPECT_EQ(Json::Value(Json::objectValue),
-            APIRequest(ParseJson("[1,2]"), 2003, "carol", "session-1", true).GetParams());
 }
 
 // Calls in order (a code of 0 is SetSuccess(data), any other SetError(code,
