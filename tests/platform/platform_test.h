@@ -36,9 +36,7 @@ class IdentityTest : public testing::Test {
 // Runs `body` as `user` (effective ids and groups, as the module acts), then
 // as root again; the library must have given back any privilege it took.
 inline void As(const std::string& user, const std::function<void()>& body) {
-  if (user != "root") {
-    ASSERT_TRUE(ResetCredentialsByName(user, true)) << user;
-  }
+  ASSERT_TRUE(ResetCredentialsByName(user, true)) << user;
   const uid_t euid = geteuid();
   body();
   EXPECT_EQ(euid, geteuid()) << "privilege not given back";

@@ -75,9 +75,7 @@ TEST_F(PrefDBTest, EachUsersRecordsInADatabaseClosedToOthers) {
       {"ann", [] { Keywords(kBobUid); }, kErrNoPermission},
       {"ann", [] { Record(kBobUid, "planted", 20); }, kErrNoPermission},
       {"ann", [] { Preference(kAnnUid).Get<bool>("no_such_key"); }, kErrInvalidParam},
-      {"ann", [] { Preference(kAnnUid).Get<bool>("max_history_num"); }, kErrInvalidParam},
       {"ann", [] { Preference(kAnnUid).Get<std::string>("enable_history"); }, kErrInvalidParam},
-      {"ann", [] { Preference(kAnnUid).Set<int>("enable_history", 1); }, kErrInvalidParam},
       {"bob", [] { EXPECT_EQ(50, Preference(kBobUid).Get<int>("max_history_num")); }, 0},
       {"KestOndri", [] { EXPECT_EQ(7, Preference(kAnnUid).Get<int>("max_history_num")); }, 0},
   };
