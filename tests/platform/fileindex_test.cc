@@ -1,6 +1,5 @@
-// The indexing library on the real platform: validation, who may do what,
-// transactions, the queue files, the pause state across processes and the
-// store's snapshot. One scenario per concern, each on a fresh store.
+// The indexing library on the real platform, one scenario per concern, each
+// on a fresh store.
 #include <algorithm>
 #include <climits>
 #include <map>
@@ -46,9 +45,8 @@ std::vector<std::string> Listed(const std::string& user, const char* field = "pa
   return code ? std::vector<std::string>{"error " + std::to_string(code)} : out;
 }
 
-// One call of the library on JSON text (a path or an owner for g and o):
-// a(dd), s(et), r(eplace), d(elete), o(wner's folders deleted), i (reindex),
-// g(et), p(ause).
+// A call of the library on JSON text, a path (g) or an owner (o): a(dd),
+// s(et), r(eplace), d(elete), o, i (reindex), g(et), p(ause).
 void Do(char op, const std::string& text) {
   Json::Value out;
   const std::map<char, std::function<void()>> calls = {
@@ -180,8 +178,7 @@ TEST_F(FileIndexTest, EachCallerSeesAndChangesOnlyWhatTheyMay) {
       // One bad folder spoils the batch: the good one before it is not added.
       {"ann", 'a', R"([{"path": "/volume1/docs/more"}, {"path": "/volume1/photo/none"}])", 120,
        "no such folder"},
-      // ann can read bob's shared folder but does not own it. (Reindexing it
-      // and resuming: the module's folder and status tests.)
+      // ann can read bob's shared folder but does not own it.
       {"ann", 'd', R"(["/volume1/photo/shared"])", 507, "only the owner"},
       {"ann", 's', R"([{"path": "/volume1/photo/shared", "paused": true}])", 507, "only the"},
       // bob's private folder does not exist as far as ann can tell.
@@ -213,8 +210,7 @@ TEST_F(FileIndexTest, EachCallerSeesAndChangesOnlyWhatTheyMay) {
   Json::Value entry = Get("ann", all[3]);
   EXPECT_EQ("Beta true paused", entry["name"].asString() + " " + Json::toString(entry["paused"]) +
                                     " " + entry["additional"]["status"].asString());
-  // (The module's folder tests hold the pages, the order by name and the
-  // share groups.)
+  // (Pages, the order by name, share groups: the module's folder tests.)
   using V = std::vector<std::string>;
   EXPECT_EQ((V{"Pics", "open"}), Listed("root", "name", "name", "DESC", "all", "", 2));
   EXPECT_EQ(V{"Pics"}, Listed("ann", "name", "", "", "mine"));

@@ -1,6 +1,4 @@
-// What the platform's tests share: the items of a list, acting as a user,
-// the code of a thrown error, and random owners, modes and ACLs (the
-// module's permission test uses them too).
+// What the platform's tests share (the module's permission test too).
 #ifndef KEST_TESTS_PLATFORM_PLATFORM_TEST_H_
 #define KEST_TESTS_PLATFORM_PLATFORM_TEST_H_
 

@@ -1,6 +1,5 @@
-// Shared folders on the real platform: /etc/kest/shares.conf and the Samba
-// configuration it may name, share records, privileges, share paths, the
-// home service and mount points.
+// Shared folders on the real platform: shares.conf and the smb.conf it may
+// name, share records, privileges, paths, the home service, mount points.
 #include <sys/mount.h>
 #include <sys/statfs.h>
 
@@ -198,9 +197,8 @@ TEST_F(SharesTest, PrivilegesEnumerationAndLanguages) {
 }
 
 // The share of a volume path, the home service (it needs the switch and the
-// homes share) and the index name in a small buffer. (The module's share
-// paths and share tests hold the paths that lie in a share; index paths of
-// no share cannot come from a configuration the reader accepts.)
+// homes share), the index name in a small buffer. (Paths in a share: the
+// module's share tests; index paths of no share: refused by the reader.)
 TEST_F(SharesTest, PathsOfSharesAndHomes) {
   char name[4096], path[4096];
   for (const auto& c : std::vector<std::pair<const char*, std::string>>{
@@ -227,11 +225,10 @@ TEST_F(SharesTest, PathsOfSharesAndHomes) {
   EXPECT_EQ(KLIB_ERR_SERVICE_DISABLED, KLIBCErrGet());
 }
 
-// Mount points: a symbolic link to one is none, a bind mount of a folder of
-// the same file system is one (volumes and plain folders: the module's search
-// tests). The sandbox's fixed paths are private tmpfs, never the machine's
-// own. (Free space and file copies have no caller but the module's helpers,
-// tested with the module.)
+// A symbolic link to a mount point is none, a bind mount of a folder of the
+// same file system is one (volumes and plain folders: the module's search
+// tests); the sandbox's fixed paths are private tmpfs. (Free space, copies:
+// no caller but the module's helpers, tested there.)
 TEST(FsTest, MountPoints) {
   WriteFile("/volume1/plain/file", "x");
   symlink("/volume2", "/volume1/link-to-volume2");

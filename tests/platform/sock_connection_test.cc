@@ -105,11 +105,9 @@ TEST_F(SockConnectionTest, ReplyScripts) {
   sigaction(SIGUSR1, &old, nullptr);
 }
 
-// One connection's life: what was read ahead never surfaces after a
-// reconnect, messages past the cap are not sent, big ones arrive whole, a
-// peer that went away fails a send without SIGPIPE, a disconnect closes once,
-// a failed reconnect drops the earlier descriptor; connect failures leave
-// none behind.
+// What was read ahead never surfaces after a reconnect; messages past the
+// cap are not sent, big ones arrive whole; a send to a peer that went away
+// fails without SIGPIPE; a failed reconnect drops the earlier descriptor.
 TEST_F(SockConnectionTest, OneConnectionsLife) {
   signal(SIGPIPE, SIG_DFL);  // a raised SIGPIPE would end this test binary
   {

@@ -70,9 +70,8 @@ TEST(JsonTextTest, Utf8) {
 }
 
 // Which getter accepts a value: s(tring) i(nt) d(ouble) b(ool) o(bject)
-// a(rray), at the bounds of an int; no text: not given. (Validators and the
-// int64 getter: no caller. Parameters that are no object: the module's
-// checker tests.)
+// a(rray), at the bounds of an int; no text: not given. (Validators, int64:
+// no caller; parameters that are no object: the module's checker tests.)
 TEST(WebAPITest, EachGetterAcceptsExactlyItsTypesWhetherRequiredOrNot) {
   const struct {
     const char* json;
