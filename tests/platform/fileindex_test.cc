@@ -1,12 +1,17 @@
-// The indexing library on the real platform, one scenario per concern, each
-// on a fresh store.
+// The package's data on the real platform: the indexing library's store and
+// queues, preferences and search history; one scenario per concern.
+#include <fcntl.h>
+#include <sys/wait.h>
+
 #include <algorithm>
 #include <climits>
 #include <map>
 #include <set>
 
 #include "kest/json.h"
+#include "kestondri/db.h"
 #include "kestondri/fileindex.h"
+#include "kestondri/pref.h"
 #include "platform/platform_test.h"
 #include "support/syslog_capture.h"
 
@@ -14,14 +19,14 @@ namespace kestondri {
 namespace fileindex {
 namespace {
 
-using kesttest::As;
-using kesttest::CodeOf;
-using kesttest::ParseJson;
-using kesttest::ReadFile;
-using kesttest::WriteFile;
-using kesttest::WriteSharesConf;
+using db::DBSession;
+using db::SearchHistory;
+using db::SearchHistoryTable;
+using namespace kesttest;  // NOLINT(build/namespaces): the sandbox's users and helpers
+using pref::Preference;
 
 constexpr char kQueue[] = "/volume1/@kestondri/queue/photo.queue";
+constexpr char kDB[] = "/var/packages/KestOndri/var/kestondri.db";
 
 void MakeDir(const std::string& path, uid_t owner, mode_t mode) {
   ASSERT_EQ(0, system(("mkdir -p '" + path + "'").c_str()));
@@ -74,7 +79,22 @@ Json::Value Get(const std::string& user, const std::string& path) {
   return entry;
 }
 
-class FileIndexTest : public kesttest::IdentityTest {
+void Record(uint32_t uid, const std::string& keyword, int64_t time, int max = 50) {
+  SearchHistory record;
+  record.uid = uid;
+  record.keyword = keyword;
+  record.time = time;
+  SearchHistoryTable(DBSession::Instance()).UpdateWithTime(record, max);
+}
+std::vector<std::string> Keywords(uint32_t uid) {
+  std::vector<std::string> out;
+  for (const auto& row : SearchHistoryTable(DBSession::Instance()).List(uid)) {
+    out.push_back(row.keyword);
+  }
+  return out;
+}
+
+class FileIndexTest : public IdentityTest {
  protected:
   void SetUp() override {
     system("rm -rf /var/packages/KestOndri /volume1/* /volume1/@kestondri /volume2/*");
@@ -84,9 +104,9 @@ class FileIndexTest : public kesttest::IdentityTest {
         "[docs]\npath = /volume1/docs\ninvalid users = dave\n"
         "[vault]\npath = /volume2/vault\nencrypted = yes\n"
         "[homes]\npath = /volume1/homes\n");
-    MakeDir("/volume1/photo/ann", kesttest::kAnnUid, 0700);
-    MakeDir("/volume1/photo/shared", kesttest::kBobUid, 0755);
-    MakeDir("/volume1/photo/bob", kesttest::kBobUid, 0700);
+    MakeDir("/volume1/photo/ann", kAnnUid, 0700);
+    MakeDir("/volume1/photo/shared", kBobUid, 0755);
+    MakeDir("/volume1/photo/bob", kBobUid, 0700);
     MakeDir("/volume1/docs/open", 0, 0755);
     MakeDir("/volume1/docs/more", 0, 0755);
     MakeDir("/volume2/vault/x", 0, 0755);
@@ -263,7 +283,7 @@ TEST_F(FileIndexTest, QueuePauseAndSnapshot) {
       ReadFile(kQueue));
   EXPECT_NE(0, access((std::string(kQueue) + ".tmp").c_str(), F_OK));
 
-  ASSERT_EQ("0", kesttest::InChildAs("root", [] {
+  ASSERT_EQ("0", InChildAs("root", [] {
               StatusMgr().Pause(0);
               return "0";
             }));
@@ -285,7 +305,7 @@ TEST_F(FileIndexTest, QueuePauseAndSnapshot) {
   WriteFile(snapshot, Json::FastWriter().write(forged));
   EXPECT_EQ(std::set<std::string>{"forged"}, FolderMgr().GetIndexedShares());
   // A commit by another process retires it.
-  ASSERT_EQ("0", kesttest::InChildAs("root", [] {
+  ASSERT_EQ("0", InChildAs("root", [] {
               return std::to_string(Call("root", 'a', R"([{"path": "/volume1/docs/open"}])"));
             }));
   EXPECT_EQ((std::set<std::string>{"docs", "photo"}), FolderMgr().GetIndexedShares());
@@ -306,10 +326,10 @@ TEST_F(FileIndexTest, QueuePauseAndSnapshot) {
   };
   for (const auto& text : damaged) {
     WriteFile(snapshot, text);
-    kesttest::SyslogCapture::Instance().Clear();
+    SyslogCapture::Instance().Clear();
     EXPECT_EQ((std::set<std::string>{"docs", "photo"}), FolderMgr().GetIndexedShares())
         << text.substr(0, 80);
-    EXPECT_TRUE(kesttest::SyslogCapture::Instance().WaitFor("snapshot " + snapshot + " ignored"))
+    EXPECT_TRUE(SyslogCapture::Instance().WaitFor("snapshot " + snapshot + " ignored"))
         << text.substr(0, 80);
     EXPECT_TRUE(ParseJson(ReadFile(snapshot))["rows"].isArray()) << text.substr(0, 80);
   }
@@ -329,6 +349,86 @@ TEST_F(FileIndexTest, QueuePauseAndSnapshot) {
   ASSERT_EQ(0, unlink("/var/packages/KestOndri/var/fileindex/folders.db"));
   ASSERT_EQ(0, Call("bob", 'a', R"([{"path": "/volume1/photo/bob"}])"));
   EXPECT_EQ(std::vector<std::string>{"/volume1/photo/bob"}, Listed("root"));
+}
+
+// The database belongs to the service user whoever made its folder first (a
+// file since handed to another owner and opened up is taken back and
+// closed). Each user keeps their own preferences and history; another user's
+// are out of reach, for reading and for writing. The package reads anyone's.
+TEST_F(FileIndexTest, EachUsersRecordsInADatabaseClosedToOthers) {
+  MakeDir("/var/packages/KestOndri/var", 0, 0755);  // as the folder store does
+  As("ann", [] { EXPECT_TRUE(Preference(kAnnUid).Get<bool>("enable_history")); });
+  ASSERT_EQ(0, chown(kDB, 0, 0));
+  ASSERT_EQ(0, chmod(kDB, 0644));
+  Record(kBobUid, "secret", 10);
+  As("ann", [] {
+    Preference(kAnnUid).Set<bool>("enable_history", false);
+    Preference(kAnnUid).Set<int>("max_history_num", 7);
+    EXPECT_FALSE(Preference(kAnnUid).Get<bool>("enable_history"));
+    Record(kAnnUid, "mine", 30);
+    EXPECT_EQ(-1, open(kDB, O_RDONLY));
+    EXPECT_EQ(EACCES, errno);
+  });
+  for (const std::string file : {"", "/..", "-wal", "-shm"}) {
+    struct stat st {};
+    if (stat((kDB + file).c_str(), &st) == 0 || file.empty()) {
+      EXPECT_EQ(kServiceUid, st.st_uid) << file;
+      EXPECT_EQ(file == "/.." ? 040700u : 0100600u, st.st_mode) << file;
+    }
+  }
+  const struct {
+    const char* user;
+    std::function<void()> call;
+    int code;
+  } calls[] = {
+      {"ann", [] { Preference(kBobUid).Get<bool>("enable_history"); }, kErrNoPermission},
+      {"ann", [] { Preference(kBobUid).Set<bool>("enable_history", false); }, kErrNoPermission},
+      {"bob", [] { Preference(kAnnUid).Get<int>("max_history_num"); }, kErrNoPermission},
+      {"ann", [] { Keywords(kBobUid); }, kErrNoPermission},
+      {"ann", [] { Record(kBobUid, "planted", 20); }, kErrNoPermission},
+      {"ann", [] { Preference(kAnnUid).Get<bool>("no_such_key"); }, kErrInvalidParam},
+      {"ann", [] { Preference(kAnnUid).Get<std::string>("enable_history"); }, kErrInvalidParam},
+      {"bob", [] { EXPECT_EQ(50, Preference(kBobUid).Get<int>("max_history_num")); }, 0},
+      {"KestOndri", [] { EXPECT_EQ(7, Preference(kAnnUid).Get<int>("max_history_num")); }, 0},
+  };
+  for (const auto& c : calls) EXPECT_EQ(c.code, CodeOf(c.user, c.call)) << c.user;
+  EXPECT_EQ((std::vector<std::string>{"secret"}), Keywords(kBobUid));
+  EXPECT_EQ((std::vector<std::string>{"mine"}), Keywords(kAnnUid));
+}
+
+TEST_F(FileIndexTest, HistoryRefreshesKnownKeywordsAndKeepsTheNewestUpToTheLimit) {
+  Record(kAnnUid, "alpha", 100);
+  Record(kAnnUid, "beta", 200);
+  Record(kAnnUid, "alpha", 300);  // searched again: moves to the front, no twin
+  EXPECT_EQ((std::vector<std::string>{"alpha", "beta"}), Keywords(kAnnUid));
+  EXPECT_EQ(300, SearchHistoryTable(DBSession::Instance()).List(kAnnUid)[0].time);
+  Record(kAnnUid, "gamma", 400, 2);  // the oldest goes first
+  EXPECT_EQ((std::vector<std::string>{"gamma", "alpha"}), Keywords(kAnnUid));
+  // Within one second the later search still counts as newer.
+  Record(kAnnUid, "delta", 400, 2);
+  EXPECT_EQ((std::vector<std::string>{"delta", "gamma"}), Keywords(kAnnUid));
+  Record(kBobUid, "bob's", 50, 1);  // limits are per user
+  EXPECT_EQ((std::vector<std::string>{"delta", "gamma"}), Keywords(kAnnUid));
+
+  // Writers in several processes at once lose nothing.
+  constexpr int kWriters = 6, kEach = 25;
+  std::vector<pid_t> pids;
+  for (int w = 0; w < kWriters; ++w) {
+    pids.push_back(fork());
+    if (pids.back() == 0) {
+      const bool ok = ResetCredentialsByName("KestOndri");
+      for (int i = 0; ok && i < kEach; ++i) {
+        Record(kBobUid, "w" + std::to_string(w) + "-" + std::to_string(i), 1000 + i, 1000);
+      }
+      _exit(ok ? 0 : 1);
+    }
+  }
+  for (pid_t pid : pids) {
+    int status = -1;
+    EXPECT_EQ(pid, waitpid(pid, &status, 0));
+    EXPECT_EQ(0, status);
+  }
+  EXPECT_EQ(static_cast<size_t>(kWriters * kEach + 1), Keywords(kBobUid).size());
 }
 
 }  // namespace

@@ -85,10 +85,8 @@ TEST_F(SharesTest, ConfigurationTexts) {
       // Trailing slash dropped; ftp: KEST_FTP_PRIV_DISABLE_LIST | _DOWNLOAD.
       {kConf, "photo /volume1/photo ftp 5", "photo"},
       {kConf, "secret /volume2/secret read-only encrypted ftp 0", "secret"},
-      {kConf, "not found", "nosuch"},
       // Read-only for Samba's clients, yet indexed.
       {kWithSamba, "media /volume2/media ftp 0", "media", kSmbConf},
-      {"=", "projects /volume1/projects ftp 0", "projects", kSmbConf},
       // An edit of smb.conf alone counts at the next call.
       {"=", "not found", "projects", "[media]\npath = /volume2/media\n"},
       {"-", "error: /etc/kest/shares.conf", "photo"},
@@ -180,9 +178,6 @@ TEST_F(SharesTest, PrivilegesEnumerationAndLanguages) {
     ASSERT_EQ(0, KESTShareGet(c.share, &share.share)) << c.share;
     EXPECT_EQ(c.priv, KESTShareUserPrivCalc(c.user, share.share)) << c.share << " " << c.user;
   }
-  ShareHolder lists;
-  ASSERT_EQ(0, KESTShareGet("Lists", &lists.share));
-  EXPECT_EQ((std::vector<std::string>{"ann", "bob"}), Items(lists.share->pReadList));
   PKLIBCSZLIST list = KLIBCSzListAlloc(1);
   ASSERT_EQ(8, KLIBShareEnum(&list, nullptr)) << KLIBCErrTextGet();
   EXPECT_EQ((std::vector<std::string>{"photo", "docs", "secret", "homes", "ro", "Lists", "projects",

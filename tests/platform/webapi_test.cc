@@ -33,16 +33,14 @@ TEST(JsonTextTest, FromStringAcceptsExactlyOneValue) {
       {std::string(1000, '[') + std::string(1000, ']'), true},
       {std::string(1001, '[') + std::string(1001, ']'), false},
       {std::string(100000, '{'), false},  // the library throws on it
+      {"[" + std::string((64u << 20) - 2, ' ') + "]", true},
+      {"[" + std::string((64u << 20) - 1, ' ') + "]", false},  // over 64 MiB
   };
   for (const auto& c : cases) {
     Json::Value value("untouched");
     EXPECT_EQ(c.second, Json::fromString(value, c.first)) << c.first.substr(0, 60);
     EXPECT_EQ(c.second, value != Json::Value("untouched")) << c.first.substr(0, 60);
   }
-  std::string text = "[" + std::string((64u << 20) - 2, ' ') + "]";
-  Json::Value value;
-  EXPECT_TRUE(Json::fromString(value, text));
-  EXPECT_FALSE(Json::fromString(value, text + " ")) << "over 64 MiB";
   const Json::Value v = ParseJson(R"({"b":"é \"q\"","a":[1,-2.5,null,{}]})");
   EXPECT_EQ(R"({"a":[1,-2.5,null,{}],"b":"é \"q\""})", Json::toString(v));  // compact
 }
