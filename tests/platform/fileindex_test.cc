@@ -300,7 +300,6 @@ TEST_F(FileIndexTest, QueuePauseAndSnapshot) {
   EXPECT_EQ(0100600u, st.st_mode | st.st_uid);
   // Proof that the snapshot is what answers: alter it behind the store's back.
   Json::Value forged = ParseJson(ReadFile(snapshot));
-  ASSERT_TRUE(forged["rows"].isArray()) << ReadFile(snapshot);
   for (auto& row : forged["rows"]) row[3] = "forged";
   WriteFile(snapshot, Json::FastWriter().write(forged));
   EXPECT_EQ(std::set<std::string>{"forged"}, FolderMgr().GetIndexedShares());

@@ -115,7 +115,6 @@ TEST_F(IdentityTest, SwitchesEffectiveIdsAndGroupsAndCanSwitchAgain) {
       {"bob", true, true, kBobUid, {kBobUid, kStaffGid}},
       {"nosuchuser", true, false, kBobUid, {kBobUid, kStaffGid}},
       {"dave", true, true, kDaveUid, {kDaveUid}},
-      {"carol", true, true, kCarolUid, {kCarolUid, kAdministratorsGid}},
       {"root", true, true, 0, {0}},
       {"ann", true, true, kAnnUid, {kAnnUid, kStaffGid}},
   };

@@ -38,7 +38,6 @@ const char kSmbConf[] =
     "[off]\n   path = /volume1/off\n   available = no\n"
     "[DOCS]\n   path = /volume1/docs2\n";
 
-// kConf with Samba's shares beside its own.
 const std::string kWithSamba = std::string(kConf).insert(
     strlen("; shares of the test host\n[global]\n"), "samba config = /etc/kest/smb.conf\n");
 

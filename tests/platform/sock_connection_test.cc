@@ -29,8 +29,6 @@ class SockConnectionTest : public testing::Test {
   int fds_ = 0;
 };
 
-void OnSignal(int) {}
-
 // Replies of one or several messages, arriving in pieces that need not follow
 // the frames, the connection closed after the last step: the reader hands out
 // each message whole, in order, then fails and leaves the buffer it was given
@@ -73,7 +71,7 @@ TEST_F(SockConnectionTest, ReplyScripts) {
       {"silent peer times out", DaemonReply().HoldUntilClientGoes(), {}},
   };
   struct sigaction action {};
-  action.sa_handler = OnSignal;  // no SA_RESTART: calls really see EINTR
+  action.sa_handler = [](int) {};  // no SA_RESTART: calls really see EINTR
   sigemptyset(&action.sa_mask);
   struct sigaction old {};
   ASSERT_EQ(0, sigaction(SIGUSR1, &action, &old));
