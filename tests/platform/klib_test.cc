@@ -187,6 +187,7 @@ TEST(KlibProcessTest, PidFilesAndStringLists) {
   list->nItem = 1;  // past the end, even where the slot still holds a string
   for (int i : {1, -1}) EXPECT_EQ(nullptr, KLIBCSzListGet(list, i)) << i;
   EXPECT_GT(0, KLIBCSzListPush(&list, nullptr));
+  list->nItem = 2;
   KLIBCSzListFree(list);
 }
 
