@@ -1,79 +1,59 @@
-// The platform's C library on the real system: users, groups, identity
-// switching, pid files, string lists. (The fork flag's reset of signals is
-// checked by the module's request tests, in the child they fork.)
+// The platform's C library on the real system. Callers log errno as the
+// cause of their next failure: a call that did not fail on a system call
+// leaves it as it was. (The fork flag's reset of signals: the module's
+// request tests, in the child they fork.)
+#include <sys/wait.h>
+
 #include <algorithm>
 #include <cerrno>
-#include <cstring>
-#include <fstream>
-#include <sstream>
 
 #include "platform/platform_test.h"
 
 namespace kesttest {
 namespace {
 
+// Each record by name and by uid, or the failure's code.
 TEST(KlibUserTest, LookupsByNameAndUid) {
+  const std::string system = " " + std::to_string(KEST_USER_FLAG_SYSTEM);
   const struct {
     const char* name;
     uid_t uid;
-    int flags_or_error;  // the record's flags, or the error code of a failure
+    std::string record;  // name, uid, gid (each user's own group has its number), flags
   } cases[] = {
-      {"ann", kAnnUid, 0},
-      {"KestOndri", kServiceUid, KEST_USER_FLAG_SYSTEM},
-      {"root", 0, KEST_USER_FLAG_SYSTEM},
-      {"nosuchuser", 54321, -KLIB_ERR_USER_NOT_FOUND},
-      {"", 0, -KLIB_ERR_BAD_PARAM},
-      {nullptr, 0, -KLIB_ERR_BAD_PARAM},
+      {"ann", kAnnUid, "ann 2001 2001 0"},
+      {"KestOndri", kServiceUid, "KestOndri 990 990" + system},
+      {"root", 0, "root 0 0" + system},
+      {"nosuchuser", 54321, "error " + std::to_string(KLIB_ERR_USER_NOT_FOUND)},
   };
   for (const auto& c : cases) {
-    PKESTUSER raw = reinterpret_cast<PKESTUSER>(0x1);
-    if (c.flags_or_error < 0) {
-      EXPECT_GT(0, KESTUserGet(c.name, &raw));
-      EXPECT_EQ(-c.flags_or_error, KLIBCErrGet()) << c.name;
-      if (c.uid) {
-        EXPECT_EQ(nullptr, raw);
-        EXPECT_GT(0, KESTUserGetByUID(c.uid, &raw));
-        EXPECT_EQ(nullptr, raw);
-        EXPECT_EQ(KLIB_ERR_USER_NOT_FOUND, KLIBCErrGet());
-      }
-      continue;
+    for (const bool by_uid : {false, true}) {
+      PKESTUSER raw = reinterpret_cast<PKESTUSER>(0x1);
+      errno = EXDEV;
+      const int rc = by_uid ? KESTUserGetByUID(c.uid, &raw) : KESTUserGet(c.name, &raw);
+      EXPECT_EQ(EXDEV, errno);
+      EXPECT_EQ(c.record, rc ? "error " + std::to_string(KLIBCErrGet())
+                             : std::string(raw->szName) + " " + std::to_string(raw->nUID) + " " +
+                                   std::to_string(raw->nGID) + " " + std::to_string(raw->fFlags));
+      EXPECT_TRUE(rc == 0 || !raw) << c.name;
+      if (rc == 0) KESTUserFree(raw);
     }
-    ASSERT_EQ(0, KESTUserGet(c.name, &raw)) << c.name;
-    UserPtr by_name(raw);
-    EXPECT_STREQ(c.name, by_name->szName);
-    EXPECT_EQ(c.uid, by_name->nUID);
-    EXPECT_EQ(c.uid, by_name->nGID);  // each user's own group has its number
-    EXPECT_EQ(c.flags_or_error, static_cast<int>(by_name->fFlags)) << c.name;
-    ASSERT_EQ(0, KESTUserGetByUID(c.uid, &raw)) << c.name;
-    UserPtr by_uid(raw);
-    // The name is the record's first member: the module reads it so.
-    EXPECT_STREQ(c.name, *reinterpret_cast<char**>(by_uid.get()));
   }
+  PKESTUSER raw = nullptr;
+  EXPECT_GT(0, KESTUserGet("", &raw));
+  EXPECT_GT(0, KESTUserGet(nullptr, &raw));
   EXPECT_GT(0, KESTUserGet("ann", nullptr));
   EXPECT_EQ(KLIB_ERR_BAD_PARAM, KLIBCErrGet());
 }
 
+// (What group lists hold: the ACL sweep compares permission words computed
+// with and without them.)
 TEST(KlibGroupTest, GroupListsAndAdministrators) {
-  const struct {
-    const char* user;
-    BOOL with_primary;
-    std::vector<std::string> groups;  // the primary group first, the others sorted
-  } cases[] = {
-      {"ann", TRUE, {"ann", "staff"}},
-      {"ann", FALSE, {"staff"}},
-      {"carol", TRUE, {"carol", "administrators"}},
-      {"dave", FALSE, {}},
-  };
-  for (const auto& c : cases) {
-    ListPtr list(KLIBGroupInfoListGet(c.user, c.with_primary));
-    ASSERT_NE(nullptr, list) << c.user;
-    std::vector<std::string> items = Items(list.get());
-    std::sort(items.begin() + (c.with_primary && !items.empty()), items.end());
-    EXPECT_EQ(c.groups, items) << c.user;
-  }
+  errno = EXDEV;
+  KLIBCSzListFree(KLIBGroupInfoListGet("ann", TRUE));
   KLIBCErrSet(KLIB_ERR_NONE);
   EXPECT_EQ(nullptr, KLIBGroupInfoListGet("nosuchuser", TRUE));
   EXPECT_EQ(KLIB_ERR_USER_NOT_FOUND, KLIBCErrGet());
+  EXPECT_EQ(EXDEV, errno);
   EXPECT_EQ(nullptr, KLIBGroupInfoListGet(nullptr, TRUE));
 
   // The administrators are the members of [global]'s group.
@@ -96,28 +76,20 @@ TEST(KlibGroupTest, GroupListsAndAdministrators) {
     unlink("/etc/kest/shares.conf");
     if (c.conf) WriteSharesConf(c.conf);
     SCOPED_TRACE(c.conf ? c.conf : "(none)");
+    errno = EXDEV;
     auto member = [](const char* user) { return std::max(-1, KLIBGroupIsAdminGroupMem(user, 0)); };
     EXPECT_STREQ(c.admin_group, KLIBGroupAdminGroupName());
     EXPECT_EQ(c.ann, member("ann"));
     EXPECT_EQ(c.carol, member("carol"));
     EXPECT_EQ(c.dave, member("dave"));
+    EXPECT_TRUE(!c.conf || errno == EXDEV) << errno;
   }
   unlink("/etc/kest/shares.conf");
+  errno = EXDEV;
   EXPECT_GT(0, KLIBGroupIsAdminGroupMem("nosuchuser", 0));
   EXPECT_EQ(KLIB_ERR_USER_NOT_FOUND, KLIBCErrGet());
+  EXPECT_EQ(EXDEV, errno);
   EXPECT_GT(0, KLIBGroupIsAdminGroupMem(nullptr, 0));
-}
-
-// Real, effective, saved and filesystem uid (or gid) from /proc.
-std::vector<unsigned> ProcIds(const char* key) {
-  std::ifstream in("/proc/self/status");
-  std::string line;
-  std::vector<unsigned> ids;
-  while (std::getline(in, line) && ids.empty()) {
-    std::istringstream fields(line.rfind(key, 0) == 0 ? line.substr(strlen(key)) : "");
-    for (unsigned id; fields >> id;) ids.push_back(id);
-  }
-  return ids;
 }
 
 std::vector<gid_t> Groups() {
@@ -128,42 +100,37 @@ std::vector<gid_t> Groups() {
 }
 
 // Each step switches from where the one before left: a switch without groups
-// keeps the supplementary groups, a failed one the whole identity.
+// keeps the supplementary groups, a failed one the whole identity. Real and
+// saved ids stay root.
 TEST_F(IdentityTest, SwitchesEffectiveIdsAndGroupsAndCanSwitchAgain) {
   const struct {
     const char* user;
     bool with_groups;
     bool ok;
-    uid_t uid;  // the same number names the user's own group
-    std::vector<gid_t> groups;
+    uid_t uid;                  // the same number names the user's own group
+    std::vector<gid_t> groups;  // in order
   } steps[] = {
       {"ann", true, true, kAnnUid, {kAnnUid, kStaffGid}},
       {"dave", false, true, kDaveUid, {kAnnUid, kStaffGid}},
       {"bob", true, true, kBobUid, {kBobUid, kStaffGid}},
       {"nosuchuser", true, false, kBobUid, {kBobUid, kStaffGid}},
-      {"", true, false, kBobUid, {kBobUid, kStaffGid}},
       {"dave", true, true, kDaveUid, {kDaveUid}},
-      {"carol", true, true, kCarolUid, {kCarolUid, kAdministratorsGid}},
       {"root", true, true, 0, {0}},
       {"ann", true, true, kAnnUid, {kAnnUid, kStaffGid}},
   };
-  int n = 0;
   for (const auto& step : steps) {
     SCOPED_TRACE(step.user);
     KLIBCErrSet(KLIB_ERR_NONE);
+    errno = EXDEV;
     ASSERT_EQ(step.ok, ResetCredentialsByName(step.user, step.with_groups));
+    EXPECT_EQ(EXDEV, errno);
     EXPECT_EQ(step.ok ? KLIB_ERR_NONE : KLIB_ERR_USER_NOT_FOUND, KLIBCErrGet());
-    EXPECT_EQ((std::vector<unsigned>{0, step.uid, 0, step.uid}), ProcIds("Uid:"));
-    EXPECT_EQ((std::vector<unsigned>{0, step.uid, 0, step.uid}), ProcIds("Gid:"));
-    std::vector<gid_t> expected = step.groups;
-    std::sort(expected.begin(), expected.end());
-    EXPECT_EQ(expected, Groups());
-    const std::string path = "/tmp/identity_" + std::to_string(n++);
-    std::ofstream(path) << "x";
-    struct stat st;
-    ASSERT_EQ(0, stat(path.c_str(), &st));
-    EXPECT_EQ(step.uid, st.st_uid);
-    EXPECT_EQ(step.uid, st.st_gid);
+    uid_t uids[3], gids[3];
+    ASSERT_EQ(0, getresuid(&uids[0], &uids[1], &uids[2]));
+    ASSERT_EQ(0, getresgid(&gids[0], &gids[1], &gids[2]));
+    EXPECT_EQ((std::vector<uid_t>{0, step.uid, 0, 0, step.uid, 0}),
+              (std::vector<uid_t>{uids[0], uids[1], uids[2], gids[0], gids[1], gids[2]}));
+    EXPECT_EQ(step.groups, Groups());
   }
 }
 
@@ -172,7 +139,6 @@ TEST_F(IdentityTest, SwitchesEffectiveIdsAndGroupsAndCanSwitchAgain) {
 TEST_F(IdentityTest, PrimedIdentityAnswersForItsUserOnly) {
   KLIBUserIdentity dave;
   ASSERT_TRUE(KLIBUserIdentityGet("dave", &dave));
-  EXPECT_EQ((std::vector<gid_t>{kDaveUid}), dave.groups);
   // As if dave had been made an administrator since the name services were
   // asked; the list is given without its primary group on purpose.
   KLIBUserIdentity primed = dave;
@@ -193,37 +159,12 @@ TEST_F(IdentityTest, PrimedIdentityAnswersForItsUserOnly) {
   EXPECT_EQ(0, KLIBGroupIsAdminGroupMem("dave", 0));
 }
 
-// Callers log errno as the cause of their next failure: a call that did not
-// fail on a system call leaves it as it was.
-TEST_F(IdentityTest, CallsWithoutSystemFailureLeaveErrnoAlone) {
-  PKESTUSER record = nullptr;
-  const std::function<void()> calls[] = {
-      [] { KLIBGroupAdminGroupName(); },
-      [] { KLIBGroupIsAdminGroupMem("carol", 0); },
-      [] { KLIBGroupIsAdminGroupMem("nosuchuser", 0); },
-      [] { KLIBCSzListFree(KLIBGroupInfoListGet("ann", TRUE)); },
-      [&] {
-        KESTUserGet("bob", &record);
-        KESTUserFree(record);
-      },
-      [&] { KESTUserGet("nosuchuser", &record); },
-      [&] { KESTUserGetByUID(54321, &record); },
-      [] { ResetCredentialsByName("ann", true); },
-      [] { ResetCredentialsByName("bob", true); },
-      [] { ResetCredentialsByName("nosuchuser", true); },
-      [] { ResetCredentialsByName("root", true); },
-  };
-  int i = 0;
-  for (const auto& call : calls) {
-    errno = EXDEV;
-    call();
-    EXPECT_EQ(EXDEV, errno) << "call " << i++;
-  }
-}
-
-TEST(KlibProcessTest, PidFiles) {
-  const pid_t dead = InChild(fork(), [] { return true; });
-  ASSERT_EQ(0, ExitStatus(dead));
+// Pid files, then string lists' bounds (growing them: every share
+// enumeration, into a list made for one).
+TEST(KlibProcessTest, PidFilesAndStringLists) {
+  const pid_t dead = fork();
+  if (dead == 0) _exit(0);
+  ASSERT_EQ(dead, waitpid(dead, nullptr, 0));
   const std::pair<std::string, int> cases[] = {
       {"-", 0},  // no file
       {std::to_string(getpid()) + "\n", 1},
@@ -239,28 +180,92 @@ TEST(KlibProcessTest, PidFiles) {
     if (c.first != "-") WriteFile(path, c.first);
     EXPECT_EQ(c.second, KLIBCProcAliveByPidFile(path.c_str())) << "'" << c.first << "'";
   }
-  EXPECT_GT(0, KLIBCProcAliveByPidFile(nullptr));
-  EXPECT_EQ(KLIB_ERR_BAD_PARAM, KLIBCErrGet());
-}
 
-// (Growing and copying: every share enumeration, into a list made for one.)
-TEST(KlibSzListTest, BoundsAndBadArguments) {
   PKLIBCSZLIST list = KLIBCSzListAlloc(0);
   ASSERT_EQ(0, KLIBCSzListPush(&list, "a"));
   ASSERT_EQ(0, KLIBCSzListPush(&list, "b"));
   list->nItem = 1;  // past the end, even where the slot still holds a string
-  EXPECT_EQ(nullptr, KLIBCSzListGet(list, 1));
-  EXPECT_EQ(nullptr, KLIBCSzListGet(list, -1));
-  EXPECT_EQ(nullptr, KLIBCSzListGet(nullptr, 0));
+  for (int i : {1, -1}) EXPECT_EQ(nullptr, KLIBCSzListGet(list, i)) << i;
+  EXPECT_GT(0, KLIBCSzListPush(&list, nullptr));
   list->nItem = 2;
-  PKLIBCSZLIST none = nullptr;
-  for (PKLIBCSZLIST* target : {&list, static_cast<PKLIBCSZLIST*>(nullptr), &none}) {
-    KLIBCErrSet(KLIB_ERR_NONE);
-    EXPECT_GT(0, KLIBCSzListPush(target, target == &list ? nullptr : "x"));
-    EXPECT_EQ(KLIB_ERR_BAD_PARAM, KLIBCErrGet());
+  KLIBCSzListFree(list);
+}
+
+// What the kernel grants `user` on `path`: nothing when it cannot reach it.
+int KernelPerm(const char* user, const std::string& path) {
+  EXPECT_TRUE(ResetCredentialsByName(user, true)) << user;
+  int perm = -1;
+  if (0 != KESTACLPermGet(path.c_str(), &perm) && errno == EACCES) perm = 0;
+  BecomeRoot();
+  return perm;
+}
+
+// For random modes, owners and POSIX ACLs on files and folders, the word
+// KESTACLPermCalc computes for each user, with the user's group list or not,
+// is what the kernel grants that user.
+TEST_F(IdentityTest, RandomModesAndAclsMatchTheKernel) {
+  std::mt19937 rng(20241122);
+  mkdir("/volume1/acl", 0755);
+  for (int round = 0; round < 300; ++round) {
+    const std::string path = "/volume1/acl/item" + std::to_string(round);
+    if (round % 3 == 0) {
+      ASSERT_EQ(0, mkdir(path.c_str(), 0700));
+    } else {
+      WriteFile(path, "x", 0600);
+    }
+    const std::string acl = Scramble(path, rng);
+    for (const char* user : {"root", "ann", "bob", "carol", "dave"}) {
+      int calc = -1;
+      ASSERT_EQ(0, KESTACLPermCalc(user, nullptr, path.c_str(), &calc)) << user;
+      PKLIBCSZLIST groups = KLIBGroupInfoListGet(user, TRUE);
+      int with_list = -1;
+      EXPECT_EQ(0, KESTACLPermCalc(user, groups, path.c_str(), &with_list));
+      KLIBCSzListFree(groups);
+      EXPECT_EQ(KernelPerm(user, path), calc) << user << " on " << path << " acl [" << acl << "]";
+      EXPECT_EQ(calc, with_list);
+    }
+  }
+}
+
+// Readable files behind folders that not everybody may search: the folders
+// above count, whoever asks.
+TEST_F(IdentityTest, FoldersAboveCountAndTheCallersReachDoesNot) {
+  mkdir("/volume1/walk", 0755);
+  mkdir("/volume1/walk/bob", 0700);
+  ASSERT_EQ(0, chown("/volume1/walk/bob", kBobUid, kBobUid));
+  mkdir("/volume1/walk/staff", 0710);
+  ASSERT_EQ(0, chown("/volume1/walk/staff", 0, kStaffGid));
+  for (const char* path : {"/volume1/walk/bob/open.txt", "/volume1/walk/staff/open.txt"}) {
+    WriteFile(path, "x", 0644);
+    for (const char* user : {"ann", "bob", "dave"}) {
+      for (const char* caller : {"root", "ann", "dave"}) {
+        ASSERT_TRUE(ResetCredentialsByName(caller, true));
+        int calc = -1;
+        EXPECT_EQ(0, KESTACLPermCalc(user, nullptr, path, &calc)) << user << " by " << caller;
+        BecomeRoot();
+        EXPECT_EQ(KernelPerm(user, path), calc) << user << " on " << path << " by " << caller;
+      }
+    }
+  }
+}
+
+// The group list given decides which groups count; a stale name counts for
+// nothing, a group known by its number only still counts.
+TEST_F(IdentityTest, GroupListAndFailures) {
+  const std::string path = "/volume1/acl-groups";
+  WriteFile(path, "x", 0640);
+  ASSERT_EQ(0, chown(path.c_str(), 0, kStaffGid));
+  PKLIBCSZLIST list = KLIBCSzListAlloc(2);
+  int perm = -1;
+  for (const char* group : {"nosuchgroup", "2100"}) {
+    KLIBCSzListPush(&list, group);
+    ASSERT_EQ(0, KESTACLPermCalc("ann", list, path.c_str(), &perm));
+    EXPECT_EQ(*group == '2' ? 4 : 0, perm) << group;
   }
   KLIBCSzListFree(list);
-  KLIBCSzListFree(nullptr);
+  EXPECT_EQ(-1, KESTACLPermCalc("nosuchuser", nullptr, "/volume1", &perm));
+  EXPECT_EQ(KLIB_ERR_USER_NOT_FOUND, KLIBCErrGet());
+  EXPECT_EQ(-1, KESTACLPermCalc("ann", nullptr, nullptr, &perm));
 }
 
 }  // namespace

@@ -1,18 +1,13 @@
-// What the platform's tests share: the C library's records and lists,
-// acting as a user and back, the code of a thrown error, children that run a
-// piece of a test, the fixture of tests that change identity, and random
-// owners, modes and ACLs (the module's permission test uses them too).
+// What the platform's tests share (the module's permission test too).
 #ifndef KEST_TESTS_PLATFORM_PLATFORM_TEST_H_
 #define KEST_TESTS_PLATFORM_PLATFORM_TEST_H_
 
 #include <gtest/gtest.h>
 #include <sys/acl.h>
 #include <sys/stat.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <functional>
-#include <memory>
 #include <random>
 #include <string>
 #include <vector>
@@ -23,14 +18,7 @@
 
 namespace kesttest {
 
-// A record or list the C library handed out, freed with its own function.
-template <typename T, void (*Free)(T*)>
-struct Freer {
-  void operator()(T* p) const { Free(p); }
-};
-using UserPtr = std::unique_ptr<KESTUSER, Freer<KESTUSER, KESTUserFree>>;
-using ListPtr = std::unique_ptr<KLIBCSZLIST, Freer<KLIBCSZLIST, KLIBCSzListFree>>;
-
+// The items of a list the C library handed out.
 inline std::vector<std::string> Items(PKLIBCSZLIST list) {
   std::vector<std::string> out;
   for (int i = 0; list && i < list->nItem; ++i) out.push_back(KLIBCSzListGet(list, i));
@@ -46,9 +34,7 @@ class IdentityTest : public testing::Test {
 // Runs `body` as `user` (effective ids and groups, as the module acts), then
 // as root again; the library must have given back any privilege it took.
 inline void As(const std::string& user, const std::function<void()>& body) {
-  if (user != "root") {
-    ASSERT_TRUE(ResetCredentialsByName(user, true)) << user;
-  }
+  ASSERT_TRUE(ResetCredentialsByName(user, true)) << user;
   const uid_t euid = geteuid();
   body();
   EXPECT_EQ(euid, geteuid()) << "privilege not given back";
@@ -69,33 +55,6 @@ inline int CodeOf(const std::string& user, const std::function<void()>& body,
     }
   });
   return code;
-}
-
-// Given the result of a fork: the child runs `body` and exits, with 0 when
-// `body` answered true without throwing; the parent gets the child's pid.
-inline pid_t InChild(pid_t pid, const std::function<bool()>& body) {
-  if (pid == 0) {
-    bool ok = false;
-    try {
-      ok = body();
-    } catch (...) {
-    }
-    _exit(ok ? 0 : 1);
-  }
-  return pid;
-}
-
-// The child's exit status once it ended; -1 when it did not exit normally.
-inline int ExitStatus(pid_t pid) {
-  int status = 0;
-  if (pid <= 0 || waitpid(pid, &status, 0) != pid || !WIFEXITED(status)) return -1;
-  return WEXITSTATUS(status);
-}
-
-// Runs `body` in another process, as another user of a library would; true
-// when it answered true there.
-inline bool InAnotherProcess(const std::function<bool()>& body) {
-  return ExitStatus(InChild(fork(), body)) == 0;
 }
 
 // Gives `path` a random owner, owning group and mode (with `generous`, most
