@@ -6,7 +6,6 @@
 #include <pwd.h>
 #include <signal.h>
 #include <sys/stat.h>
-#include <sys/types.h>
 #include <syslog.h>
 #include <unistd.h>
 
@@ -17,7 +16,6 @@
 #include <memory>
 #include <set>
 #include <string>
-#include <vector>
 
 #include "extract/extractor.h"
 #include "extract/format_table.h"

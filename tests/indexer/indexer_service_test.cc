@@ -3,17 +3,15 @@
 // answering searches over its socket.
 #include <fcntl.h>
 #include <gtest/gtest.h>
-#include <signal.h>
 #include <sys/file.h>
 #include <sys/stat.h>
-#include <sys/wait.h>
 #include <unistd.h>
 #include <xapian.h>
 
 #include <chrono>
 #include <cstdlib>
 #include <functional>
-#include <set>
+#include <map>
 #include <string>
 #include <thread>
 #include <vector>
@@ -70,12 +68,6 @@ std::map<std::string, std::string> Indexed() {
 }
 
 bool IsIndexed(const std::string& path) { return Indexed().count(path) > 0; }
-
-std::string TextOf(const std::string& path) {
-  auto all = Indexed();
-  auto it = all.find(path);
-  return it == all.end() ? "" : it->second;
-}
 
 std::vector<std::string> Search(const std::string& user, const std::string& keyword) {
   Json::Value request = kesttest::SearchRequest({"fileindex_docs"}, keyword);
@@ -140,17 +132,13 @@ TEST(IndexerServiceTest, FollowsAFolderThroughItsLife) {
   EXPECT_EQ(0u, all.count(dir + "/holiday.jpg")) << "photos are not wanted";
   EXPECT_EQ(1u, all.count(dir)) << "the folder itself";
   EXPECT_EQ(1u, all.count(dir + "/sub"));
-  const struct {
-    const char* word;
-    const char* file;
-  } contents[] = {
-      {"bravo", "notes.txt"},
-      {"nebula", "deep.md"},
-      {"okapi", "report.pdf"},
-      {"broken", "broken.pdf"},  // the extractor failed: found by its name
-  };
-  for (const auto& c : contents) {
-    EXPECT_EQ(std::vector<std::string>{c.file}, Search("root", c.word)) << c.word;
+  // Each file by a word of its text; broken.pdf, which the extractor failed
+  // on, by its name.
+  for (const auto& c : std::map<std::string, std::string>{{"bravo", "notes.txt"},
+                                                          {"nebula", "deep.md"},
+                                                          {"okapi", "report.pdf"},
+                                                          {"broken", "broken.pdf"}}) {
+    EXPECT_EQ(std::vector<std::string>{c.second}, Search("root", c.first)) << c.first;
   }
   EXPECT_TRUE(WaitFor([] {
     if (Exists(kPidFile)) return false;
@@ -198,7 +186,7 @@ TEST(IndexerServiceTest, FollowsAFolderThroughItsLife) {
   WriteFile(dir + "/notes.txt", "delta echo\n");
   EXPECT_TRUE(WaitFor([] { return Search("root", "echo").size() == 1; }));
   EXPECT_TRUE(Search("root", "bravo").empty());
-  EXPECT_NE(std::string::npos, TextOf(dir + "/notes.txt").find("delta echo"));
+  EXPECT_NE(std::string::npos, Indexed()[dir + "/notes.txt"].find("delta echo"));
   ASSERT_EQ(0, rename((dir + "/fresh.txt").c_str(), (dir + "/sub/moved.txt").c_str()));
   EXPECT_TRUE(
       WaitFor([&] { return IsIndexed(dir + "/sub/moved.txt") && !IsIndexed(dir + "/fresh.txt"); }));
@@ -308,11 +296,11 @@ TEST(IndexerServiceTest, FollowsAFolderThroughItsLife) {
   EXPECT_TRUE(Exists(kQueue)) << "the reindex waits for the pause to end";
   // Meanwhile searches answer from the entries as they were.
   EXPECT_EQ(std::vector<std::string>{"report.pdf"}, Search("root", "okapi"));
-  EXPECT_EQ("garbled", TextOf(dir + "/report.pdf"));
+  EXPECT_EQ("garbled", Indexed()[dir + "/report.pdf"]);
   fileindex::StatusMgr().Resume();
   EXPECT_TRUE(WaitFor([] { return !Exists(kQueue); }));
   EXPECT_TRUE(IsIndexed(dir + "/held.txt"));
-  EXPECT_NE(std::string::npos, TextOf(dir + "/report.pdf").find("okapi migration"));
+  EXPECT_NE(std::string::npos, Indexed()[dir + "/report.pdf"].find("okapi migration"));
 
   // A damaged index is built again.
   EXPECT_EQ(0, indexer.Stop());
