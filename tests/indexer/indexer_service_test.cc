@@ -158,17 +158,15 @@ TEST(IndexerServiceTest, FollowsAFolderThroughItsLife) {
   // A user's folder inside an administrator's may switch every type off or
   // be paused: the administrator's documents stay indexed, and new ones are
   // indexed, for everybody.
+  const auto add_as_ann = [](const std::string& json) {  // as the web API adds it
+    return kesttest::InChildAs("root", [&] {
+      if (!ResetCredentialsByName("ann", true)) return std::string("not ann");
+      fileindex::FolderAdd(ParseJson(json), false);
+      return std::string("added");
+    });
+  };
   for (const auto& n : nested) {
-    EXPECT_EQ("added", kesttest::InChildAs(
-                           "root",
-                           [&] {
-                             if (!ResetCredentialsByName("ann", true)) return std::string("no ann");
-                             fileindex::FolderAdd(
-                                 ParseJson(folder + "/" + n.dir + "\", " + n.settings + "}]"),
-                                 false);
-                             return std::string("added");
-                           }))
-        << n.dir;
+    EXPECT_EQ("added", add_as_ann(folder + "/" + n.dir + "\", " + n.settings + "}]")) << n.dir;
   }
   std::this_thread::sleep_for(std::chrono::seconds(2));  // the indexer rereads the store
   ASSERT_TRUE(WaitFor([] { return !Exists(kQueue); }));
