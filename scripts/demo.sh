@@ -33,7 +33,7 @@ if [[ "${1:-}" != "--inside" ]]; then
   bash "$ROOT/scripts/install-deps.sh"
   cmake -S "$ROOT" -B "$BUILD" -DCMAKE_BUILD_TYPE=RelWithDebInfo >/dev/null
   cmake --build "$BUILD" -j"$(nproc)" --target kestelasticd kest-indexer kest-extract-worker \
-    kest-webapi-server kestondri_webapi kest-demo-files kest_web
+    kest-webapi-server kestondri_webapi kest_web
   if curl -s -o /dev/null "http://127.0.0.1:$PORT/" 2>/dev/null; then
     echo "demo.sh: port $PORT is taken; set KEST_DEMO_PORT" >&2
     exit 1
@@ -172,7 +172,7 @@ EOF
 # Sample files: every format the indexer reads, different owners and modes.
 P=/volume1/public
 mkdir -p "$P/library" "$P/bruno-private" "$P/chen" /volume1/projects/observatory
-"$BUILD/tests/indexer/kest-demo-files" "$P/library"
+cp "$ROOT"/tests/indexer/samples/documents/* "$P/library"
 cat >"$P/library/README" <<'EOF'
 The shared library of the demo: reports, minutes, budgets and letters.
 EOF

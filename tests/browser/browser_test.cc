@@ -11,7 +11,6 @@
 
 #include "daemon/daemon_harness.h"
 #include "host/server_harness.h"
-#include "indexer/fixtures.h"
 #include "kest/json.h"
 #include "support/indexer_process.h"
 #include "support/sandbox.h"
@@ -30,8 +29,10 @@ TEST(BrowserTest, EveryUserInChromium) {
             "invalid users = dave\n[staff]\npath = /volume1/staff\nread list = @staff\n");
   const std::string team = "/volume1/docs/team/";
   WriteFile(team + "notes.txt", "The quarterly figures of the aardvark project.\n");
-  WriteFile(team + "aardvark-report.pdf", MakePdf({"A report on the aardvark migration."}));
-  WriteZip(team + "memo.docx", DocxMembers({"Memo: the aardvark count."}));
+  WriteFile(team + "aardvark-report.pdf",
+            ReadFile(KEST_SOURCE_DIR "/tests/indexer/samples/documents/annual-report.pdf"));
+  WriteFile(team + "memo.docx",
+            ReadFile(KEST_SOURCE_DIR "/tests/indexer/samples/documents/memo.docx"));
   WriteFile(team + "aardvark.jpg", std::string("\xff\xd8\xff\xe0", 4));
   WriteFile(team + "ann-private.txt", "Ann's private aardvark diary.\n", 0600);
   // Markup, quotes and control characters in names, script in a content,

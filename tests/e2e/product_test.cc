@@ -16,7 +16,6 @@
 
 #include "daemon/daemon_harness.h"
 #include "host/server_harness.h"
-#include "indexer/fixtures.h"
 #include "kest/json.h"
 #include "support/indexer_process.h"
 
@@ -100,8 +99,10 @@ TEST(ProductTest, ThreeServicesServeTheUsers) {
             "[other]\npath = /volume1/other\n");
   const std::string team = "/volume1/docs/team/";
   WriteFile(team + "notes.txt", "The quarterly figures of the aardvark project.\n");
-  WriteFile(team + "report.pdf", MakePdf({"A pdf about the okapi migration."}));
-  WriteZip(team + "memo.docx", DocxMembers({"Memo: the ibis count."}));
+  WriteFile(team + "report.pdf",
+            ReadFile(KEST_SOURCE_DIR "/tests/indexer/samples/documents/annual-report.pdf"));
+  WriteFile(team + "memo.docx",
+            ReadFile(KEST_SOURCE_DIR "/tests/indexer/samples/documents/meeting-minutes.docx"));
   WriteFile(team + "photo.jpg", std::string("\xff\xd8\xff\xe0", 4));
   WriteFile(team + "ann-private.txt", "Ann's private aardvark diary.\n", 0600);
   ASSERT_EQ(0, chown((team + "ann-private.txt").c_str(), kAnnUid, kAnnUid));
