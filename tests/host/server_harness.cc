@@ -1,7 +1,6 @@
 #include "host/server_harness.h"
 
 #include <arpa/inet.h>
-#include <dirent.h>
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <netinet/in.h>
@@ -11,8 +10,10 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <boost/algorithm/string/case_conv.hpp>
 #include <boost/beast/http.hpp>
 #include <chrono>
+#include <filesystem>
 #include <thread>
 
 #include "kest/json.h"
@@ -21,6 +22,7 @@
 namespace kesttest {
 namespace {
 
+namespace fs = std::filesystem;
 namespace http = boost::beast::http;
 
 const char kConfigPath[] = "/tmp/webapi-test/server.conf";
@@ -92,16 +94,11 @@ std::string SendRaw(const std::string& bytes) {
 std::string FormEncode(const Fields& fields) {
   std::string out;
   for (const auto& [name, value] : fields) {
-    if (!out.empty()) out += '&';
-    for (const std::string* part : {&name, &value}) {
-      for (unsigned char c : *part) {
-        if (isalnum(c) || (c && strchr("-_.~/", c))) {
-          out.push_back(static_cast<char>(c));
-        } else {
-          out += {'%', "0123456789ABCDEF"[c >> 4], "0123456789ABCDEF"[c & 0xf]};
-        }
-      }
-      if (part == &name) out += '=';
+    out += (out.empty() ? "" : "&") + name + "=";
+    for (unsigned char c : value) {
+      const char* hex = "0123456789ABCDEF";
+      out += isalnum(c) || (c && strchr("-_./", c)) ? std::string(1, c)
+                                                    : std::string{'%', hex[c >> 4], hex[c & 15]};
     }
   }
   return out;
@@ -128,9 +125,8 @@ HttpReply SendHttp(const HttpRequest& request) {
   reply.status = static_cast<int>(parser.get().result_int());
   reply.body = parser.get().body();
   for (const auto& field : parser.get()) {
-    std::string name(field.name_string());
-    for (char& c : name) c = static_cast<char>(tolower(static_cast<unsigned char>(c)));
-    reply.headers[name] = std::string(field.value());
+    reply.headers[boost::algorithm::to_lower_copy(std::string(field.name_string()))] =
+        std::string(field.value());
   }
   if (!Json::fromString(reply.json, reply.body)) reply.json = Json::Value();
   return reply;
@@ -144,11 +140,8 @@ HttpReply CallApi(const Fields& fields, const std::string& sid) {
 
 LoginSession Login(const std::string& account, const std::string& password) {
   const HttpReply reply = SendHttp({"POST", "/webapi/entry.cgi",
-                                    FormEncode({{"api", "KEST.API.Auth"},
-                                                {"version", "1"},
-                                                {"method", "login"},
-                                                {"account", account},
-                                                {"passwd", password}}),
+                                    "api=KEST.API.Auth&version=1&method=login&" +
+                                        FormEncode({{"account", account}, {"passwd", password}}),
                                     "application/x-www-form-urlencoded; charset=UTF-8"});
   const Json::Value& data = reply.json["data"];
   return {data["sid"].asString(), data["csrf_token"].asString(), reply.json};
@@ -163,9 +156,8 @@ std::string TestConfig(const std::string& extra) {
 
 bool WaitUntil(const std::function<bool()>& done, int timeout_ms) {
   const auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(timeout_ms);
-  while (!done()) {
+  for (; !done(); std::this_thread::sleep_for(std::chrono::milliseconds(10))) {
     if (std::chrono::steady_clock::now() > deadline) return false;
-    std::this_thread::sleep_for(std::chrono::milliseconds(10));
   }
   return true;
 }
@@ -193,19 +185,15 @@ int ServerProcess::Stop() {
 std::string ServerProcess::Output() const { return ReadFile(kOutputPath); }
 
 int ServerProcess::OpenDescriptors() const {
-  DIR* dir = opendir(("/proc/" + std::to_string(pid_) + "/fd").c_str());
-  int count = 0;
-  while (struct dirent* entry = dir ? readdir(dir) : nullptr) count += entry->d_name[0] != '.';
-  if (dir) closedir(dir);
-  return count;
+  std::error_code ec;
+  return std::distance(fs::directory_iterator("/proc/" + std::to_string(pid_) + "/fd", ec), {});
 }
 
 int ServerProcess::Children(bool zombies) const {
   int count = 0;
-  DIR* dir = opendir("/proc");
-  while (struct dirent* entry = readdir(dir)) {
-    const std::string stat =
-        atoi(entry->d_name) > 0 ? ReadFile(std::string("/proc/") + entry->d_name + "/stat") : "";
+  for (const auto& entry : fs::directory_iterator("/proc")) {
+    const std::string name = entry.path().filename();
+    const std::string stat = atoi(name.c_str()) > 0 ? ReadFile(entry.path() / "stat") : "";
     const auto paren = stat.rfind(')');
     char state = 0;
     pid_t parent = 0;
@@ -214,7 +202,6 @@ int ServerProcess::Children(bool zombies) const {
       count += (state == 'Z') == zombies;
     }
   }
-  closedir(dir);
   return count;
 }
 

@@ -42,10 +42,8 @@ struct HttpReply {
 // Connections this thread opens from now on come from `address` (127.0.0.2...
 // play other client hosts on loopback); empty: 127.0.0.1.
 void SetClientAddress(const std::string& address);
-// A connection open to the server; -1 on failure. Caller closes.
-int Connect();
-// Writes `bytes` on a fresh connection; everything the server sent until it
-// closed the connection.
+int Connect();  // -1 on failure
+// Everything the server sent on a fresh connection after `bytes`, until it closed.
 std::string SendRaw(const std::string& bytes);
 std::string FormEncode(const Fields& fields);
 // One request on its own connection.
@@ -64,8 +62,7 @@ LoginSession Login(const std::string& account, const std::string& password);
 // module and the real module; `extra` appended.
 std::string TestConfig(const std::string& extra = "");
 
-// Polls `done` every 10 ms for up to `timeout_ms`; its last answer.
-bool WaitUntil(const std::function<bool()>& done, int timeout_ms = 10000);
+bool WaitUntil(const std::function<bool()>& done, int timeout_ms = 10000);  // polls every 10 ms
 
 class ServerProcess {
  public:
@@ -73,17 +70,15 @@ class ServerProcess {
   // Starts the server and waits until it accepts connections; fails the test
   // when it does not.
   void Start(const std::string& config);
-  // SIGTERM, then waits; the exit status, or 128 + signal.
-  int Stop();
+  int Stop();  // SIGTERM, then waits; the exit status, or 128 + signal
   pid_t pid() const { return pid_; }
-  std::string Output() const;  // its stdout and stderr so far
+  std::string Output() const;  // its stdout and stderr
   int OpenDescriptors() const;
   // The server's living children, or its zombies: the server is a subreaper,
   // so a living descendant at any depth makes a living child.
   int Children(bool zombies = false) const;
   int Zombies() const { return Children(true); }
-  // Waits (bounded) until the server has no zombie and no living child.
-  bool WaitQuiet() const;
+  bool WaitQuiet() const;  // until it has neither (bounded)
 
  private:
   pid_t pid_ = -1;

@@ -1,8 +1,6 @@
 // A module library for the server's tests: handlers that answer, fail with a
 // code, die by a signal, throw, sleep and fork children that outlive them.
-// Built three times: as a good module, without the entry points
-// (KEST_TEST_NO_EXPORTS), and with a malformed handler table
-// (KEST_TEST_BAD_TABLE).
+// Built three times (see CMakeLists.txt).
 #include <dirent.h>
 #include <signal.h>
 #include <unistd.h>
@@ -23,10 +21,12 @@ int IntParam(APIRequest* request, const char* name, int fallback = 0) {
   return request->GetAndCheckInt(name, APIRequest::PARAM_OPTIONAL).Get(fallback);
 }
 
-// Reports who the worker is, then acts as the login user the way the real
-// module does, so that a later request would see it if identity leaked.
+// Reports who the worker is (with "size" bytes of padding), then acts as the
+// login user the way the real module does, so that a later request would see
+// it if identity leaked.
 void Echo(APIRequest* request, APIResponse* response) {
   Json::Value data(Json::objectValue);
+  data["pad"] = std::string(IntParam(request, "size"), 'x');
   data["params"] = request->GetParams();
   data["uid"] = static_cast<Json::UInt>(request->GetLoginUID());
   data["user"] = request->GetLoginUserName();
@@ -51,23 +51,15 @@ void Die(APIRequest* request, APIResponse*) { kill(getpid(), IntParam(request, "
 
 void Throw(APIRequest*, APIResponse*) { throw std::runtime_error("escaped"); }
 
+// Sleeps, then answers; or with "fork", like the module's after-response
+// child, answers and forks a sleeper never waited for, holding every
+// descriptor the worker had.
 void Sleep(APIRequest* request, APIResponse* response) {
-  sleep(IntParam(request, "seconds", 1));
   response->SetSuccess(Json::Value("slept"));
-}
-
-// Like the module's after-response child: forked after answering, never
-// waited for, holding every descriptor the worker had.
-void Fork(APIRequest* request, APIResponse* response) {
-  response->SetSuccess(Json::Value("forked"));
-  if (fork() == 0) {
-    sleep(IntParam(request, "seconds", 1));
-    _exit(0);
-  }
-}
-
-void Big(APIRequest* request, APIResponse* response) {
-  response->SetSuccess(Json::Value(std::string(IntParam(request, "size"), 'x')));
+  const bool forks = IntParam(request, "fork");
+  if (forks && fork() != 0) return;
+  sleep(IntParam(request, "seconds", 1));
+  if (forks) _exit(0);
 }
 
 bool CheckX(APIRequest* request, APIResponse* response) {
@@ -78,8 +70,6 @@ bool CheckX(APIRequest* request, APIResponse* response) {
   response->SetError(120, errors);
   return false;
 }
-
-bool CheckPass(APIRequest*, APIResponse*) { return true; }
 
 #define TEST_API "KEST.Test.Host"
 
@@ -94,14 +84,12 @@ const KEST::APIHandlerRow kTable[] = {
     {TEST_API, 1, "echo", Echo},    {TEST_API, 2, SECOND_METHOD, Echo},
     {TEST_API, 1, "fail", Fail},    {TEST_API, 1, "die", Die},
     {TEST_API, 1, "throw", Throw},  {TEST_API, 1, "sleep", Sleep},
-    {TEST_API, 1, "fork", Fork},    {TEST_API, 1, "big", Big},
     {TEST_API, 1, "checked", Echo}, {nullptr, 0, nullptr, nullptr},
 };
 
 const KEST::APICheckRow kChecks[] = {
     {TEST_API, 1, "checked", CheckX, nullptr, nullptr},
     {"KEST.Test.CheckedOnly", 1, "run", CheckX, nullptr, nullptr},
-    {"KEST.Test.CheckedOnly", 1, "pass", CheckPass, nullptr, nullptr},
     {nullptr, 0, nullptr, nullptr, nullptr, nullptr},
 };
 
