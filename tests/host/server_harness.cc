@@ -1,13 +1,10 @@
 #include "host/server_harness.h"
 
 #include <arpa/inet.h>
-#include <fcntl.h>
 #include <gtest/gtest.h>
 #include <netinet/in.h>
 #include <signal.h>
-#include <sys/prctl.h>
 #include <sys/socket.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <boost/algorithm/string/case_conv.hpp>
@@ -30,29 +27,9 @@ const char kOutputPath[] = "/tmp/webapi-test/server.out";
 
 thread_local std::string client_address;
 
-// The server's process with its output in kOutputPath, as `user` when given.
-pid_t Spawn(const std::string& config, const char* user) {
-  WriteFile(kConfigPath, config);
-  const pid_t pid = fork();
-  if (pid == 0) {
-    prctl(PR_SET_PDEATHSIG, SIGKILL);  // a test that dies takes its server along
-    const int out = open(kOutputPath, O_WRONLY | O_CREAT | O_TRUNC, 0644);
-    dup2(out, 1);
-    dup2(out, 2);
-    dup2(open("/dev/null", O_RDONLY), 0);
-    if (user && (setgid(UserByName(user).gid) != 0 || setuid(UserByName(user).uid) != 0))
-      _exit(126);
-    execl(KEST_SERVER_BINARY, KEST_SERVER_BINARY, "--config", kConfigPath, nullptr);
-    _exit(127);
-  }
-  return pid;
-}
-
-// The exit status of `pid` once it ended (128 + signal), -1 while it runs.
-int Exited(pid_t pid, int options = WNOHANG) {
-  int status = 0;
-  if (waitpid(pid, &status, options) != pid) return -1;
-  return WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
+// The exit status, or 128 + the signal that ended it.
+int ExitCode(int status) {
+  return WIFSIGNALED(status) ? 128 + WTERMSIG(status) : WEXITSTATUS(status);
 }
 
 }  // namespace
@@ -162,31 +139,40 @@ bool WaitUntil(const std::function<bool()>& done, int timeout_ms) {
   return true;
 }
 
+void ServerProcess::Launch(const std::string& config, const char* user) {
+  WriteFile(kConfigPath, config);
+  const std::string as = user ? " --reuid=" + std::to_string(UserByName(user).uid) +
+                                    " --regid=" + std::to_string(UserByName(user).gid) +
+                                    " --clear-groups"
+                              : "";
+  Run({"sh", "-c",
+       "exec setpriv --pdeathsig KILL" + as + " " KEST_SERVER_BINARY " --config " + kConfigPath +
+           " >" + kOutputPath + " 2>&1 </dev/null"});
+}
+
 void ServerProcess::Start(const std::string& config) {
-  pid_ = Spawn(config, nullptr);
-  int status = -1;
+  Launch(config, nullptr);
   const bool serving = WaitUntil([&] {
     const int fd = Connect();
     if (fd >= 0) close(fd);
-    return fd >= 0 || (status = Exited(pid_)) >= 0;
+    return fd >= 0 || !Running();
   });
-  if (status >= 0) pid_ = -1;
-  ASSERT_TRUE(serving && status < 0) << "the server does not serve: " << Output();
+  ASSERT_TRUE(serving && Running()) << "the server does not serve: " << Output();
 }
 
-int ServerProcess::Stop() {
-  if (pid_ <= 0) return -1;
-  kill(pid_, SIGTERM);
-  const int status = Exited(pid_, 0);
-  pid_ = -1;
-  return status;
+int ServerProcess::RunToExit(const std::string& config, const char* user) {
+  Launch(config, user);
+  if (!WaitUntil([&] { return !Running(); })) kill(pid(), SIGKILL);
+  return ExitCode(ChildProcess::Stop(true));
 }
+
+int ServerProcess::Stop() { return ExitCode(ChildProcess::Stop()); }
 
 std::string ServerProcess::Output() const { return ReadFile(kOutputPath); }
 
 int ServerProcess::OpenDescriptors() const {
   std::error_code ec;
-  return std::distance(fs::directory_iterator("/proc/" + std::to_string(pid_) + "/fd", ec), {});
+  return std::distance(fs::directory_iterator("/proc/" + std::to_string(pid()) + "/fd", ec), {});
 }
 
 int ServerProcess::Children(bool zombies) const {
@@ -198,7 +184,7 @@ int ServerProcess::Children(bool zombies) const {
     char state = 0;
     pid_t parent = 0;
     if (paren != std::string::npos &&
-        sscanf(stat.c_str() + paren + 1, " %c %d", &state, &parent) == 2 && parent == pid_) {
+        sscanf(stat.c_str() + paren + 1, " %c %d", &state, &parent) == 2 && parent == pid()) {
       count += (state == 'Z') == zombies;
     }
   }
@@ -207,17 +193,6 @@ int ServerProcess::Children(bool zombies) const {
 
 bool ServerProcess::WaitQuiet() const {
   return WaitUntil([&] { return Children(true) + Children(false) == 0; });
-}
-
-int RunServerToExit(const std::string& config, std::string* output, const char* user) {
-  const pid_t pid = Spawn(config, user);
-  int status = -1;
-  if (!WaitUntil([&] { return (status = Exited(pid)) >= 0; })) {
-    kill(pid, SIGKILL);
-    status = Exited(pid, 0);
-  }
-  *output = ReadFile(kOutputPath);
-  return status;
 }
 
 }  // namespace kesttest

@@ -4,13 +4,14 @@
 #define KEST_TESTS_HOST_SERVER_HARNESS_H_
 
 #include <json/json.h>
-#include <sys/types.h>
 
 #include <functional>
 #include <map>
 #include <string>
 #include <utility>
 #include <vector>
+
+#include "support/sandbox.h"
 
 namespace kesttest {
 
@@ -64,14 +65,17 @@ std::string TestConfig(const std::string& extra = "");
 
 bool WaitUntil(const std::function<bool()>& done, int timeout_ms = 10000);  // polls every 10 ms
 
-class ServerProcess {
+// The server as a child of the test, its output in a file; a test that dies
+// takes its server along.
+class ServerProcess : public ChildProcess {
  public:
-  ~ServerProcess() { Stop(); }
   // Starts the server and waits until it accepts connections; fails the test
   // when it does not.
   void Start(const std::string& config);
-  int Stop();  // SIGTERM, then waits; the exit status, or 128 + signal
-  pid_t pid() const { return pid_; }
+  // Runs it (as the sandbox's `user` when given) until it exits by itself,
+  // killed if it serves instead: its exit status.
+  int RunToExit(const std::string& config, const char* user = nullptr);
+  int Stop();                  // SIGTERM, then waits; the exit status, or 128 + signal
   std::string Output() const;  // its stdout and stderr
   int OpenDescriptors() const;
   // The server's living children, or its zombies: the server is a subreaper,
@@ -81,13 +85,8 @@ class ServerProcess {
   bool WaitQuiet() const;  // until it has neither (bounded)
 
  private:
-  pid_t pid_ = -1;
+  void Launch(const std::string& config, const char* user);
 };
-
-// Runs the server (as the test user `user` when given) until it exits by
-// itself, killed after a while if it serves instead: its exit status, and
-// what it printed in `output`.
-int RunServerToExit(const std::string& config, std::string* output, const char* user = nullptr);
 
 }  // namespace kesttest
 

@@ -623,9 +623,9 @@ TEST(ServerStartTest, RefusesBadModulesSettingsAndUsersWithAClearMessage) {
            {"[server]\nstatic_root = www\n", "bad value \"www\" for \"static_root\"", nullptr},
            {"[server]\nport\n", conf + "2: syntax error", nullptr},
        }) {
-    std::string output;
-    EXPECT_EQ(RunServerToExit(config, &output, user), 1) << config << output;
-    EXPECT_NE(output.find(message), std::string::npos) << output;
+    ServerProcess server;
+    EXPECT_EQ(server.RunToExit(config, user), 1) << config << server.Output();
+    EXPECT_NE(server.Output().find(message), std::string::npos) << server.Output();
   }
   EXPECT_TRUE(SyslogCapture::Instance().WaitFor(KEST_BAD_TABLE_MODULE));
 }

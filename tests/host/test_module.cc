@@ -1,11 +1,11 @@
 // A module library for the server's tests: handlers that answer, fail with a
 // code, die by a signal, throw, sleep and fork children that outlive them.
 // Built three times (see CMakeLists.txt).
-#include <dirent.h>
 #include <signal.h>
 #include <unistd.h>
 
 #include <cstdlib>
+#include <filesystem>
 #include <stdexcept>
 #include <string>
 
@@ -16,6 +16,7 @@ namespace {
 
 using KEST::APIRequest;
 using KEST::APIResponse;
+namespace fs = std::filesystem;
 
 int IntParam(APIRequest* request, const char* name, int fallback = 0) {
   return request->GetAndCheckInt(name, APIRequest::PARAM_OPTIONAL).Get(fallback);
@@ -34,11 +35,8 @@ void Echo(APIRequest* request, APIResponse* response) {
   data["is_admin"] = request->IsAdmin();
   data["euid"] = static_cast<Json::UInt>(geteuid());
   data["pid"] = getpid();
-  DIR* dir = opendir("/proc/self/fd");
-  data["fds"] = -1;  // the listing's own descriptor
-  while (struct dirent* entry = readdir(dir))
-    data["fds"] = data["fds"].asInt() + (entry->d_name[0] != '.');
-  closedir(dir);
+  // Less the listing's own descriptor.
+  data["fds"] = static_cast<int>(std::distance(fs::directory_iterator("/proc/self/fd"), {})) - 1;
   if (seteuid(request->GetLoginUID()) != 0) data["seteuid_failed"] = true;
   response->SetSuccess(data);
 }
