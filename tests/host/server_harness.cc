@@ -7,10 +7,10 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
-#include <boost/algorithm/string/case_conv.hpp>
-#include <boost/beast/http.hpp>
+#include <boost/algorithm/string.hpp>
 #include <chrono>
 #include <filesystem>
+#include <sstream>
 #include <thread>
 
 #include "kest/json.h"
@@ -20,7 +20,6 @@ namespace kesttest {
 namespace {
 
 namespace fs = std::filesystem;
-namespace http = boost::beast::http;
 
 const char kConfigPath[] = "/tmp/webapi-test/server.conf";
 const char kOutputPath[] = "/tmp/webapi-test/server.out";
@@ -88,23 +87,21 @@ HttpReply SendHttp(const HttpRequest& request) {
   if (!request.content_type.empty()) text += "Content-Type: " + request.content_type + "\r\n";
   for (const auto& [name, value] : request.headers) text += name + ": " + value + "\r\n";
   const std::string received = SendRaw(text + "\r\n" + request.body);
-  // The whole answer: the server closes the connection after it.
-  http::response_parser<http::string_body> parser;
-  parser.eager(true);
-  parser.body_limit(1u << 30);
-  boost::beast::error_code ec;
-  for (size_t used = 0; !ec && !parser.is_done() && used < received.size();) {
-    used += parser.put(boost::asio::buffer(received.data() + used, received.size() - used), ec);
-  }
-  if (!parser.is_done()) parser.put_eof(ec);
+  // The whole answer, sized by its Content-Length: the server closes the
+  // connection after it.
   HttpReply reply;
-  if (!parser.is_done()) return reply;
-  reply.status = static_cast<int>(parser.get().result_int());
-  reply.body = parser.get().body();
-  for (const auto& field : parser.get()) {
-    reply.headers[boost::algorithm::to_lower_copy(std::string(field.name_string()))] =
-        std::string(field.value());
+  const size_t end = received.find("\r\n\r\n");
+  if (end == std::string::npos || sscanf(received.c_str(), "HTTP/1.1 %d", &reply.status) != 1) {
+    return reply;
   }
+  std::istringstream head(received.substr(0, end));
+  for (std::string line; std::getline(head, line);) {
+    const size_t colon = line.find(':');
+    if (colon == std::string::npos) continue;
+    reply.headers[boost::algorithm::to_lower_copy(line.substr(0, colon))] =
+        boost::algorithm::trim_copy(line.substr(colon + 1));
+  }
+  reply.body = received.substr(end + 4);
   if (!Json::fromString(reply.json, reply.body)) reply.json = Json::Value();
   return reply;
 }
