@@ -31,6 +31,22 @@ int ExitCode(int status) {
   return WIFSIGNALED(status) ? 128 + WTERMSIG(status) : WEXITSTATUS(status);
 }
 
+// Everything the server sent on a fresh connection after `bytes`, until it
+// closed the connection.
+std::string SendRaw(const std::string& bytes) {
+  const int fd = Connect();
+  std::string received;
+  char chunk[65536];
+  ssize_t n = 0;
+  for (size_t done = 0; fd >= 0 && done < bytes.size(); done += n) {
+    if ((n = send(fd, bytes.data() + done, bytes.size() - done, MSG_NOSIGNAL)) <= 0) break;
+  }
+  while (n >= 0 && fd >= 0 && (n = recv(fd, chunk, sizeof(chunk), 0)) > 0)
+    received.append(chunk, n);
+  if (fd >= 0) close(fd);
+  return received;
+}
+
 }  // namespace
 
 void SetClientAddress(const std::string& address) { client_address = address; }
@@ -51,20 +67,6 @@ int Connect() {
   timeval timeout{90, 0};
   setsockopt(fd, SOL_SOCKET, SO_RCVTIMEO, &timeout, sizeof(timeout));
   return fd;
-}
-
-std::string SendRaw(const std::string& bytes) {
-  const int fd = Connect();
-  std::string received;
-  char chunk[65536];
-  ssize_t n = 0;
-  for (size_t done = 0; fd >= 0 && done < bytes.size(); done += n) {
-    if ((n = send(fd, bytes.data() + done, bytes.size() - done, MSG_NOSIGNAL)) <= 0) break;
-  }
-  while (n >= 0 && fd >= 0 && (n = recv(fd, chunk, sizeof(chunk), 0)) > 0)
-    received.append(chunk, n);
-  if (fd >= 0) close(fd);
-  return received;
 }
 
 std::string FormEncode(const Fields& fields) {

@@ -44,8 +44,6 @@ struct HttpReply {
 // play other client hosts on loopback); empty: 127.0.0.1.
 void SetClientAddress(const std::string& address);
 int Connect();  // -1 on failure
-// Everything the server sent on a fresh connection after `bytes`, until it closed.
-std::string SendRaw(const std::string& bytes);
 std::string FormEncode(const Fields& fields);
 // One request on its own connection.
 HttpReply SendHttp(const HttpRequest& request);
