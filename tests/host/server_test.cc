@@ -5,6 +5,7 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
+#include <atomic>
 #include <cstring>
 #include <regex>
 #include <set>
@@ -12,7 +13,6 @@
 
 #include "host/server_harness.h"
 #include "kest/json.h"
-#include "server/login_throttle.h"
 #include "support/sandbox.h"
 #include "support/syslog_capture.h"
 
@@ -89,13 +89,11 @@ class ServerTest : public testing::Test {
       *session = Login(name, UserByName(name).password);
       ASSERT_FALSE(session->sid.empty()) << session->reply;
     }
-    // The real module's folders, added with a JSON body.
-    const HttpReply added = SendHttp(
-        {"POST", "/webapi/entry.cgi",
-         R"({"api": "KEST.Ondri.FileIndexing.Folder", "method": "add", "version": 1, "folder":
-             [{"path": "/volume1/docs/team"}, {"path": "/volume1/homes"}], "_sid": ")" +
-             carol_.sid + "\"}",
-         "application/json"});
+    const HttpReply added = CallApi(
+        TestCall("add",
+                 {{"folder", R"([{"path": "/volume1/docs/team"}, {"path": "/volume1/homes"}])"}},
+                 "KEST.Ondri.FileIndexing.Folder"),
+        carol_.sid);
     ASSERT_EQ(Code(added), 0) << added.body;
   }
   static void TearDownTestSuite() { server_.Stop(); }
@@ -118,7 +116,6 @@ TEST_F(ServerTest, RoutesEachCallDecodesItsParametersAndLogsWithoutSecrets) {
   // The call, its code, and the error's data when it has some.
   for (const auto& [fields, code, errors] : std::vector<std::tuple<Fields, int, const char*>>{
            {{{"method", "echo"}, {"version", "1"}}, 101, nullptr},
-           {{{"api", kTestAPI}, {"method", "echo"}}, 101, nullptr},
            {TestCall("echo", {}, "KEST.Test.Nothing"), 102, nullptr},
            {TestCall("nothing"), 103, nullptr},
            {TestCall("echo", {}, kTestAPI, "3"), 104, nullptr},
@@ -342,17 +339,13 @@ TEST_F(ServerTest, DownloadsServeOnlyWhatTheUserMayReadNeverAsThePageAndInRanges
   EXPECT_EQ(Fetch(file, "", {cookie}).status, 200);
   EXPECT_EQ(Code(Fetch(file, "", {cookie, {"Sec-Fetch-Site", "cross-site"}})), 108);
 
-  // The range asked for; the status, the body and the range served.
+  // The range asked for; the status, the body and the range served: the end
+  // bound to the file, past it nothing, and a range that is none the whole
+  // file.
   for (const auto& [range, expected] :
-       std::vector<std::pair<const char*, const char*>>{{"bytes=1-3", "206 ell bytes 1-3/5"},
-                                                        {"bytes=3-", "206 lo bytes 3-4/5"},
-                                                        {"bytes=-2", "206 lo bytes 3-4/5"},
-                                                        {"bytes=2-99", "206 llo bytes 2-4/5"},
+       std::vector<std::pair<const char*, const char*>>{{"bytes=2-99", "206 llo bytes 2-4/5"},
                                                         {"bytes=5-", "416  bytes */5"},
-                                                        {"bytes=0-0,2-3", "200 hello "},
-                                                        {"bytes=x-y", "200 hello "},
-                                                        {"bytes=3-1", "200 hello "},
-                                                        {"bytes=-", "200 hello "}}) {
+                                                        {"bytes=x-y", "200 hello "}}) {
     const HttpReply reply = Fetch(file, bob_.sid, {{"Range", range}});
     EXPECT_EQ(std::to_string(reply.status) + " " + (reply.status == 416 ? "" : reply.body) + " " +
                   reply.header("content-range"),
@@ -486,11 +479,8 @@ TEST_F(ServerScenarioTest, NoClientCrowdsOutAnother) {
     SetClientAddress("");
     EXPECT_EQ(Code(CallApi(TestCall("echo"), ann.sid)), 0) << addresses;
     char byte;
-    timeval wait{10, 0};
-    for (int fd : {idle.back(), idle.front()}) {
-      setsockopt(fd, SOL_SOCKET, SO_RCVTIMEO, &wait, sizeof(wait));
+    for (int fd : {idle.back(), idle.front()})
       EXPECT_EQ(recv(fd, &byte, 1, 0), 0) << "a connection over the share or stalling is closed";
-    }
     for (int fd : idle) close(fd);
   }
 }
@@ -524,6 +514,18 @@ TEST_F(ServerScenarioTest, FailedLoginsLockTheGuessingAddressAndIdleSessionsExpi
     EXPECT_EQ(session.reply["error"]["code"].asInt(), code) << account << " from " << from;
     sid = session.sid;
   }
+  // Logins still running count: of a burst of guesses, no more than the bound
+  // reach PAM.
+  std::atomic<int> asked{0};
+  std::vector<std::thread> burst;
+  for (int i = 0; i < 8; ++i) {
+    burst.emplace_back([&] {
+      SetClientAddress("127.0.0.6");
+      asked += Login("carol", "wrong").reply["error"]["code"] == 112;
+    });
+  }
+  for (auto& t : burst) t.join();
+  EXPECT_LE(asked, 3);
   // Use keeps a session alive past its idle time-out.
   for (int i = 0; i < 4; ++i, std::this_thread::sleep_for(std::chrono::milliseconds(500)))
     ASSERT_EQ(Code(CallApi(TestCall("echo"), sid)), 0) << i;
@@ -561,37 +563,6 @@ TEST(ServerStartTest, RefusesBadModulesSettingsAndUsersWithAClearMessage) {
     EXPECT_NE(server.Output().find(message), std::string::npos) << server.Output();
   }
   EXPECT_TRUE(SyslogCapture::Instance().WaitFor(KEST_BAD_TABLE_MODULE));
-}
-
-// What takes time or very many addresses; which bound locks whom is checked
-// through the server above.
-TEST(LoginThrottleTest, FailuresAgeRunningLoginsCountAndKeysAreBounded) {
-  using kestondri::host::LoginThrottle;
-  using std::chrono::seconds;
-  const auto t0 = LoginThrottle::Clock::now(), t60 = t0 + seconds(60);
-  LoginThrottle throttle({2, 30, 20}, seconds(60));
-  // Logins still running count, so parallel guesses cannot slip past.
-  EXPECT_TRUE(throttle.Begin("ann", "a", t0) && throttle.Begin("ann", "a", t0));
-  EXPECT_FALSE(throttle.Begin("ann", "a", t0));
-  throttle.Finish("ann", "a", false, t0);
-  throttle.Finish("ann", "a", false, t0 + seconds(1));
-  EXPECT_FALSE(throttle.Begin("ann", "a", t0 + seconds(59)));
-  EXPECT_TRUE(throttle.Begin("ann", "a", t60)) << "the oldest failure left the window";
-  // A full table takes no new key until a sweep, except where the account
-  // signed in.
-  throttle = LoginThrottle({2, 30, 20}, seconds(60));
-  ASSERT_TRUE(throttle.Begin("ann", "a", t0));
-  throttle.Finish("ann", "a", true, t0);
-  for (size_t i = 0; i < LoginThrottle::kMaxKeys; ++i) {
-    const std::string n = std::to_string(i);
-    ASSERT_TRUE(throttle.Begin("guess" + n, "10.1." + n, t0));
-    throttle.Finish("guess" + n, "10.1." + n, false, t0);
-  }
-  EXPECT_FALSE(throttle.Begin("bob", "b", t0));
-  EXPECT_TRUE(throttle.Begin("ann", "a", t0));
-  throttle.Finish("ann", "a", true, t0);
-  throttle.Sweep(t60 + seconds(60));
-  EXPECT_TRUE(throttle.Begin("bob", "b", t60 + seconds(60)));
 }
 
 }  // namespace
