@@ -40,12 +40,10 @@ struct HttpReply {
   }
 };
 
-// Connections this thread opens from now on come from `address` (127.0.0.2...
-// play other client hosts on loopback); empty: 127.0.0.1.
+// Where this thread's connections come from (127.0.0.x plays other hosts; empty: 127.0.0.1).
 void SetClientAddress(const std::string& address);
 int Connect();  // -1 on failure
 std::string FormEncode(const Fields& fields);
-// One request on its own connection.
 HttpReply SendHttp(const HttpRequest& request);
 // GET of the entry point with `fields`, plus "_sid" when `sid` is not empty.
 HttpReply CallApi(const Fields& fields, const std::string& sid = "");
@@ -57,8 +55,7 @@ struct LoginSession {
 // Logs in with a form body; `sid` stays empty when the login failed.
 LoginSession Login(const std::string& account, const std::string& password);
 
-// Port, logs under /tmp/webapi-test, no delay on failed logins, the test
-// module and the real module; `extra` appended.
+// Port, logs, no delay after a failed login, the test and real modules; then `extra`.
 std::string TestConfig(const std::string& extra = "");
 
 bool WaitUntil(const std::function<bool()>& done, int timeout_ms = 10000);  // polls every 10 ms
@@ -67,8 +64,7 @@ bool WaitUntil(const std::function<bool()>& done, int timeout_ms = 10000);  // p
 // takes its server along.
 class ServerProcess : public ChildProcess {
  public:
-  // Starts the server and waits until it accepts connections; fails the test
-  // when it does not.
+  // Waits until it accepts connections; fails the test when it does not.
   void Start(const std::string& config);
   // Runs it (as the sandbox's `user` when given) until it exits by itself,
   // killed if it serves instead: its exit status.

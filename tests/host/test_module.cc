@@ -1,6 +1,5 @@
-// A module library for the server's tests: handlers that answer, fail with a
-// code, die by a signal, throw, sleep and fork children that outlive them.
-// Built three times (see CMakeLists.txt).
+// The server tests' module: handlers that answer, fail, die, throw, sleep and
+// fork children that outlive them. Built three times (see CMakeLists.txt).
 #include <signal.h>
 #include <unistd.h>
 
@@ -49,9 +48,8 @@ void Die(APIRequest* request, APIResponse*) { kill(getpid(), IntParam(request, "
 
 void Throw(APIRequest*, APIResponse*) { throw std::runtime_error("escaped"); }
 
-// Sleeps, then answers; or with "fork", like the module's after-response
-// child, answers and forks a sleeper never waited for, holding every
-// descriptor the worker had.
+// Sleeps, then answers; with "fork", answers and forks the sleeper, never
+// waited for and holding the worker's descriptors, like the module's.
 void Sleep(APIRequest* request, APIResponse* response) {
   response->SetSuccess(Json::Value("slept"));
   const bool forks = IntParam(request, "fork");
