@@ -35,15 +35,12 @@ int ExitCode(int status) {
 // closed the connection.
 std::string SendRaw(const std::string& bytes) {
   const int fd = Connect();
+  if (fd < 0) return "";
   std::string received;
   char chunk[65536];
-  ssize_t n = 0;
-  for (size_t done = 0; fd >= 0 && done < bytes.size(); done += n) {
-    if ((n = send(fd, bytes.data() + done, bytes.size() - done, MSG_NOSIGNAL)) <= 0) break;
-  }
-  while (n >= 0 && fd >= 0 && (n = recv(fd, chunk, sizeof(chunk), 0)) > 0)
-    received.append(chunk, n);
-  if (fd >= 0) close(fd);
+  send(fd, bytes.data(), bytes.size(), MSG_NOSIGNAL);  // a blocking socket takes it all
+  for (ssize_t n; (n = recv(fd, chunk, sizeof(chunk), 0)) > 0;) received.append(chunk, n);
+  close(fd);
   return received;
 }
 

@@ -34,10 +34,7 @@ struct HttpReply {
   std::string body;
   Json::Value json;                            // the body parsed, null when it is no JSON
   std::map<std::string, std::string> headers;  // by lower-case name; the last of a name
-  std::string header(const std::string& name) const {
-    const auto it = headers.find(name);
-    return it == headers.end() ? "" : it->second;
-  }
+  std::string header(const std::string& n) const { return headers.count(n) ? headers.at(n) : ""; }
 };
 
 // Where this thread's connections come from (127.0.0.x plays other hosts; empty: 127.0.0.1).

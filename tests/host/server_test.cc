@@ -136,9 +136,8 @@ TEST_F(ServerTest, RoutesEachCallDecodesItsParametersAndLogsWithoutSecrets) {
   }
   // Form values mean what they mean in JSON; what JSON would not write so
   // (007, 1.) stays text, as a name must.
-  const HttpReply echo =
-      SendHttp({"GET", "/webapi/entry.cgi?" + FormEncode(TestCall("echo")) + "&_sid=" + ann_.sid +
-                           "&n=-5e1&id=007&b=1.&t=a+b%00"});
+  const HttpReply echo = CallApi(
+      TestCall("echo", {{"n", "-5e1"}, {"id", "007"}, {"b", "1."}, {"t", {"a b\0", 4}}}), ann_.sid);
   EXPECT_EQ(echo.json["data"]["params"],
             ParseJson(R"({"n":-50.0,"id":"007","b":"1.","t":"a b\u0000"})"));
 
@@ -182,7 +181,7 @@ TEST_F(ServerTest, LoginAsksPamAndChecksItsParameters) {
   }
 }
 
-TEST_F(ServerTest, CallsNeedALiveSessionAndCookiesTheCsrfToken) {
+TEST_F(ServerTest, CallsNeedALiveSessionCookiesTheCsrfTokenAndAdminsTheGroup) {
   for (const std::string& sid :
        {std::string(), std::string("nonsense"), std::string(64, '0'), ann_.token}) {
     EXPECT_EQ(Code(CallApi(TestCall("echo"), sid)), 106) << sid;
@@ -204,9 +203,7 @@ TEST_F(ServerTest, CallsNeedALiveSessionAndCookiesTheCsrfToken) {
     EXPECT_EQ(Code(reply), code) << cookies << " " << token << " -> " << reply.body;
     EXPECT_EQ(reply.json["data"]["user"], code ? Json::Value() : Json::Value("ann"));
   }
-}
-
-TEST_F(ServerTest, AdministratorFlagFollowsGroupMembership) {
+  // The administrator flag follows the group's members.
   const std::string groups = ReadFile("/etc/group"), admins = "administrators:x:2200:carol";
   const auto at = groups.find(admins);
   ASSERT_NE(at, std::string::npos) << groups;
@@ -217,14 +214,13 @@ TEST_F(ServerTest, AdministratorFlagFollowsGroupMembership) {
   EXPECT_EQ(CallApi(TestCall("echo"), dave_.sid).json["data"]["is_admin"], false);
 }
 
-TEST_F(ServerTest, BadHttpGetsClearErrorsAndConnectionsCarryOn) {
-  const char* kJson = "application/json";
+TEST_F(ServerTest, BadHttpAndPathsOutOfTheStaticFolderAreRefusedClearly) {
   for (const auto& [request, status, code] : std::vector<std::tuple<HttpRequest, int, int>>{
            {{"GET", "/webapi/entry.cgi?api=%zz&method=echo&version=1"}, 400, 105},
            {{"GET", "/webapi/entry.cgi?api%=1"}, 400, 105},
-           {{"POST", "/webapi/entry.cgi", "{\"api\":", kJson}, 400, 105},
-           {{"POST", "/webapi/entry.cgi", "[1,2]", kJson}, 400, 105},
-           {{"POST", "/webapi/entry.cgi", "{\"a\":1} trailing", kJson}, 400, 105},
+           {{"POST", "/webapi/entry.cgi", "{\"api\":", "application/json"}, 400, 105},
+           {{"POST", "/webapi/entry.cgi", "[1,2]", "application/json"}, 400, 105},
+           {{"POST", "/webapi/entry.cgi", "{\"a\":1} trailing", "application/json"}, 400, 105},
            {{"POST", "/webapi/entry.cgi", "api=x", "text/plain"}, 415, 105},
            {{"POST", "/webapi/entry.cgi", std::string(5000, 'a'), kForm}, 413, 109},
            {{"GET", "/webapi/entry.cgi", "", "", {{"X-Big", std::string(3000, 'h')}}}, 431, 109},
@@ -254,9 +250,8 @@ TEST_F(ServerTest, BadHttpGetsClearErrorsAndConnectionsCarryOn) {
   close(fd);
   EXPECT_EQ(answer.rfind("HTTP/1.1 200", 0), 0u) << answer;
   EXPECT_NE(answer.find("{\"code\":801}"), std::string::npos);
-}
 
-TEST_F(ServerTest, StaticFilesComeFromTheFolderAloneLockedDown) {
+  // Static files come from their folder alone, locked down.
   for (const char* target :
        {"/js/", "/../secret.txt", "/js/%2e%2e/%2e%2e/secret.txt", "/link.txt", "/away/",
         "/away/index.html", "/linked/", "/linked", "/index.html%00.js"}) {
