@@ -113,6 +113,7 @@ TEST_F(ServerTest, RoutesEachCallDecodesItsParametersAndLogsWithoutSecrets) {
   for (const auto& [fields, code, errors] : std::vector<std::tuple<Fields, int, const char*>>{
            {{{"method", "echo"}, {"version", "1"}}, 101, nullptr},
            {TestCall("echo", {}, "KEST.Test.Nothing"), 102, nullptr},
+           {TestCall("echo", {}, "true"), 102, nullptr},  // the route stays text
            {TestCall("nothing"), 103, nullptr},
            {TestCall("echo", {}, kTestAPI, "3"), 104, nullptr},
            {TestCall("echo", {}, kTestAPI, "abc"), 104, nullptr},
@@ -330,9 +331,8 @@ TEST_F(ServerTest, DownloadsServeOnlyWhatTheUserMayReadNeverAsThePageAndInRanges
   EXPECT_EQ(Fetch(file, "", {cookie}).status, 200);
   EXPECT_EQ(Code(Fetch(file, "", {cookie, {"Sec-Fetch-Site", "cross-site"}})), 108);
 
-  // The range asked for; the status, the body and the range served: the end
-  // bound to the file, past it nothing, and a range that is none the whole
-  // file.
+  // The range asked for, then the status, body and range served: the end bound
+  // to the file, nothing past it, and for no valid range the whole file.
   for (const auto& [range, expected] :
        std::vector<std::pair<const char*, const char*>>{{"bytes=2-99", "206 llo bytes 2-4/5"},
                                                         {"bytes=5-", "416  bytes */5"},
