@@ -1,5 +1,4 @@
-// Runs the web API server as a real process inside the test sandbox and talks
-// to it over real HTTP on loopback.
+// The web API server as a real process in the test sandbox, over HTTP on loopback.
 #ifndef KEST_TESTS_HOST_SERVER_HARNESS_H_
 #define KEST_TESTS_HOST_SERVER_HARNESS_H_
 

@@ -1,5 +1,4 @@
-// The server tests' module: handlers that answer, fail, die, throw, sleep and
-// fork children that outlive them. Built three times (see CMakeLists.txt).
+// The server tests' module, built three times (see CMakeLists.txt).
 #include <signal.h>
 #include <unistd.h>
 
@@ -48,14 +47,19 @@ void Die(APIRequest* request, APIResponse*) { kill(getpid(), IntParam(request, "
 
 void Throw(APIRequest*, APIResponse*) { throw std::runtime_error("escaped"); }
 
-// Sleeps, then answers; with "fork", answers and forks the sleeper, never
-// waited for and holding the worker's descriptors, like the module's.
 void Sleep(APIRequest* request, APIResponse* response) {
-  response->SetSuccess(Json::Value("slept"));
-  const bool forks = IntParam(request, "fork");
-  if (forks && fork() != 0) return;
   sleep(IntParam(request, "seconds", 1));
-  if (forks) _exit(0);
+  response->SetSuccess(Json::Value("slept"));
+}
+
+// Like the module's after-answer child: a sleeper never waited for, holding
+// every descriptor the worker had.
+void Fork(APIRequest* request, APIResponse* response) {
+  if (fork() == 0) {
+    Sleep(request, response);
+    _exit(0);
+  }
+  response->SetSuccess(Json::Value("forked"));
 }
 
 bool CheckX(APIRequest* request, APIResponse* response) {
@@ -77,10 +81,9 @@ bool CheckX(APIRequest* request, APIResponse* response) {
 #endif
 
 const KEST::APIHandlerRow kTable[] = {
-    {TEST_API, 1, "echo", Echo},    {TEST_API, 2, SECOND_METHOD, Echo},
-    {TEST_API, 1, "fail", Fail},    {TEST_API, 1, "die", Die},
-    {TEST_API, 1, "throw", Throw},  {TEST_API, 1, "sleep", Sleep},
-    {TEST_API, 1, "checked", Echo}, {nullptr, 0, nullptr, nullptr},
+    {TEST_API, 1, "echo", Echo}, {TEST_API, 2, SECOND_METHOD, Echo}, {TEST_API, 1, "fail", Fail},
+    {TEST_API, 1, "die", Die},   {TEST_API, 1, "throw", Throw},      {TEST_API, 1, "sleep", Sleep},
+    {TEST_API, 1, "fork", Fork}, {TEST_API, 1, "checked", Echo},     {nullptr, 0, nullptr, nullptr},
 };
 
 const KEST::APICheckRow kChecks[] = {
