@@ -6,7 +6,6 @@
 #include <unistd.h>
 
 #include <atomic>
-#include <cstring>
 #include <regex>
 #include <set>
 #include <thread>
