@@ -188,7 +188,8 @@ int ServerProcess::Children(bool zombies) const {
 }
 
 bool ServerProcess::WaitQuiet() const {
-  return WaitUntil([&] { return Children(true) + Children(false) == 0; });
+  // The living first: one that dies between two scans is then a zombie.
+  return WaitUntil([&] { return Children(false) == 0 && Children(true) == 0; });
 }
 
 }  // namespace kesttest
