@@ -1,18 +1,16 @@
 #include "host/server_harness.h"
 
 #include <arpa/inet.h>
-#include <dirent.h>
-#include <fcntl.h>
 #include <gtest/gtest.h>
 #include <netinet/in.h>
 #include <signal.h>
-#include <sys/prctl.h>
 #include <sys/socket.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
-#include <boost/beast/http.hpp>
+#include <boost/algorithm/string.hpp>
 #include <chrono>
+#include <filesystem>
+#include <sstream>
 #include <thread>
 
 #include "kest/json.h"
@@ -21,36 +19,29 @@
 namespace kesttest {
 namespace {
 
-namespace http = boost::beast::http;
+namespace fs = std::filesystem;
 
 const char kConfigPath[] = "/tmp/webapi-test/server.conf";
 const char kOutputPath[] = "/tmp/webapi-test/server.out";
 
 thread_local std::string client_address;
 
-// The server's process with its output in kOutputPath, as `user` when given.
-pid_t Spawn(const std::string& config, const char* user) {
-  WriteFile(kConfigPath, config);
-  const pid_t pid = fork();
-  if (pid == 0) {
-    prctl(PR_SET_PDEATHSIG, SIGKILL);  // a test that dies takes its server along
-    const int out = open(kOutputPath, O_WRONLY | O_CREAT | O_TRUNC, 0644);
-    dup2(out, 1);
-    dup2(out, 2);
-    dup2(open("/dev/null", O_RDONLY), 0);
-    if (user && (setgid(UserByName(user).gid) != 0 || setuid(UserByName(user).uid) != 0))
-      _exit(126);
-    execl(KEST_SERVER_BINARY, KEST_SERVER_BINARY, "--config", kConfigPath, nullptr);
-    _exit(127);
-  }
-  return pid;
+// The exit status, or 128 + the signal that ended it.
+int ExitCode(int status) {
+  return WIFSIGNALED(status) ? 128 + WTERMSIG(status) : WEXITSTATUS(status);
 }
 
-// The exit status of `pid` once it ended (128 + signal), -1 while it runs.
-int Exited(pid_t pid, int options = WNOHANG) {
-  int status = 0;
-  if (waitpid(pid, &status, options) != pid) return -1;
-  return WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
+// Everything the server sent on a fresh connection after `bytes`, until it
+// closed the connection.
+std::string SendRaw(const std::string& bytes) {
+  const int fd = Connect();
+  if (fd < 0) return "";
+  std::string received;
+  char chunk[65536];
+  send(fd, bytes.data(), bytes.size(), MSG_NOSIGNAL);  // a blocking socket takes it all
+  for (ssize_t n; (n = recv(fd, chunk, sizeof(chunk), 0)) > 0;) received.append(chunk, n);
+  close(fd);
+  return received;
 }
 
 }  // namespace
@@ -75,33 +66,14 @@ int Connect() {
   return fd;
 }
 
-std::string SendRaw(const std::string& bytes) {
-  const int fd = Connect();
-  std::string received;
-  char chunk[65536];
-  ssize_t n = 0;
-  for (size_t done = 0; fd >= 0 && done < bytes.size(); done += n) {
-    if ((n = send(fd, bytes.data() + done, bytes.size() - done, MSG_NOSIGNAL)) <= 0) break;
-  }
-  while (n >= 0 && fd >= 0 && (n = recv(fd, chunk, sizeof(chunk), 0)) > 0)
-    received.append(chunk, n);
-  if (fd >= 0) close(fd);
-  return received;
-}
-
 std::string FormEncode(const Fields& fields) {
   std::string out;
   for (const auto& [name, value] : fields) {
-    if (!out.empty()) out += '&';
-    for (const std::string* part : {&name, &value}) {
-      for (unsigned char c : *part) {
-        if (isalnum(c) || (c && strchr("-_.~/", c))) {
-          out.push_back(static_cast<char>(c));
-        } else {
-          out += {'%', "0123456789ABCDEF"[c >> 4], "0123456789ABCDEF"[c & 0xf]};
-        }
-      }
-      if (part == &name) out += '=';
+    out += (out.empty() ? "" : "&") + name + "=";
+    for (unsigned char c : value) {
+      const char* hex = "0123456789ABCDEF";
+      out += isalnum(c) || (c && strchr("-_./", c)) ? std::string(1, c)
+                                                    : std::string{'%', hex[c >> 4], hex[c & 15]};
     }
   }
   return out;
@@ -114,24 +86,21 @@ HttpReply SendHttp(const HttpRequest& request) {
   if (!request.content_type.empty()) text += "Content-Type: " + request.content_type + "\r\n";
   for (const auto& [name, value] : request.headers) text += name + ": " + value + "\r\n";
   const std::string received = SendRaw(text + "\r\n" + request.body);
-  // The whole answer: the server closes the connection after it.
-  http::response_parser<http::string_body> parser;
-  parser.eager(true);
-  parser.body_limit(1u << 30);
-  boost::beast::error_code ec;
-  for (size_t used = 0; !ec && !parser.is_done() && used < received.size();) {
-    used += parser.put(boost::asio::buffer(received.data() + used, received.size() - used), ec);
-  }
-  if (!parser.is_done()) parser.put_eof(ec);
+  // The whole answer, sized by its Content-Length: the server closes the
+  // connection after it.
   HttpReply reply;
-  if (!parser.is_done()) return reply;
-  reply.status = static_cast<int>(parser.get().result_int());
-  reply.body = parser.get().body();
-  for (const auto& field : parser.get()) {
-    std::string name(field.name_string());
-    for (char& c : name) c = static_cast<char>(tolower(static_cast<unsigned char>(c)));
-    reply.headers[name] = std::string(field.value());
+  const size_t end = received.find("\r\n\r\n");
+  if (end == std::string::npos || sscanf(received.c_str(), "HTTP/1.1 %d", &reply.status) != 1) {
+    return reply;
   }
+  std::istringstream head(received.substr(0, end));
+  for (std::string line; std::getline(head, line);) {
+    const size_t colon = line.find(':');
+    if (colon == std::string::npos) continue;
+    reply.headers[boost::algorithm::to_lower_copy(line.substr(0, colon))] =
+        boost::algorithm::trim_copy(line.substr(colon + 1));
+  }
+  reply.body = received.substr(end + 4);
   if (!Json::fromString(reply.json, reply.body)) reply.json = Json::Value();
   return reply;
 }
@@ -144,11 +113,8 @@ HttpReply CallApi(const Fields& fields, const std::string& sid) {
 
 LoginSession Login(const std::string& account, const std::string& password) {
   const HttpReply reply = SendHttp({"POST", "/webapi/entry.cgi",
-                                    FormEncode({{"api", "KEST.API.Auth"},
-                                                {"version", "1"},
-                                                {"method", "login"},
-                                                {"account", account},
-                                                {"passwd", password}}),
+                                    "api=KEST.API.Auth&version=1&method=login&" +
+                                        FormEncode({{"account", account}, {"passwd", password}}),
                                     "application/x-www-form-urlencoded; charset=UTF-8"});
   const Json::Value& data = reply.json["data"];
   return {data["sid"].asString(), data["csrf_token"].asString(), reply.json};
@@ -163,74 +129,67 @@ std::string TestConfig(const std::string& extra) {
 
 bool WaitUntil(const std::function<bool()>& done, int timeout_ms) {
   const auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(timeout_ms);
-  while (!done()) {
+  for (; !done(); std::this_thread::sleep_for(std::chrono::milliseconds(10))) {
     if (std::chrono::steady_clock::now() > deadline) return false;
-    std::this_thread::sleep_for(std::chrono::milliseconds(10));
   }
   return true;
 }
 
+void ServerProcess::Launch(const std::string& config, const char* user) {
+  WriteFile(kConfigPath, config);
+  const std::string as = user ? " --reuid=" + std::to_string(UserByName(user).uid) +
+                                    " --regid=" + std::to_string(UserByName(user).gid) +
+                                    " --clear-groups"
+                              : "";
+  Run({"sh", "-c",
+       "exec setpriv --pdeathsig KILL" + as + " " KEST_SERVER_BINARY " --config " + kConfigPath +
+           " >" + kOutputPath + " 2>&1 </dev/null"});
+}
+
 void ServerProcess::Start(const std::string& config) {
-  pid_ = Spawn(config, nullptr);
-  int status = -1;
+  Launch(config, nullptr);
   const bool serving = WaitUntil([&] {
     const int fd = Connect();
     if (fd >= 0) close(fd);
-    return fd >= 0 || (status = Exited(pid_)) >= 0;
+    return fd >= 0 || !Running();
   });
-  if (status >= 0) pid_ = -1;
-  ASSERT_TRUE(serving && status < 0) << "the server does not serve: " << Output();
+  ASSERT_TRUE(serving && Running()) << "the server does not serve: " << Output();
 }
 
-int ServerProcess::Stop() {
-  if (pid_ <= 0) return -1;
-  kill(pid_, SIGTERM);
-  const int status = Exited(pid_, 0);
-  pid_ = -1;
-  return status;
+int ServerProcess::RunToExit(const std::string& config, const char* user) {
+  Launch(config, user);
+  if (!WaitUntil([&] { return !Running(); })) kill(pid(), SIGKILL);
+  return ExitCode(ChildProcess::Stop(true));
 }
+
+int ServerProcess::Stop() { return ExitCode(ChildProcess::Stop()); }
 
 std::string ServerProcess::Output() const { return ReadFile(kOutputPath); }
 
 int ServerProcess::OpenDescriptors() const {
-  DIR* dir = opendir(("/proc/" + std::to_string(pid_) + "/fd").c_str());
-  int count = 0;
-  while (struct dirent* entry = dir ? readdir(dir) : nullptr) count += entry->d_name[0] != '.';
-  if (dir) closedir(dir);
-  return count;
+  std::error_code ec;
+  return std::distance(fs::directory_iterator("/proc/" + std::to_string(pid()) + "/fd", ec), {});
 }
 
 int ServerProcess::Children(bool zombies) const {
   int count = 0;
-  DIR* dir = opendir("/proc");
-  while (struct dirent* entry = readdir(dir)) {
-    const std::string stat =
-        atoi(entry->d_name) > 0 ? ReadFile(std::string("/proc/") + entry->d_name + "/stat") : "";
+  for (const auto& entry : fs::directory_iterator("/proc")) {
+    const std::string name = entry.path().filename();
+    const std::string stat = atoi(name.c_str()) > 0 ? ReadFile(entry.path() / "stat") : "";
     const auto paren = stat.rfind(')');
     char state = 0;
     pid_t parent = 0;
     if (paren != std::string::npos &&
-        sscanf(stat.c_str() + paren + 1, " %c %d", &state, &parent) == 2 && parent == pid_) {
+        sscanf(stat.c_str() + paren + 1, " %c %d", &state, &parent) == 2 && parent == pid()) {
       count += (state == 'Z') == zombies;
     }
   }
-  closedir(dir);
   return count;
 }
 
 bool ServerProcess::WaitQuiet() const {
-  return WaitUntil([&] { return Children(true) + Children(false) == 0; });
-}
-
-int RunServerToExit(const std::string& config, std::string* output, const char* user) {
-  const pid_t pid = Spawn(config, user);
-  int status = -1;
-  if (!WaitUntil([&] { return (status = Exited(pid)) >= 0; })) {
-    kill(pid, SIGKILL);
-    status = Exited(pid, 0);
-  }
-  *output = ReadFile(kOutputPath);
-  return status;
+  // The living first: one that dies between two scans is then a zombie.
+  return WaitUntil([&] { return Children(false) == 0 && Children(true) == 0; });
 }
 
 }  // namespace kesttest

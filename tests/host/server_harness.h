@@ -1,16 +1,16 @@
-// Runs the web API server as a real process inside the test sandbox and talks
-// to it over real HTTP on loopback.
+// The web API server as a real process in the test sandbox, over HTTP on loopback.
 #ifndef KEST_TESTS_HOST_SERVER_HARNESS_H_
 #define KEST_TESTS_HOST_SERVER_HARNESS_H_
 
 #include <json/json.h>
-#include <sys/types.h>
 
 #include <functional>
 #include <map>
 #include <string>
 #include <utility>
 #include <vector>
+
+#include "support/sandbox.h"
 
 namespace kesttest {
 
@@ -33,22 +33,13 @@ struct HttpReply {
   std::string body;
   Json::Value json;                            // the body parsed, null when it is no JSON
   std::map<std::string, std::string> headers;  // by lower-case name; the last of a name
-  std::string header(const std::string& name) const {
-    const auto it = headers.find(name);
-    return it == headers.end() ? "" : it->second;
-  }
+  std::string header(const std::string& n) const { return headers.count(n) ? headers.at(n) : ""; }
 };
 
-// Connections this thread opens from now on come from `address` (127.0.0.2...
-// play other client hosts on loopback); empty: 127.0.0.1.
+// Where this thread's connections come from (127.0.0.x plays other hosts; empty: 127.0.0.1).
 void SetClientAddress(const std::string& address);
-// A connection open to the server; -1 on failure. Caller closes.
-int Connect();
-// Writes `bytes` on a fresh connection; everything the server sent until it
-// closed the connection.
-std::string SendRaw(const std::string& bytes);
+int Connect();  // -1 on failure
 std::string FormEncode(const Fields& fields);
-// One request on its own connection.
 HttpReply SendHttp(const HttpRequest& request);
 // GET of the entry point with `fields`, plus "_sid" when `sid` is not empty.
 HttpReply CallApi(const Fields& fields, const std::string& sid = "");
@@ -60,39 +51,32 @@ struct LoginSession {
 // Logs in with a form body; `sid` stays empty when the login failed.
 LoginSession Login(const std::string& account, const std::string& password);
 
-// Port, logs under /tmp/webapi-test, no delay on failed logins, the test
-// module and the real module; `extra` appended.
+// Port, logs, no delay after a failed login, the test and real modules; then `extra`.
 std::string TestConfig(const std::string& extra = "");
 
-// Polls `done` every 10 ms for up to `timeout_ms`; its last answer.
-bool WaitUntil(const std::function<bool()>& done, int timeout_ms = 10000);
+bool WaitUntil(const std::function<bool()>& done, int timeout_ms = 10000);  // polls every 10 ms
 
-class ServerProcess {
+// The server as a child of the test, its output in a file; a test that dies
+// takes its server along.
+class ServerProcess : public ChildProcess {
  public:
-  ~ServerProcess() { Stop(); }
-  // Starts the server and waits until it accepts connections; fails the test
-  // when it does not.
+  // Waits until it accepts connections; fails the test when it does not.
   void Start(const std::string& config);
-  // SIGTERM, then waits; the exit status, or 128 + signal.
-  int Stop();
-  pid_t pid() const { return pid_; }
-  std::string Output() const;  // its stdout and stderr so far
+  // Runs it (as the sandbox's `user` when given) until it exits by itself,
+  // killed if it serves instead: its exit status.
+  int RunToExit(const std::string& config, const char* user = nullptr);
+  int Stop();                  // SIGTERM, then waits; the exit status, or 128 + signal
+  std::string Output() const;  // its stdout and stderr
   int OpenDescriptors() const;
   // The server's living children, or its zombies: the server is a subreaper,
   // so a living descendant at any depth makes a living child.
   int Children(bool zombies = false) const;
   int Zombies() const { return Children(true); }
-  // Waits (bounded) until the server has no zombie and no living child.
-  bool WaitQuiet() const;
+  bool WaitQuiet() const;  // until it has neither (bounded)
 
  private:
-  pid_t pid_ = -1;
+  void Launch(const std::string& config, const char* user);
 };
-
-// Runs the server (as the test user `user` when given) until it exits by
-// itself, killed after a while if it serves instead: its exit status, and
-// what it printed in `output`.
-int RunServerToExit(const std::string& config, std::string* output, const char* user = nullptr);
 
 }  // namespace kesttest
 

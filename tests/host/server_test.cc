@@ -3,10 +3,10 @@
 // module, real files, links and modes.
 #include <gtest/gtest.h>
 #include <sys/socket.h>
-#include <sys/stat.h>
 #include <unistd.h>
 
-#include <cstring>
+#include <atomic>
+#include <regex>
 #include <set>
 #include <thread>
 
@@ -20,16 +20,13 @@ namespace {
 
 constexpr char kTeam[] = "/volume1/docs/team/";
 constexpr char kForm[] = "application/x-www-form-urlencoded";
+constexpr char kOddName[] = "sub/q\"uo\\te;\r\nX-Evil: 1 \xc3\xa9\xff.pdf";
 
-Fields Route(const std::string& api, const std::string& method, const std::string& version = "1",
-             const Fields& extra = {}) {
+Fields TestCall(const std::string& method, const Fields& extra = {},
+                const std::string& api = kTestAPI, const std::string& version = "1") {
   Fields fields = {{"api", api}, {"method", method}, {"version", version}};
   fields.insert(fields.end(), extra.begin(), extra.end());
   return fields;
-}
-
-Fields TestCall(const std::string& method, const Fields& extra = {}) {
-  return Route(kTestAPI, method, "1", extra);
 }
 
 // 0 for a success, the error code otherwise, -1 for an answer that is no JSON.
@@ -38,19 +35,16 @@ int Code(const HttpReply& reply) {
   return reply.json["success"].asBool() ? 0 : reply.json["error"]["code"].asInt();
 }
 
-// After each test: the server left no descendant behind; on a failure, what
-// the server said.
+// After each test: no descendant left behind; on a failure, what the server said.
 void CheckAfterTest(const ServerProcess& server) {
   SetClientAddress("");
   if (testing::Test::HasFailure()) printf("server output: %s\n", server.Output().c_str());
-  if (server.pid() > 0) {
-    EXPECT_TRUE(server.WaitQuiet()) << "descendants left behind";
-  }
+  EXPECT_TRUE(server.WaitQuiet()) << "descendants left behind";
 }
 
-// One server for the tests of single requests: the test module, the real
-// module with shares and indexed folders holding files of every kind, and a
-// folder of static files with links that lead out of it.
+// One server for the tests of single requests: the shipped settings, the test
+// module, the real module with shares and indexed folders holding files of
+// every kind, and a folder of static files with links that lead out of it.
 class ServerTest : public testing::Test {
  protected:
   static void SetUpTestSuite() {
@@ -60,44 +54,42 @@ class ServerTest : public testing::Test {
               "[docs]\npath = /volume1/docs\ninvalid users = dave\n"
               "[other]\npath = /volume1/other\n[homes]\npath = /volume1/homes\n");
     const std::string team = kTeam;
-    WriteFile(team + "hello.txt", "hello");
-    WriteFile(team + "page.html", "<script>alert(1)</script>");
-    WriteFile(team + "logo.svg", "<svg onload=alert(1)/>");
-    WriteFile(team + "empty.txt", "");
-    WriteFile(team + "sub/q\"uo\\te;\r\nX-Evil: 1 \xc3\xa9\xff.pdf", "%PDF");
+    for (const auto& [path, text] : std::vector<std::pair<std::string, std::string>>{
+             {team + "hello.txt", "hello"},
+             {team + "page.html", "<script>alert(1)</script>"},
+             {team + "logo.svg", "<svg onload=alert(1)/>"},
+             {team + "empty.txt", ""},
+             {team + kOddName, "%PDF"},
+             {"/volume1/docs/unindexed.txt", "outside the indexed folder"},
+             {"/volume1/other/far.txt", "another share"},
+             {"/volume1/homes/ann/mine.txt", "ann's home"},
+             {"/volume1/homes/bob/open.txt", "bob's home, readable by all"},
+             {"/tmp/www/index.html", "<html>page</html>"},
+             {"/tmp/www/js/app.js", "let a = 1;"},
+             {"/tmp/secret.txt", "secret"},
+             {"/tmp/outside/index.html", "secret"},
+         }) {
+      WriteFile(path, text);
+    }
     WriteFile(team + "ann-only.txt", "ann", 0600);
     ASSERT_EQ(0, chown((team + "ann-only.txt").c_str(), kAnnUid, kAnnUid));
-    WriteFile("/volume1/docs/unindexed.txt", "outside the indexed folder");
-    WriteFile("/volume1/other/far.txt", "another share");
-    ASSERT_EQ(0, symlink("/volume1/other/far.txt", (team + "link.txt").c_str()));
-    ASSERT_EQ(0, symlink("/volume1/other", (team + "linkdir").c_str()));
-    ASSERT_EQ(0, mkfifo((team + "fifo.txt").c_str(), 0666));
-    WriteFile("/volume1/homes/ann/mine.txt", "ann's home");
-    WriteFile("/volume1/homes/bob/open.txt", "bob's home, readable by all");
-
-    WriteFile("/tmp/www/index.html", "<html>page</html>");
-    WriteFile("/tmp/www/js/app.js", "let a = 1;");
-    WriteFile("/tmp/secret.txt", "secret");
-    WriteFile("/tmp/outside/index.html", "secret");
-    ASSERT_EQ(0, system("gzip -9 -n -k /tmp/www/js/app.js && mkdir /tmp/www/linked && "
-                        "ln -s /tmp/secret.txt /tmp/www/link.txt && ln -s /tmp/outside "
-                        "/tmp/www/away && ln -s /tmp/secret.txt /tmp/www/linked/index.html"));
-    server_.Start(
-        TestConfig("[server]\nstatic_root = /tmp/www\nadmin_recheck_interval = 0\n"
-                   "max_body_size = 4096\nmax_header_size = 2048\n"));
-
+    ASSERT_EQ(0, system("cd /volume1/docs/team && ln -s /volume1/other/far.txt link.txt && "
+                        "ln -s /volume1/other linkdir && mkfifo fifo.txt && cd /tmp/www && "
+                        "mkdir linked && ln -s /tmp/secret.txt link.txt "
+                        "&& ln -s /tmp/outside away && ln -s /tmp/secret.txt linked/index.html"));
+    server_.Start(ReadFile(KEST_BINARY_DIR "/dist/webapi-server.conf") +
+                  TestConfig("[server]\nstatic_root = /tmp/www\nadmin_recheck_interval = 0\n"
+                             "max_body_size = 4096\nmax_header_size = 2048\n"));
     for (auto [session, name] :
          {std::pair{&ann_, "ann"}, {&bob_, "bob"}, {&carol_, "carol"}, {&dave_, "dave"}}) {
       *session = Login(name, UserByName(name).password);
       ASSERT_FALSE(session->sid.empty()) << session->reply;
     }
-    // The real module's folders, added with a JSON body.
-    const HttpReply added = SendHttp(
-        {"POST", "/webapi/entry.cgi",
-         R"({"api": "KEST.Ondri.FileIndexing.Folder", "method": "add", "version": 1, "folder":
-             [{"path": "/volume1/docs/team"}, {"path": "/volume1/homes"}], "_sid": ")" +
-             carol_.sid + "\"}",
-         "application/json"});
+    const HttpReply added = CallApi(
+        TestCall("add",
+                 {{"folder", R"([{"path": "/volume1/docs/team"}, {"path": "/volume1/homes"}])"}},
+                 "KEST.Ondri.FileIndexing.Folder"),
+        carol_.sid);
     ASSERT_EQ(Code(added), 0) << added.body;
   }
   static void TearDownTestSuite() { server_.Stop(); }
@@ -105,54 +97,60 @@ class ServerTest : public testing::Test {
 
   static HttpReply Fetch(const std::string& path, const std::string& sid, Fields headers = {},
                          const std::string& extra = "") {
-    return SendHttp({"GET",
-                     "/webapi/file?" + FormEncode({{"path", path}}) + extra +
-                         (sid.empty() ? "" : "&_sid=" + sid),
-                     "", "", std::move(headers)});
+    const std::string query = FormEncode({{"path", path}}) + extra + (sid.empty() ? "" : "&_sid=");
+    return SendHttp({"GET", "/webapi/file?" + query + sid, "", "", std::move(headers)});
   }
 
   inline static ServerProcess server_;
   inline static LoginSession ann_, bob_, carol_, dave_;
 };
 
-TEST_F(ServerTest, RoutesEachCallPassesAnswersThroughAndLogsWithoutSecrets) {
+TEST_F(ServerTest, RoutesEachCallDecodesItsParametersAndLogsWithoutSecrets) {
   const char* kRequired = R"({"name":"x","reason":"required"})";
   // The call, its code, and the error's data when it has some.
   for (const auto& [fields, code, errors] : std::vector<std::tuple<Fields, int, const char*>>{
            {{{"method", "echo"}, {"version", "1"}}, 101, nullptr},
-           {{{"api", kTestAPI}, {"method", "echo"}}, 101, nullptr},
-           {Route("KEST.Test.Nothing", "echo"), 102, nullptr},
+           {TestCall("echo", {}, "KEST.Test.Nothing"), 102, nullptr},
+           {TestCall("echo", {}, "true"), 102, nullptr},  // the route stays text
            {TestCall("nothing"), 103, nullptr},
-           {Route(kTestAPI, "echo", "3"), 104, nullptr},
-           {Route(kTestAPI, "echo", "abc"), 104, nullptr},
-           {Route(kTestAPI, "echo", "2"), 0, nullptr},  // another version is its own route
-           {Route("KEST.API.Auth", "nothing"), 103, nullptr},
+           {TestCall("echo", {}, kTestAPI, "3"), 104, nullptr},
+           {TestCall("echo", {}, kTestAPI, "abc"), 104, nullptr},
+           {TestCall("echo", {}, kTestAPI, "2"), 0, nullptr},  // another version is its own route
+           {TestCall("nothing", {}, "KEST.API.Auth"), 103, nullptr},
            // Checked, but served by no module: the checker answers first.
-           {Route("KEST.Test.CheckedOnly", "run"), 120, kRequired},
-           {Route("KEST.Test.CheckedOnly", "pass"), 103, nullptr},
+           {TestCall("run", {}, "KEST.Test.CheckedOnly"), 120, kRequired},
            {TestCall("checked"), 120, kRequired},
            {TestCall("fail", {{"code", "507"}}), 507, nullptr},
            {TestCall("fail", {{"code", "800"}, {"data", R"({"why":"x"})"}}), 800, R"({"why":"x"})"},
            {TestCall("throw"), 117, nullptr},
-           {Route("KEST.Ondri.FileIndexing.Folder", "get"), 120,
+           {TestCall("get", {}, "KEST.Ondri.FileIndexing.Folder"), 120,
             R"({"name":"path","reason":"required"})"},
        }) {
     const HttpReply reply = CallApi(fields, ann_.sid);
-    EXPECT_EQ(reply.status, 200);
     EXPECT_EQ(reply.header("content-type"), "application/json; charset=utf-8");
     EXPECT_EQ(Code(reply), code) << FormEncode(fields) << " -> " << reply.body;
     EXPECT_EQ(reply.json["error"].get("errors", Json::Value()),
               errors ? ParseJson(errors) : Json::Value())
         << reply.body;
   }
+  // Form values mean what they mean in JSON; what JSON would not write so
+  // (007, 1.) stays text, as a name must.
+  const HttpReply echo = CallApi(
+      TestCall("echo", {{"n", "-5e1"}, {"id", "007"}, {"b", "1."}, {"t", {"a b\0", 4}}}), ann_.sid);
+  EXPECT_EQ(echo.json["data"]["params"],
+            ParseJson(R"({"n":-50.0,"id":"007","b":"1.","t":"a b\u0000"})"));
+
+  // Log lines hold no query, and a client's path cannot forge a field.
+  EXPECT_EQ(SendHttp({"GET", "/a\"b\\c?hidden-query"}).status, 404);
   const std::string log = ReadFile(kAccessLog);
-  for (const char* line :
-       {"127.0.0.1 ann \"POST /webapi/entry.cgi\" 200 ", "KEST.API.Auth/login/1 ok",
-        "127.0.0.1 ann \"GET /webapi/entry.cgi\" 200 ", "KEST.Test.Host/echo/2 ok",
-        "KEST.Test.Host/fail/1 800"}) {
-    EXPECT_NE(log.find(line), std::string::npos) << line << " in " << log;
+  for (
+      const char* line :
+      {R"(\dZ 127\.0\.0\.1 ann "POST /webapi/entry\.cgi" 200 \d+ KEST\.API\.Auth/login/1 ok \d+ms\n)",
+       R"(\dZ 127\.0\.0\.1 ann "GET /webapi/entry\.cgi" 200 \d+ KEST\.Test\.Host/fail/1 800 \d+ms\n)",
+       R"(\dZ 127\.0\.0\.1 - "GET /a\\x22b\\x5cc" 404 \d+ - 105 \d+ms\n)"}) {
+    EXPECT_TRUE(std::regex_search(log, std::regex(line))) << line << " in " << log;
   }
-  EXPECT_EQ(log.find("-secret"), std::string::npos);
+  EXPECT_EQ(log.find("hidden-query"), std::string::npos);
   EXPECT_EQ(log.find(ann_.sid), std::string::npos);
 }
 
@@ -161,9 +159,6 @@ TEST_F(ServerTest, LoginAsksPamAndChecksItsParameters) {
   for (const auto& [query, code, invalid] : std::vector<std::tuple<std::string, int, const char*>>{
            {"account=ann&passwd=ann-secret", 0, nullptr},
            {"account=ann&passwd=wrong", 112, nullptr},
-           {"account=ann&passwd=ann-secret%01", 112, nullptr},
-           {"account=KestOndri&passwd=x", 112, nullptr},  // the service account has no password
-           {"account=root&passwd=x", 112, nullptr},
            {"passwd=x", 115, "account"},
            {"account=ann", 115, "passwd"},
            {"account=12&passwd=x", 115, "account"},
@@ -174,63 +169,57 @@ TEST_F(ServerTest, LoginAsksPamAndChecksItsParameters) {
         SendHttp({"GET", "/webapi/entry.cgi?api=KEST.API.Auth&method=login&version=1&" + query});
     ASSERT_EQ(Code(reply), code) << query << " -> " << reply.body;
     const Json::Value& data = reply.json["data"];
+    EXPECT_EQ(reply.json["error"]["errors"]["name"], invalid ? invalid : Json::Value());
+    EXPECT_EQ(data["account"], code ? Json::Value() : "ann");
     if (code == 0) {
-      EXPECT_EQ(data["sid"].asString().size(), 64u);
-      EXPECT_EQ(data["sid"].asString().find_first_not_of("0123456789abcdef"), std::string::npos);
-      EXPECT_EQ(data["csrf_token"].asString().size(), 64u);
-      EXPECT_EQ(data["account"], "ann");
+      for (const char* key : {"sid", "csrf_token"})
+        EXPECT_TRUE(std::regex_match(data[key].asString(), std::regex("[0-9a-f]{64}"))) << key;
       EXPECT_EQ(reply.header("set-cookie"),
                 "kest_sid=" + data["sid"].asString() + "; Path=/; HttpOnly; SameSite=Strict");
-    } else {
-      EXPECT_FALSE(reply.json.isMember("data"));
-      EXPECT_EQ(reply.json["error"]["errors"]["name"], invalid ? invalid : Json::Value());
     }
   }
 }
 
-TEST_F(ServerTest, CallsNeedALiveSessionAndCookiesTheCsrfToken) {
-  for (const std::string& sid : {std::string("nonsense"), std::string(64, '0'), ann_.token}) {
+TEST_F(ServerTest, CallsNeedALiveSessionCookiesTheCsrfTokenAndAdminsTheGroup) {
+  for (const std::string& sid :
+       {std::string(), std::string("nonsense"), std::string(64, '0'), ann_.token}) {
     EXPECT_EQ(Code(CallApi(TestCall("echo"), sid)), 106) << sid;
   }
-  EXPECT_EQ(Code(CallApi(TestCall("echo"))), 106);
-  // A foreign page can make a browser send the cookie, never the header.
-  for (const auto& [token, code] : std::vector<std::pair<std::string, int>>{
-           {"", 108}, {"wrong", 108}, {bob_.token, 108}, {ann_.sid, 108}, {ann_.token, 0}}) {
-    HttpRequest request{"GET", "/webapi/entry.cgi?" + FormEncode(TestCall("echo"))};
-    request.headers = {{"Cookie", "other=1; kest_sid=" + ann_.sid}};
-    if (!token.empty()) request.headers.emplace_back("X-Kest-CSRF-Token", token);
+  // A foreign page can make a browser send the cookie, never the header; only
+  // the cookie of that very name carries the session.
+  const std::string cookie = "other=1; kest_sid=" + ann_.sid;
+  for (const auto& [cookies, token, code] : std::vector<std::tuple<std::string, std::string, int>>{
+           {cookie, "", 108},
+           {cookie, "wrong", 108},
+           {cookie, bob_.token, 108},
+           {cookie, ann_.sid, 108},
+           {cookie, ann_.token, 0},
+           {"xkest_sid=" + ann_.sid + "; kest_sidx=" + ann_.sid, ann_.token, 106},
+       }) {
+    HttpRequest request("GET", "/webapi/entry.cgi?" + FormEncode(TestCall("echo")));
+    request.headers = {{"Cookie", cookies}, {"X-Kest-CSRF-Token", token}};
     const HttpReply reply = SendHttp(request);
-    EXPECT_EQ(Code(reply), code) << token << " -> " << reply.body;
+    EXPECT_EQ(Code(reply), code) << cookies << " " << token << " -> " << reply.body;
     EXPECT_EQ(reply.json["data"]["user"], code ? Json::Value() : Json::Value("ann"));
   }
-  // Logout ends the session for every way of sending it.
-  const std::string sid = Login("ann", "ann-secret").sid;
-  const HttpReply out = CallApi(Route("KEST.API.Auth", "logout"), sid);
-  EXPECT_EQ(Code(out), 0) << out.body;
-  EXPECT_NE(out.header("set-cookie").find("Max-Age=0"), std::string::npos);
-  EXPECT_EQ(Code(CallApi(TestCall("echo"), sid)), 106);
-  EXPECT_EQ(Code(CallApi(Route("KEST.API.Auth", "logout"), sid)), 106);
-}
-
-TEST_F(ServerTest, AdministratorFlagFollowsGroupMembership) {
-  EXPECT_EQ(carol_.reply["data"]["is_admin"], true);
-  EXPECT_EQ(dave_.reply["data"]["is_admin"], false);
-  EXPECT_EQ(CallApi(TestCall("echo"), dave_.sid).json["data"]["is_admin"], false);
+  // The administrator flag follows the group's members.
   const std::string groups = ReadFile("/etc/group"), admins = "administrators:x:2200:carol";
-  std::string promoted = groups;
-  const auto at = promoted.find(admins);
+  const auto at = groups.find(admins);
   ASSERT_NE(at, std::string::npos) << groups;
-  WriteFile("/etc/group", promoted.insert(at + admins.size(), ",dave"));
+  WriteFile("/etc/group", std::string(groups).insert(at + admins.size(), ",dave"));
   const Json::Value data = CallApi(TestCall("echo"), dave_.sid).json["data"];
   WriteFile("/etc/group", groups);
   EXPECT_EQ(data["is_admin"], true);
   EXPECT_EQ(CallApi(TestCall("echo"), dave_.sid).json["data"]["is_admin"], false);
 }
 
-TEST_F(ServerTest, BadHttpGetsClearErrorsAndConnectionsCarryOn) {
+TEST_F(ServerTest, BadHttpAndPathsOutOfTheStaticFolderAreRefusedClearly) {
   for (const auto& [request, status, code] : std::vector<std::tuple<HttpRequest, int, int>>{
            {{"GET", "/webapi/entry.cgi?api=%zz&method=echo&version=1"}, 400, 105},
+           {{"GET", "/webapi/entry.cgi?api%=1"}, 400, 105},
            {{"POST", "/webapi/entry.cgi", "{\"api\":", "application/json"}, 400, 105},
+           {{"POST", "/webapi/entry.cgi", "[1,2]", "application/json"}, 400, 105},
+           {{"POST", "/webapi/entry.cgi", "{\"a\":1} trailing", "application/json"}, 400, 105},
            {{"POST", "/webapi/entry.cgi", "api=x", "text/plain"}, 415, 105},
            {{"POST", "/webapi/entry.cgi", std::string(5000, 'a'), kForm}, 413, 109},
            {{"GET", "/webapi/entry.cgi", "", "", {{"X-Big", std::string(3000, 'h')}}}, 431, 109},
@@ -238,29 +227,13 @@ TEST_F(ServerTest, BadHttpGetsClearErrorsAndConnectionsCarryOn) {
            {{"POST", "/elsewhere"}, 404, 105},
        }) {
     const HttpReply reply = SendHttp(request);
-    EXPECT_EQ(reply.status, status) << request.method << " " << request.target;
+    EXPECT_EQ(reply.status, status) << request.method << " " << request.target << request.body;
     EXPECT_EQ(Code(reply), code) << reply.body;
   }
-  const std::string garbage = SendRaw(std::string("\x16\x03\x01\x02\x00\x01\x00", 7) + "\r\n\r\n");
-  EXPECT_TRUE(garbage.empty() || garbage.rfind("HTTP/1.1 400", 0) == 0) << garbage;
-
-  // Keep-alive: one connection, three requests.
-  const std::string call = "GET /webapi/entry.cgi?" +
-                           FormEncode(TestCall("echo", {{"_sid", ann_.sid}})) +
-                           " HTTP/1.1\r\nHost: x\r\n";
-  const std::string last = "GET /webapi/entry.cgi?" +
-                           FormEncode(TestCall("fail", {{"code", "801"}, {"_sid", ann_.sid}}));
-  const std::string received = SendRaw(call + "\r\n" + call + "\r\n" + last +
-                                       " HTTP/1.1\r\nHost: x\r\nConnection: close\r\n\r\n");
-  size_t answers = 0;
-  for (size_t at = 0; (at = received.find("HTTP/1.1 200", at)) != std::string::npos; ++at)
-    ++answers;
-  EXPECT_EQ(answers, 3u) << received;
-  EXPECT_NE(received.find("{\"code\":801}"), std::string::npos);
 
   // A client that expects 100-continue gets it before it sends the body.
-  const std::string body =
-      FormEncode(TestCall("echo", {{"_sid", ann_.sid}, {"pad", std::string(2000, 'p')}}));
+  const std::string body = FormEncode(
+      TestCall("fail", {{"code", "801"}, {"_sid", ann_.sid}, {"pad", std::string(2000, 'p')}}));
   const std::string head =
       "POST /webapi/entry.cgi HTTP/1.1\r\nHost: x\r\nConnection: close\r\n"
       "Expect: 100-continue\r\nContent-Type: " +
@@ -268,59 +241,25 @@ TEST_F(ServerTest, BadHttpGetsClearErrorsAndConnectionsCarryOn) {
   const int fd = Connect();
   ASSERT_EQ(send(fd, head.data(), head.size(), MSG_NOSIGNAL), static_cast<ssize_t>(head.size()));
   char buffer[65536];
-  const ssize_t n = recv(fd, buffer, sizeof(buffer), 0);
-  ASSERT_GT(n, 0);
-  EXPECT_EQ(std::string(buffer, n).rfind("HTTP/1.1 100 Continue", 0), 0u);
+  ssize_t n = recv(fd, buffer, sizeof(buffer), 0);
+  EXPECT_EQ(std::string(buffer, std::max<ssize_t>(n, 0)).rfind("HTTP/1.1 100 Continue", 0), 0u);
   ASSERT_EQ(send(fd, body.data(), body.size(), MSG_NOSIGNAL), static_cast<ssize_t>(body.size()));
   std::string answer;
-  for (ssize_t got; (got = recv(fd, buffer, sizeof(buffer), 0)) > 0;) answer.append(buffer, got);
+  while ((n = recv(fd, buffer, sizeof(buffer), 0)) > 0) answer.append(buffer, n);
   close(fd);
   EXPECT_EQ(answer.rfind("HTTP/1.1 200", 0), 0u) << answer;
-  EXPECT_NE(answer.find("\"user\":\"ann\""), std::string::npos);
-}
+  EXPECT_NE(answer.find("{\"code\":801}"), std::string::npos);
 
-TEST_F(ServerTest, StaticFilesComeFromTheFolderAloneLockedDown) {
-  const char* kPage = "<html>page</html>";
-  const char* kHtml = "text/html; charset=utf-8";
-  for (const auto& [target, body, type] :
-       std::vector<std::tuple<std::string, const char*, const char*>>{
-           {"/", kPage, kHtml},
-           {"/index.html", kPage, kHtml},
-           {"/js/app.js", "let a = 1;", "text/javascript; charset=utf-8"},
-           {"/js/", nullptr, nullptr},  // nullptr: 404
-           {"/../secret.txt", nullptr, nullptr},
-           {"/js/%2e%2e/%2e%2e/secret.txt", nullptr, nullptr},
-           {"/link.txt", nullptr, nullptr},
-           {"/away/", nullptr, nullptr},
-           {"/away/index.html", nullptr, nullptr},
-           {"/linked/", nullptr, nullptr},
-           {"/linked", nullptr, nullptr},
-           {"/index.html%00.js", nullptr, nullptr},
-       }) {
+  // Static files come from their folder alone, locked down.
+  for (const char* target :
+       {"/js/", "/../secret.txt", "/js/%2e%2e/%2e%2e/secret.txt", "/link.txt", "/away/",
+        "/away/index.html", "/linked/", "/linked", "/index.html%00.js"}) {
     const HttpReply reply = SendHttp({"GET", target});
-    EXPECT_EQ(reply.status, body ? 200 : 404) << target;
+    EXPECT_EQ(reply.status, 404) << target;
     EXPECT_EQ(reply.body.find("secret"), std::string::npos) << target;
-    if (body) {
-      EXPECT_EQ(reply.body, body) << target;
-      EXPECT_EQ(reply.header("content-type"), type) << target;
-    }
   }
-  HttpRequest request{"GET", "/js/app.js", "", "", {{"Accept-Encoding", "br, gzip;q=0.8"}}};
-  const HttpReply zipped = SendHttp(request);
-  EXPECT_EQ(zipped.header("content-encoding"), "gzip");
-  EXPECT_EQ(zipped.body, ReadFile("/tmp/www/js/app.js.gz"));
-  EXPECT_EQ(zipped.header("content-type"), "text/javascript; charset=utf-8");
-  EXPECT_EQ(zipped.header("vary"), "Accept-Encoding");
-  request.headers = {{"Accept-Encoding", "gzip;q=0"}};
-  const HttpReply plain = SendHttp(request);
-  EXPECT_EQ(plain.body, "let a = 1;");
-  EXPECT_EQ(plain.headers.count("content-encoding"), 0u);
-  request.headers = {{"If-None-Match", plain.header("etag")}};
-  const HttpReply unchanged = SendHttp(request);
-  EXPECT_EQ(unchanged.status, 304);
-  EXPECT_EQ(unchanged.body, "");
-
   const HttpReply page = SendHttp({"GET", "/"});
+  EXPECT_EQ(SendHttp({"GET", "/", "", "", {{"If-None-Match", page.header("etag")}}}).status, 304);
   EXPECT_EQ(page.header("cache-control"), "no-cache");
   EXPECT_EQ(page.header("x-frame-options"), "DENY");
   const std::string policy = page.header("content-security-policy");
@@ -343,11 +282,8 @@ TEST_F(ServerTest, DownloadsServeOnlyWhatTheUserMayReadNeverAsThePageAndInRanges
            {&bob_, team + "link.txt", 404, 116},           // a link, even to a readable file
            {&carol_, team + "linkdir/far.txt", 404, 116},  // a linked folder on the way
            {&carol_, team + "fifo.txt", 404, 116},         // not a regular file
-           {&bob_, team + "sub", 404, 116},
            {&bob_, team + "missing.txt", 404, 116},
            {&carol_, "/volume1/docs/unindexed.txt", 404, 116},  // in a share, not indexed
-           {&carol_, "/volume1/other/far.txt", 404, 116},
-           {&carol_, "/etc/shadow", 404, 116},
            {&ann_, "/volume1/homes/ann/mine.txt", 200, 0},
            {&ann_, "/volume1/homes/bob/open.txt", 404, 116},  // in homes, only one's own
            {&bob_, team + "../team/hello.txt", 400, 115},
@@ -358,78 +294,52 @@ TEST_F(ServerTest, DownloadsServeOnlyWhatTheUserMayReadNeverAsThePageAndInRanges
        }) {
     const HttpReply reply = Fetch(path, who ? who->sid : "");
     EXPECT_EQ(reply.status, status) << path << " " << reply.body;
-    if (status == 200) {
-      EXPECT_EQ(reply.body, ReadFile(path)) << path;
-    } else {
-      EXPECT_EQ(Code(reply), code) << path << " " << reply.body;
-    }
+    EXPECT_EQ(Code(reply), status == 200 ? -1 : code) << path << " " << reply.body;
+    EXPECT_EQ(reply.body, status == 200 ? ReadFile(path) : reply.body) << path;
   }
   // A name that is not UTF-8 is asked for by its bytes in hexadecimal; no
   // byte of it ends the header it is named in.
   std::string hex = "hex:";
-  for (unsigned char c : team + "sub/q\"uo\\te;\r\nX-Evil: 1 \xc3\xa9\xff.pdf") {
+  for (unsigned char c : team + kOddName)
     hex += {"0123456789abcdef"[c >> 4], "0123456789abcdef"[c & 15]};
-  }
   const HttpReply odd = Fetch(hex, bob_.sid);
   EXPECT_EQ(odd.body, "%PDF");
-  EXPECT_EQ(odd.headers.count("x-evil"), 0u);
   EXPECT_EQ(odd.header("content-disposition"),
             "inline; filename=\"q_uo_te;__X-Evil: 1 __.pdf\"; "
             "filename*=UTF-8''q%22uo%5Cte%3B%0D%0AX-Evil%3A%201%20%C3%A9%EF%BF%BD.pdf");
-
-  for (const auto& [name, extra, type, disposition] :
-       std::vector<std::tuple<std::string, std::string, const char*, const char*>>{
-           {"hello.txt", "", "text/plain", "inline; "},
-           {"page.html", "", "text/plain", "inline; "},  // its source, never the page
-           {"logo.svg", "", "application/octet-stream", "attachment; "},
-           {"hello.txt", "&download=1", "text/plain", "attachment; "},
+  EXPECT_EQ(odd.header("x-content-type-options"), "nosniff");
+  EXPECT_EQ(odd.header("cache-control"), "private, no-store");
+  EXPECT_EQ(odd.header("content-security-policy").rfind("sandbox;", 0), 0u);
+  EXPECT_EQ(odd.header("cross-origin-resource-policy"), "same-origin");
+  // Its type, and how it is shown: the source of a page, never the page.
+  for (const auto& [name, extra, shown] :
+       std::vector<std::tuple<const char*, const char*, const char*>>{
+           {"hello.txt", "", "text/plain inline"},
+           {"page.html", "", "text/plain inline"},
+           {"logo.svg", "", "application/octet-stream attachment"},
+           {"hello.txt", "&download=1", "text/plain attachment"},
        }) {
-    HttpReply reply = Fetch(kTeam + name, bob_.sid, {}, extra);
-    EXPECT_EQ(reply.status, 200) << name;
-    EXPECT_EQ(reply.header("content-type"), type) << name;
-    EXPECT_EQ(reply.header("content-disposition").rfind(disposition, 0), 0u) << name;
-    EXPECT_EQ(reply.header("x-content-type-options"), "nosniff");
-    EXPECT_EQ(reply.header("cache-control"), "private, no-store");
-    EXPECT_EQ(reply.header("content-security-policy").rfind("sandbox;", 0), 0u);
-    EXPECT_EQ(reply.header("cross-origin-resource-policy"), "same-origin");
+    const HttpReply reply = Fetch(kTeam + std::string(name), bob_.sid, {}, extra);
+    const std::string disposition = reply.header("content-disposition");
+    EXPECT_EQ(reply.header("content-type") + " " + disposition.substr(0, disposition.find(';')),
+              shown);
   }
   // Links carry the cookie alone; another site's page never gets a file.
-  const Fields cookie = {{"Cookie", "kest_sid=" + bob_.sid}};
-  EXPECT_EQ(Fetch(file, "", cookie).status, 200);
-  Fields cross = cookie;
-  cross.emplace_back("Sec-Fetch-Site", "cross-site");
-  const HttpReply refused = Fetch(file, "", cross);
-  EXPECT_EQ(refused.status, 403);
-  EXPECT_EQ(Code(refused), 108);
+  const std::pair<std::string, std::string> cookie = {"Cookie", "kest_sid=" + bob_.sid};
+  EXPECT_EQ(Fetch(file, "", {cookie}).status, 200);
+  EXPECT_EQ(Code(Fetch(file, "", {cookie, {"Sec-Fetch-Site", "cross-site"}})), 108);
 
-  for (const auto& [range, status, body, content_range] :
-       std::vector<std::tuple<std::string, int, std::string, std::string>>{
-           {"bytes=1-3", 206, "ell", "bytes 1-3/5"},
-           {"bytes=3-", 206, "lo", "bytes 3-4/5"},
-           {"bytes=-2", 206, "lo", "bytes 3-4/5"},
-           {"bytes=2-99", 206, "llo", "bytes 2-4/5"},
-           {"bytes=5-", 416, "", "bytes */5"},
-           {"bytes=0-0,2-3", 200, "hello", ""},  // several ranges: the whole file
-           {"bytes=x-y", 200, "hello", ""},
-           {"bytes=3-1", 200, "hello", ""},
-           {"bytes=-", 200, "hello", ""},
-       }) {
+  // The range asked for, then the status, body and range served: the end bound
+  // to the file, nothing past it, and for no valid range the whole file.
+  for (const auto& [range, expected] :
+       std::vector<std::pair<const char*, const char*>>{{"bytes=2-99", "206 llo bytes 2-4/5"},
+                                                        {"bytes=5-", "416  bytes */5"},
+                                                        {"bytes=x-y", "200 hello "}}) {
     const HttpReply reply = Fetch(file, bob_.sid, {{"Range", range}});
-    EXPECT_EQ(reply.status, status) << range;
-    if (status != 416) {
-      EXPECT_EQ(reply.body, body) << range;
-    }
-    EXPECT_EQ(reply.header("content-range"), content_range) << range;
+    EXPECT_EQ(std::to_string(reply.status) + " " + (reply.status == 416 ? "" : reply.body) + " " +
+                  reply.header("content-range"),
+              expected);
   }
-  // A range of a file that changed since the client's first piece: the
-  // whole file, not a splice of two versions.
-  const std::string etag = Fetch(file, bob_.sid, {{"Range", "bytes=0-1"}}).header("etag");
-  EXPECT_EQ(Fetch(file, bob_.sid, {{"Range", "bytes=2-"}, {"If-Range", etag}}).status, 206);
-  WriteFile(file, "HELLO!");
-  const HttpReply changed = Fetch(file, bob_.sid, {{"Range", "bytes=2-"}, {"If-Range", etag}});
-  WriteFile(file, "hello");
-  EXPECT_EQ(changed.status, 200);
-  EXPECT_EQ(changed.body, "HELLO!");
 }
 
 // Tests that need a server of their own settings.
@@ -437,15 +347,12 @@ class ServerScenarioTest : public testing::Test {
  protected:
   void Start(const std::string& settings) {
     WriteFile("/etc/pam.d/kestondri", ReadFile(KEST_SOURCE_DIR "/host/dist/kestondri.pam"));
-    unlink(kAccessLog);
     SyslogCapture::Instance().Clear();
     server_.Start(TestConfig("[server]\n" + settings));
   }
   void TearDown() override {
     CheckAfterTest(server_);
-    if (server_.pid() > 0) {
-      EXPECT_EQ(server_.Stop(), 0) << server_.Output();
-    }
+    EXPECT_EQ(server_.Stop(), 0) << server_.Output();
   }
 
   ServerProcess server_;
@@ -459,10 +366,9 @@ TEST_F(ServerScenarioTest, WorkersAnswerEachRequestAsItsUserAndLeaveNothingBehin
   // Two users at once; every tenth request forks a child that outlives the
   // time-out, holding the answer socket: the answer must not wait for it,
   // nor the time-out fire for an answered request.
-  constexpr int kClients = 200;
-  std::vector<HttpReply> replies(kClients);
+  std::vector<HttpReply> replies(200);
   std::vector<std::thread> clients;
-  for (int i = 0; i < kClients; ++i) {
+  for (int i = 0; i < 200; ++i) {
     clients.emplace_back([&, i] {
       replies[i] = CallApi(i % 10 ? TestCall("echo", {{"n", std::to_string(i)}})
                                   : TestCall("fork", {{"seconds", "3"}}),
@@ -471,22 +377,20 @@ TEST_F(ServerScenarioTest, WorkersAnswerEachRequestAsItsUserAndLeaveNothingBehin
   }
   for (auto& t : clients) t.join();
   std::set<int> pids;
-  for (int i = 0; i < kClients; ++i) {
-    const Json::Value& data = replies[i].json["data"];
+  for (int i = 0; i < 200; ++i) {
+    Json::Value data = replies[i].json["data"];
     ASSERT_EQ(Code(replies[i]), 0) << i << ": " << replies[i].body;
     if (i % 10 == 0) continue;
+    EXPECT_TRUE(pids.insert(data["pid"].asInt()).second) << "a process of its own";
+    data.removeMember("pid");
+    // The parameters without the route and the session id; as root whatever
+    // the one before it became, with only the standard three and its answer
+    // socket open.
     const std::string user = i % 2 ? "carol" : "ann";
-    // Decoded, without the route and the session id.
-    EXPECT_EQ(data["params"], ParseJson("{\"n\":" + std::to_string(i) + "}"));
-    EXPECT_EQ(data["user"], user);
-    EXPECT_EQ(data["uid"].asUInt(), UserByName(user).uid);
-    EXPECT_EQ(data["sid"], (i % 2 ? carol : ann).sid);
-    EXPECT_EQ(data["is_admin"], user == "carol");
-    // A process of its own, as root whatever the one before it became, with
-    // only the standard three and its answer socket open.
-    EXPECT_EQ(data["euid"], 0);
-    EXPECT_EQ(data["fds"], 4);
-    EXPECT_TRUE(pids.insert(data["pid"].asInt()).second);
+    EXPECT_EQ(data, ParseJson("{\"params\":{\"n\":" + std::to_string(i) + "},\"user\":\"" + user +
+                              "\",\"uid\":" + std::to_string(UserByName(user).uid) + ",\"sid\":\"" +
+                              (i % 2 ? carol : ann).sid + "\",\"is_admin\":" +
+                              (i % 2 ? "true" : "false") + ",\"euid\":0,\"fds\":4,\"pad\":\"\"}"));
   }
   EXPECT_GT(server_.Children(), 0) << "the forked children live on";
 
@@ -496,33 +400,18 @@ TEST_F(ServerScenarioTest, WorkersAnswerEachRequestAsItsUserAndLeaveNothingBehin
            {TestCall("die", {{"signal", "9"}}), 111, "was ended by signal 9"},  // a newer search
            {TestCall("sleep", {{"seconds", "60"}}), 110, "ran past 2 s; killing it"},
        }) {
-    const HttpReply reply = CallApi(call, ann.sid);
-    EXPECT_EQ(reply.status, 200);
-    EXPECT_EQ(Code(reply), code) << reply.body;
+    EXPECT_EQ(Code(CallApi(call, ann.sid)), code) << logged;
     EXPECT_TRUE(SyslogCapture::Instance().WaitFor(logged)) << logged;
   }
+  // Answers of many reads, whole.
   for (size_t size : {0, 65535, 65536 * 4 + 7, 8 << 20}) {
-    const HttpReply reply = CallApi(TestCall("big", {{"size", std::to_string(size)}}), ann.sid);
-    EXPECT_EQ(reply.json["data"].asString().size(), size);
+    const HttpReply reply = CallApi(TestCall("echo", {{"size", std::to_string(size)}}), ann.sid);
+    EXPECT_EQ(reply.json["data"]["pad"].asString().size(), size);
   }
   EXPECT_TRUE(server_.WaitQuiet());
   EXPECT_EQ(server_.Zombies(), 0);
   EXPECT_EQ(server_.OpenDescriptors(), fds_before);
   EXPECT_EQ(SyslogCapture::Instance().Matching("killing it").size(), 1u);
-
-  // SIGTERM lets the request in flight finish, closes idle connections and
-  // stops listening.
-  HttpReply running;
-  std::thread client([&] { running = CallApi(TestCall("sleep", {{"seconds", "1"}}), ann.sid); });
-  EXPECT_TRUE(WaitUntil([&] { return server_.Children() > 0; }));
-  const int idle = Connect();
-  EXPECT_EQ(server_.Stop(), 0) << server_.Output();
-  client.join();
-  EXPECT_EQ(running.json["data"], "slept") << running.body;
-  char byte;
-  EXPECT_EQ(recv(idle, &byte, 1, 0), 0) << "idle connections are closed";
-  close(idle);
-  EXPECT_LT(Connect(), 0) << "nothing listens any more";
 }
 
 TEST_F(ServerScenarioTest, NoClientCrowdsOutAnother) {
@@ -536,38 +425,30 @@ TEST_F(ServerScenarioTest, NoClientCrowdsOutAnother) {
   std::vector<std::string> bob;
   for (int i = 0; i < 10; ++i) bob.push_back(Login("bob", "bob-secret").sid);
   const std::string dave = Login("dave", "dave-secret").sid;
-  for (const auto& [sid, code] : std::vector<std::pair<std::string, int>>{{ann.sid, 0},
-                                                                          {carol.sid, 0},
-                                                                          {bob[0], 106},
-                                                                          {bob[6], 106},
-                                                                          {bob[7], 106},
-                                                                          {bob[8], 0},
-                                                                          {bob[9], 0},
-                                                                          {dave, 0}}) {
-    EXPECT_EQ(Code(CallApi(TestCall("echo"), sid)), code);
-  }
+  for (const std::string& sid : {ann.sid, carol.sid, dave, bob[8], bob[9]})
+    EXPECT_EQ(Code(CallApi(TestCall("echo"), sid)), 0);
+  for (int i = 0; i < 8; ++i) EXPECT_EQ(Code(CallApi(TestCall("echo"), bob[i])), 106) << i;
   // A logout gives its room back: bob's next login ends none of his others.
-  EXPECT_EQ(Code(CallApi(Route("KEST.API.Auth", "logout"), bob[8])), 0);
+  EXPECT_EQ(Code(CallApi(TestCall("logout", {}, "KEST.API.Auth"), bob[8])), 0);
   ASSERT_FALSE(Login("bob", "bob-secret").sid.empty());
   EXPECT_EQ(Code(CallApi(TestCall("echo"), bob[9])), 0);
 
   // ann holds both workers: her next request is refused at once, while of
   // two other users' one waits in the queue and the other finds it full.
   ASSERT_TRUE(server_.WaitQuiet());
-  HttpReply replies[4];
+  std::atomic<int> sleepers{0}, others{0};
   std::vector<std::thread> clients;
-  for (int i = 0; i < 2; ++i) {
-    clients.emplace_back([&, i] {
-      replies[i] = CallApi(TestCall("sleep", {{"seconds", "3"}}), ann.sid);
+  for (int i = 0; i < 2; ++i)
+    clients.emplace_back([&] {
+      sleepers += Code(CallApi(TestCall("sleep", {{"seconds", "3"}}), ann.sid));
     });
-  }
   ASSERT_TRUE(WaitUntil([&] { return server_.Children() == 2; }));
   EXPECT_EQ(Code(CallApi(TestCall("echo"), ann.sid)), 107);
-  clients.emplace_back([&] { replies[2] = CallApi(TestCall("echo"), carol.sid); });
-  clients.emplace_back([&] { replies[3] = CallApi(TestCall("echo"), bob[9]); });
+  for (const std::string& sid : {carol.sid, bob[9]})
+    clients.emplace_back([&, sid] { others += Code(CallApi(TestCall("echo"), sid)); });
   for (auto& t : clients) t.join();
-  EXPECT_EQ(Code(replies[0]) + Code(replies[1]), 0);
-  EXPECT_EQ(Code(replies[2]) + Code(replies[3]), 107) << replies[2].body << replies[3].body;
+  EXPECT_EQ(sleepers, 0);
+  EXPECT_EQ(others, 107) << "one waited in the queue, the other found it full";
   EXPECT_EQ(Code(CallApi(TestCall("echo"), ann.sid)), 0);
 
   // Idle connections, every third with half a request: past its share an
@@ -587,12 +468,8 @@ TEST_F(ServerScenarioTest, NoClientCrowdsOutAnother) {
     SetClientAddress("");
     EXPECT_EQ(Code(CallApi(TestCall("echo"), ann.sid)), 0) << addresses;
     char byte;
-    timeval wait{10, 0};
-    for (int fd : {idle.back(), idle.front()}) {
-      setsockopt(fd, SOL_SOCKET, SO_RCVTIMEO, &wait, sizeof(wait));
-      EXPECT_EQ(recv(fd, &byte, 1, 0), 0)
-          << "the server closes a connection over the share or stalling";
-    }
+    for (int fd : {idle.back(), idle.front()})
+      EXPECT_EQ(recv(fd, &byte, 1, 0), 0) << "a connection over the share or stalling is closed";
     for (int fd : idle) close(fd);
   }
 }
@@ -626,6 +503,18 @@ TEST_F(ServerScenarioTest, FailedLoginsLockTheGuessingAddressAndIdleSessionsExpi
     EXPECT_EQ(session.reply["error"]["code"].asInt(), code) << account << " from " << from;
     sid = session.sid;
   }
+  // Logins still running count: of a burst of guesses, no more than the bound
+  // reach PAM.
+  std::atomic<int> asked{0};
+  std::vector<std::thread> burst;
+  for (int i = 0; i < 8; ++i) {
+    burst.emplace_back([&] {
+      SetClientAddress("127.0.0.6");
+      asked += Login("carol", "wrong").reply["error"]["code"] == 112;
+    });
+  }
+  for (auto& t : burst) t.join();
+  EXPECT_LE(asked, 3);
   // Use keeps a session alive past its idle time-out.
   for (int i = 0; i < 4; ++i, std::this_thread::sleep_for(std::chrono::milliseconds(500)))
     ASSERT_EQ(Code(CallApi(TestCall("echo"), sid)), 0) << i;
@@ -636,7 +525,7 @@ TEST_F(ServerScenarioTest, FailedLoginsLockTheGuessingAddressAndIdleSessionsExpi
 
 TEST(ServerStartTest, RefusesBadModulesSettingsAndUsersWithAClearMessage) {
   const std::string base = "[server]\nport = 5000\naccess_log = /tmp/webapi-test/a.log\n";
-  const std::string good = KEST_TEST_MODULE;
+  const std::string good = KEST_TEST_MODULE, conf = "/tmp/webapi-test/server.conf:";
   // The settings, the message, and who starts the server (root when null).
   for (const auto& [config, message, user] :
        std::vector<std::tuple<std::string, std::string, const char*>>{
@@ -647,13 +536,20 @@ TEST(ServerStartTest, RefusesBadModulesSettingsAndUsersWithAClearMessage) {
            {base + "[modules]\nbad = /tmp/missing.so\n", "/tmp/missing.so: cannot load", nullptr},
            {base + "[modules]\na = " + good + "\nb = " + good + "\n",
             good + ": handler table row 1: serves a method twice", nullptr},
-           {base + "max_workers = 0\n", "bad value \"0\" for \"max_workers\"", nullptr},
            {base + "address = x\n[modules]\nt = " + good + "\n", "bad listen address", nullptr},
            {TestConfig(), "must run as root", "ann"},
+           // The first refused line is named, with its reason.
+           {"[server]\nport = 0\nportt = 1\n", conf + "2: bad value \"0\" for \"port\"", nullptr},
+           {"[server]\nport = 5000x\n", "bad value \"5000x\" for \"port\"", nullptr},
+           {"[server]\nport = 1\nportt = 1\n", conf + "3: unknown key \"portt\"", nullptr},
+           {"[other]\nx = 1\n", "unknown section [other]", nullptr},
+           {"[modules]\na = relative.so\n", "module \"a\" needs an absolute path", nullptr},
+           {"[server]\nstatic_root = www\n", "bad value \"www\" for \"static_root\"", nullptr},
+           {"[server]\nport\n", conf + "2: syntax error", nullptr},
        }) {
-    std::string output;
-    EXPECT_EQ(RunServerToExit(config, &output, user), 1) << config << output;
-    EXPECT_NE(output.find(message), std::string::npos) << output;
+    ServerProcess server;
+    EXPECT_EQ(server.RunToExit(config, user), 1) << config << server.Output();
+    EXPECT_NE(server.Output().find(message), std::string::npos) << server.Output();
   }
   EXPECT_TRUE(SyslogCapture::Instance().WaitFor(KEST_BAD_TABLE_MODULE));
 }
