@@ -13,7 +13,6 @@
 #include <vector>
 
 #include "common/error.h"
-#include "common/sdk/credentials.h"
 #include "common/sdk/task.h"
 #include "kest/json.h"
 #include "kest/klib.h"
@@ -26,7 +25,6 @@ namespace {
 
 using kestondri::Error;
 using kestondri::sdk::ForkTask;
-using kestondri::sdk::SDKCredentials;
 using kestondri::webapi::OndriAPI;
 using kestondri::webapi::OndriAPIRun;
 
@@ -112,58 +110,6 @@ class RequestTest : public ModuleTest {
     return guard.Finish();
   }
 };
-
-// Who the process acts as inside a credentials guard and after it. A named
-// guard acts as its user (root for an administrator) and re-applies the
-// user's own account when the identity changed inside; a default guard puts
-// back the identity it found. Neither does anything when nothing changed.
-TEST_F(RequestTest, CredentialsGuard) {
-  const struct {
-    const char* outer;    // the identity the guard starts from
-    const char* guard;    // null: the default guard
-    const char* as_user;  // AsUser() inside, or null
-    uid_t inside;
-    uid_t after;
-  } cases[] = {
-      {"root", "ann", nullptr, kAnnUid, kAnnUid},
-      {"root", "KestOndri", nullptr, kServiceUid, kServiceUid},
-      {"root", "carol", nullptr, 0, 0},
-      {"root", "ann", "bob", kBobUid, kAnnUid},
-      {"root", "ann", "carol", 0, 0},                  // back where it started: nothing re-applied
-      {"root", "carol", "dave", kDaveUid, kCarolUid},  // the account, not root
-      {"root", nullptr, "bob", kBobUid, 0},
-      {"bob", nullptr, "carol", 0, kBobUid},
-      {"root", nullptr, nullptr, 0, 0},
-  };
-  for (const auto& c : cases) {
-    const std::string what = std::string(c.outer) + " " + (c.guard ? c.guard : "default") + " " +
-                             (c.as_user ? c.as_user : "-");
-    BecomeRoot();
-    ASSERT_TRUE(ResetCredentialsByName(c.outer, true));
-    RequestGuard guard;
-    guard.ExpectIdentityAfter(c.after, c.after);
-    {
-      std::unique_ptr<SDKCredentials> credentials(c.guard ? new SDKCredentials(c.guard)
-                                                          : new SDKCredentials());
-      if (c.as_user) credentials->AsUser(c.as_user);
-      EXPECT_EQ(c.inside, geteuid()) << what;
-      EXPECT_EQ(c.inside, getegid()) << what;
-    }
-    guard.Finish();
-  }
-  EXPECT_TRUE(CapturedLines().empty());
-
-  // An effective uid without a user: the platform's code (user not found)
-  // is longer than the text, so nothing of the text is left.
-  BecomeRoot();
-  ASSERT_EQ(0, seteuid(54321));
-  errno = 0;
-  EXPECT_EQ("503 ", Thrown<Error>([] { SDKCredentials credentials; }));
-  EXPECT_EQ(std::vector<std::string>{LogLine(
-                "credentials.cc", 22, "SDKCredentials",
-                "Failed [0 > KESTUserGetByUID(euid_, &user_info) || !user_info]", getpid(), 54321)},
-            CapturedLines());
-}
 
 TEST_F(RequestTest, PhasesInOrderThenSuccessThenOneChild) {
   for (const char* user : {"ann", "carol"}) {

@@ -58,19 +58,49 @@ class SDKTest : public ModuleTest {
   }
 };
 
+// Who the process acts as inside a credentials guard and after it. A named
+// guard acts as its user (root for an administrator) and re-applies the
+// user's own account when the identity changed inside; a default guard puts
+// back the identity it found. Neither switches when nothing changed.
 TEST_F(SDKTest, CredentialsGuard) {
-  // Leaving a guard whose identity did not change makes no switch.
-  for (const char* user : {"", "root", "carol", "ann"}) {
+  const struct {
+    const char* outer;    // the identity the guard starts from
+    const char* guard;    // null: the default guard
+    const char* as_user;  // AsUser() inside, or null
+    uid_t inside;
+    uid_t after;
+    int switches;  // on leaving
+  } cases[] = {
+      {"root", "ann", nullptr, kAnnUid, kAnnUid, 1},
+      {"root", "KestOndri", nullptr, kServiceUid, kServiceUid, 1},
+      {"root", "carol", nullptr, 0, 0, 0},
+      {"root", "ann", "bob", kBobUid, kAnnUid, 1},
+      {"root", "ann", "carol", 0, 0, 0},                  // back where it started
+      {"root", "carol", "dave", kDaveUid, kCarolUid, 1},  // the account, not root
+      {"root", nullptr, "bob", kBobUid, 0, 1},
+      {"bob", nullptr, "carol", 0, kBobUid, 1},
+      {"root", nullptr, nullptr, 0, 0, 0},
+  };
+  for (const auto& c : cases) {
+    const std::string what = std::string(c.outer) + " " + (c.guard ? c.guard : "default") + " " +
+                             (c.as_user ? c.as_user : "-");
     BecomeRoot();
+    ASSERT_TRUE(ResetCredentialsByName(c.outer, true));
+    RequestGuard guard;
+    guard.ExpectIdentityAfter(c.after, c.after);
     {
-      std::unique_ptr<SDKCredentials> credentials(*user ? new SDKCredentials(user)
-                                                        : new SDKCredentials());
+      std::unique_ptr<SDKCredentials> credentials(c.guard ? new SDKCredentials(c.guard)
+                                                          : new SDKCredentials());
+      if (c.as_user) credentials->AsUser(c.as_user);
+      EXPECT_EQ(c.inside, geteuid()) << what;
+      EXPECT_EQ(c.inside, getegid()) << what;
       PlatformDouble::Reset();
     }
-    EXPECT_EQ(std::string(user) == "ann" ? 1 : 0, PlatformDouble::Calls("ResetCredentialsByName"))
-        << user;
+    EXPECT_EQ(c.switches, PlatformDouble::Calls("ResetCredentialsByName")) << what;
+    guard.Finish();
   }
   BecomeRoot();
+  EXPECT_TRUE(CapturedLines().empty());
 
   // The message of a failed lookup skips as many characters as the
   // platform's error code.
@@ -121,14 +151,10 @@ TEST_F(SDKTest, FailedFork) {
   const std::vector<std::string> line = {
       LogLine(kTaskHeader, 43, "DoTask", "Failed to fork [err: Resource temporarily unavailable]")};
   bool ran = false;
-  {
-    RequestGuard guard;
-    PlatformDouble::FailNext("KLIBCProcForkEx");
-    ForkTask task(1);
-    EXPECT_FALSE(task.DoTask([&] { ran = true; }));
-    EXPECT_GT(0, task.pid());
-    EXPECT_TRUE(guard.Finish().empty());
-  }
+  PlatformDouble::FailNext("KLIBCProcForkEx");
+  ForkTask task(1);
+  EXPECT_FALSE(task.DoTask([&] { ran = true; }));
+  EXPECT_GT(0, task.pid());
   EXPECT_FALSE(ran);
   EXPECT_EQ(0, errno);
   EXPECT_EQ(line, CapturedLines());
@@ -139,49 +165,83 @@ TEST_F(SDKTest, FailedFork) {
   EXPECT_TRUE(RunAPI<kestondri::webapi::OndriAPI>(kCarol, Json::Value(Json::objectValue), &children)
                   .IsSuccess());
   EXPECT_TRUE(children.empty());
-  EXPECT_EQ(2, PlatformDouble::Calls("KLIBCProcForkEx"));
   EXPECT_EQ(line, CapturedLines());
 }
 
-// Each owner of a page of hits is looked up once per request (the login user
-// by name, from the seed of the cache); a failed lookup leaves the name blank
-// for that uid, and a login user the platform cannot find is 801.
-TEST_F(SDKTest, SearchOwnerLookups) {
-  WriteSharesConf("[docs]\npath = /volume1/docs\nread list = @staff\n");
-  WriteFile("/volume1/docs/a.txt", "x");
-  const struct {
-    const char* fail;
-    int code;
-    std::string answer;  // the owner names, or the error code
-  } cases[] = {
-      {nullptr, 0, R"(["bob", "", "bob", "", "ann", "root"])"},
-      {"KESTUserGetByUID", KLIB_ERR_SYSTEM, R"(["", "", "", "", "ann", "root"])"},
-      {"KESTUserGet", KLIB_ERR_USER_NOT_FOUND, "801"},
-  };
-  for (const auto& c : cases) {
+// What a page of hits gains: the path in its share (the user's own home as
+// /home), whether the user may read the file, the owner's name, the mount
+// flag. Each owner is looked up once per request (the login user by name,
+// from the seed of the cache); a failed lookup leaves the name blank for
+// that uid, and a login user the platform cannot find is 801.
+TEST_F(SDKTest, SearchHits) {
+  MakeSearchShares();
+  DaemonReply page;
+  for (const char* hit :
+       {R"({"total": 6})",
+        R"({"KESTMDPath": "/volume1/docs/open.txt", "KESTMDOwnerUserID": "2002"})",
+        R"({"KESTMDPath": "/volume1/docs/closed.txt", "KESTMDOwnerUserID": "2002",
+               "additional": {"kept": 1}})",
+        R"({"KESTMDPath": "/volume1/homes/ann", "KESTMDOwnerUserID": "2001"})",
+        R"({"KESTMDPath": "/volume1/docs/open.txt", "KESTMDOwnerUserID": "not a uid"})",
+        R"({"KESTMDPath": "/volume1/docs/open.txt", "KESTMDOwnerUserID": "77777"})",
+        R"({"KESTMDPath": "/volume1/docs/open.txt", "KESTMDOwnerUserID": "4294967296"})",
+        R"({"KESTMDPath": "/volume1/docs/open.txt", "KESTMDOwnerUserID": ""})",
+        R"({"KESTMDPath": "/volume1", "KESTMDOwnerUserID": "0"})", R"({"KESTMDFSName": "b"})",
+        "{\"KESTMDPath\": \"/volume1/docs/\xff\"}", R"({"success": true})"}) {
+    page.Text(hit);  // the last path is not UTF-8
+  }
+  const auto search = [&page] {
     FakeDaemon daemon;
-    DaemonReply page;
-    for (const char* owner : {"2002", "77777", "2002", "77777", "2001", "0"}) {
-      page.Text(R"({"KESTMDPath": "/volume1/docs/a.txt", "KESTMDOwnerUserID": ")" +
-                std::string(owner) + R"("})");
-    }
-    daemon.On("search", page.Text(R"({"success": true})"));
+    daemon.On("search", page);
     daemon.On("list_db_status", DaemonReply::Success(Json::Value(Json::objectValue)));
-    PlatformDouble::Reset();
-    if (c.fail) PlatformDouble::FailNext(c.fail, c.code);
-    const auto response = RunAPI<kestondri::webapi::SearchAPI>(
+    return RunAPI<kestondri::webapi::SearchAPI>(
         kAnn, ParseJson(R"({"indice": ["docs"], "from": 0, "size": 10, "fields": [],
                              "file_type": ""})"));
-    if (response.IsError()) {
-      EXPECT_EQ(c.answer, std::to_string(response.GetErrorCode()));
-      continue;
-    }
-    Json::Value names(Json::arrayValue);
-    for (const auto& hit : response.GetData()["hits"]) names.append(hit["KESTMDOwnerUserName"]);
-    EXPECT_EQ(ParseJson(c.answer), names);
-    EXPECT_EQ(1, PlatformDouble::Calls("KESTUserGet"));
-    EXPECT_EQ(3, PlatformDouble::Calls("KESTUserGetByUID")) << "bob, 77777 and root";
+  };
+  const auto response = search();
+  ASSERT_TRUE(response.IsSuccess()) << response.GetErrorCode();
+  const auto& hits = response.GetData()["hits"];
+  const struct {
+    const char* share_path;
+    bool readable;
+    Json::Value owner;  // null: no owner name set
+    bool mount_point;
+  } expect[] = {
+      {"/docs/open.txt", true, "bob", false},
+      {"/docs/closed.txt", false, "bob", false},
+      {"/home", true, "ann", false},  // the user's own home folder
+      {"/docs/open.txt", true, "", false},
+      {"/docs/open.txt", true, "", false},
+      {"/docs/open.txt", true, "root", false},  // only the low 32 bits count
+      {"/docs/open.txt", true, Json::Value(), false},
+      {"", true, "root", true},  // in no share; the volume is a mount point
+      {"", false, Json::Value(), false},
+      {"/docs/\xff", false, Json::Value(), false},
+  };
+  ASSERT_EQ(sizeof(expect) / sizeof(expect[0]), hits.size());
+  for (Json::ArrayIndex i = 0; i < hits.size(); ++i) {
+    EXPECT_EQ(expect[i].share_path, hits[i]["KESTMDSharePath"].asString()) << i;
+    EXPECT_EQ(expect[i].readable, hits[i]["readable"].asBool()) << i;
+    EXPECT_EQ(expect[i].owner, hits[i].get("KESTMDOwnerUserName", Json::Value())) << i;
+    EXPECT_EQ(expect[i].mount_point, hits[i]["additional"]["is_mount_point"].asBool()) << i;
   }
+  EXPECT_EQ(1, hits[1]["additional"]["kept"].asInt());
+  // A path that is not UTF-8 also travels as a reference to its bytes.
+  EXPECT_EQ("hex:2f766f6c756d65312f646f63732fff", hits[9]["additional"]["path_ref"].asString());
+  EXPECT_FALSE(hits[0]["additional"].isMember("path_ref"));
+  // Members the daemon did not send are not made up as null.
+  EXPECT_EQ((Json::Value::Members{"KESTMDFSName", "KESTMDSharePath", "additional", "readable"}),
+            hits[8].getMemberNames());
+  EXPECT_EQ(6, response.GetData()["total"].asInt());
+  EXPECT_EQ(3, PlatformDouble::Calls("KESTUserGetByUID")) << "bob, 77777 and root";
+
+  PlatformDouble::FailNext("KESTUserGetByUID", KLIB_ERR_SYSTEM);  // bob's
+  const auto blank = search();
+  Json::Value names(Json::arrayValue);
+  for (const auto& hit : blank.GetData()["hits"]) names.append(hit["KESTMDOwnerUserName"]);
+  EXPECT_EQ(ParseJson(R"(["", "", "ann", "", "", "root", null, "root", null, null])"), names);
+  PlatformDouble::FailNext("KESTUserGet", KLIB_ERR_USER_NOT_FOUND);
+  EXPECT_EQ(801, search().GetErrorCode());
 }
 
 TEST_F(SDKTest, AnswersFromTheConfigurationAskedOnce) {
@@ -234,39 +294,36 @@ TEST_F(SDKTest, FailuresThrowWithTheirTexts) {
   const struct {
     const char* function;  // null: the real platform fails
     int line;
-    ErrorCode code;
-    std::string reason;
+    const char* thrown;
     std::function<void()> call;
   } cases[] = {
-      {nullptr, 34, kestondri::kErrShare, "nosuch", [] { SDKShare share("nosuch"); }},
-      {"KLIBShareIsEncryptedGet", 73, kestondri::kErrPlatform,
-       "KLIBShareis_encryptedGet failed, share=photo", [] { SDKShare("photo").CanBeIndexed(); }},
-      {"KLIBShareIsReadOnlyGet", 75, kestondri::kErrPlatform,
-       "KLIBShareis_readonlyGet failed, share=photo", [] { SDKShare("photo").CanBeIndexed(); }},
-      {"KLIBShareIsEncryptionGet", 87, kestondri::kErrPlatform,
-       "KLIBShareIsEncryptionGet failed, share=photo", [] { SDKShare("photo").IsEncryption(); }},
-      {"KLIBShareRecycleStatusGet", 99, kestondri::kErrPlatform,
-       "KLIBShareRecycleStatusGet failed, share=photo",
+      {nullptr, 34, "800 nosuch", [] { SDKShare share("nosuch"); }},
+      {"KLIBShareIsEncryptedGet", 73, "502 KLIBShareis_encryptedGet failed, share=photo",
+       [] { SDKShare("photo").CanBeIndexed(); }},
+      {"KLIBShareIsReadOnlyGet", 75, "502 KLIBShareis_readonlyGet failed, share=photo",
+       [] { SDKShare("photo").CanBeIndexed(); }},
+      {"KLIBShareIsEncryptionGet", 87, "502 KLIBShareIsEncryptionGet failed, share=photo",
+       [] { SDKShare("photo").IsEncryption(); }},
+      {"KLIBShareRecycleStatusGet", 99, "502 KLIBShareRecycleStatusGet failed, share=photo",
        [] { SDKShare("photo").IsEnableRecycleBin(); }},
-      {"FILEIDXQueuePathCompose", 156, kestondri::kErrPlatform,
-       "FILEIDXQueuePathCompose failed, share=photo", [] { SDKShare("photo").GetQueuePath(); }},
-      {"FILEIDXDBPathCompose", 170, kestondri::kErrPlatform,
-       "FILEIDXDBPathCompose failed, share=photo", [] { SDKShare("photo").GetDBPath(); }},
-      {"FILEIDXGetIndexID", 184, kestondri::kErrPlatform, "FILEIDXGetIndexID failed, share=photo",
+      {"FILEIDXQueuePathCompose", 156, "502 FILEIDXQueuePathCompose failed, share=photo",
+       [] { SDKShare("photo").GetQueuePath(); }},
+      {"FILEIDXDBPathCompose", 170, "502 FILEIDXDBPathCompose failed, share=photo",
+       [] { SDKShare("photo").GetDBPath(); }},
+      {"FILEIDXGetIndexID", 184, "502 FILEIDXGetIndexID failed, share=photo",
        [] { SDKShare("photo").GetDBName(); }},
-      {"KLIBCSzListAlloc", 54, kestondri::kErrExecute, "KLIBCSzListAlloc failed",
-       [] { SDKShare::Enum(); }},
-      {"KLIBShareEnum", 56, kestondri::kErrExecute, "KLIBShareEnum failed",
-       [] { SDKShare::Enum(); }},
+      {"KLIBCSzListAlloc", 54, "121 KLIBCSzListAlloc failed", [] { SDKShare::Enum(); }},
+      {"KLIBShareEnum", 56, "121 KLIBShareEnum failed", [] { SDKShare::Enum(); }},
   };
   for (const auto& c : cases) {
     SyslogCapture::Instance().Clear();
     if (c.function) PlatformDouble::FailNext(c.function);
-    EXPECT_EQ(std::to_string(c.code) + " " + c.reason, Thrown<Error>(c.call));
+    EXPECT_EQ(c.thrown, Thrown<Error>(c.call));
     const auto lines = CapturedLines();
-    ASSERT_EQ(1u, lines.size()) << c.reason;
+    ASSERT_EQ(1u, lines.size()) << c.thrown;
     EXPECT_EQ(0u, lines[0].find("share.cc:" + std::to_string(c.line) + " (")) << lines[0];
-    EXPECT_NE(std::string::npos, lines[0].find("], reason: " + c.reason)) << lines[0];
+    EXPECT_NE(std::string::npos, lines[0].find(std::string("], reason: ") + (c.thrown + 4)))
+        << lines[0];
   }
   // A failure is not cached: the next call asks again and succeeds.
   SDKShare photo("photo");
