@@ -1,5 +1,7 @@
-// The Folder and Status methods end to end through the module's handlers,
-// on the real indexing library, shares, users and queue files.
+// The Folder and Status methods through the module's handlers, on the real
+// indexing library, shares, users and queue files: what the handlers make of
+// their parameters, and the status words. Who may change which folder, and
+// the listing itself, are the library's (its own tests).
 #include <gtest/gtest.h>
 #include <unistd.h>
 
@@ -58,20 +60,14 @@ class FolderStatusTest : public ModuleTest {
 };
 
 TEST_F(FolderStatusTest, FolderMethods) {
-  AddAsAnn(R"([{"path": "/volume1/photo/a", "name": "first", "audio": false},
-               {"path": "/volume1/photo/b"}, {"path": "/volume1/docs/c"}])");
-  // Adding and setting never replace: what set did not name stays.
-  EXPECT_EQ(
-      120,
-      Request<FolderAddAPI>(kAnn, R"({"folder": [{"path": "/volume1/photo/a"}]})").GetErrorCode());
+  AddAsAnn(R"([{"path": "/volume1/photo/a", "name": "first"}, {"path": "/volume1/photo/b"},
+               {"path": "/volume1/docs/c"}])");
   EXPECT_TRUE(
       Request<FolderSetAPI>(kAnn, R"({"folder": [{"path": "/volume1/photo/a", "paused": true}]})")
           .IsSuccess());
   const Json::Value got = Request<FolderGetAPI>(kAnn, R"({"path": "/volume1/photo/a"})").GetData();
-  EXPECT_EQ("first ann", got["name"].asString() + " " + got["owner"].asString());
-  EXPECT_FALSE(got["audio"].asBool());
-  EXPECT_TRUE(got["paused"].asBool());
-
+  EXPECT_EQ("first ann true", got["name"].asString() + " " + got["owner"].asString() + " " +
+                                  Json::toString(got["paused"]));
   const struct {
     const char* params;
     const char* names;
@@ -89,18 +85,9 @@ TEST_F(FolderStatusTest, FolderMethods) {
   };
   for (const auto& l : lists) EXPECT_EQ(l.names, List(l.params)) << l.params;
 
-  Json::Value groups, summary;
-  ASSERT_TRUE(ResetCredentialsByName("ann", true));
-  kestondri::fileindex::FolderListGroups(groups);
-  kestondri::fileindex::FolderSummary(summary);
-  BecomeRoot();
-  EXPECT_EQ(groups, Request<FolderListGroupAPI>(kAnn, R"({"ignored": 1})").GetData());
-  EXPECT_EQ(summary, Request<FolderSummaryAPI>(kAnn, "{}").GetData());
-
   unlink("/volume1/@kestondri/queue/photo.queue");
-  const auto reindex = Request<FolderReIndexAPI>(kAnn, R"({"path": ["/volume1/photo/a"]})");
-  EXPECT_TRUE(reindex.IsSuccess());
-  EXPECT_TRUE(reindex.GetData().isNull());
+  EXPECT_TRUE(
+      Request<FolderReIndexAPI>(kAnn, R"({"path": ["/volume1/photo/a"]})").GetData().isNull());
   EXPECT_EQ("# kestondri queue 2\nreindex\t/volume1/photo/a\n",
             ReadFile("/volume1/@kestondri/queue/photo.queue"));
   // bob may read the folder but not reindex it.
@@ -113,8 +100,6 @@ TEST_F(FolderStatusTest, FolderMethods) {
   EXPECT_EQ("2:c,b,", List("{}"));
   EXPECT_EQ(120, Request<FolderDelAPI>(kAnn, R"({"owner": ""})").GetErrorCode());
   EXPECT_TRUE(SyslogCapture::Instance().WaitFor("Got exception: Need path or owner"));
-  EXPECT_EQ(120, Request<FolderDelAPI>(kAnn, "{}").GetErrorCode());
-  EXPECT_EQ("2:c,b,", List("{}"));
   EXPECT_TRUE(Request<FolderDelAPI>(kAnn, R"({"owner": "ann"})").IsSuccess());
   EXPECT_EQ("0:", List("{}"));
 }

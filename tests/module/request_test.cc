@@ -26,19 +26,17 @@ namespace {
 using kestondri::Error;
 using kestondri::sdk::ForkTask;
 using kestondri::webapi::OndriAPI;
-using kestondri::webapi::OndriAPIRun;
 
 constexpr char kPostActionsFile[] = "/tmp/ondri_api_post_actions";
 constexpr char kExitHandlerFile[] = "/tmp/task_exit_handler_ran";
 
-// What the test subclass does, set by each test before the request.
+// What the test subclass does, set before each request.
 struct Script {
   std::string throw_in;  // the phase that throws
   std::function<void()> thrower;
   bool clear_success = false;
 } g_script;
 std::vector<std::string> g_events;
-pid_t g_test_pid = 0;
 
 class PhaseAPI : public OndriAPI {
  public:
@@ -58,7 +56,6 @@ class PhaseAPI : public OndriAPI {
   }
   void Execute() override {
     Phase("Execute");
-    output_["hits"] = Json::Value(Json::arrayValue);
     output_["hits"].append(1);
     if (g_script.clear_success) set_success_ = false;
   }
@@ -79,173 +76,164 @@ class PhaseAPI : public OndriAPI {
 
 class RequestTest : public ModuleTest {
  protected:
-  static void SetUpTestSuite() {
-    g_test_pid = getpid();
-    // Marks a child that ran the exit handlers it inherited.
-    atexit([] {
-      if (getpid() != g_test_pid) WriteFile(kExitHandlerFile, "yes");
-    });
-  }
-  void SetUp() override {
-    g_script = Script();
-    g_events.clear();
-    unlink(kPostActionsFile);
-    ModuleTest::SetUp();  // last: a clean log and errno
-  }
-
-  // Runs PhaseAPI (or `Class`) for `user` under a RequestGuard; returns the
-  // wait statuses of the children it forked.
+  // Runs `Class` for `user` under a RequestGuard, with SIGUSR1 ignored and
+  // SIGUSR2 blocked; returns the wait statuses of the children it forked.
   template <typename Class = PhaseAPI>
   std::vector<int> Run(const std::string& user, KEST::APIResponse* response) {
+    g_events.clear();
+    unlink(kPostActionsFile);
     const uid_t uid = user == "ghost" ? 54321 : UserByName(user).uid;
     KEST::APIRequest request(Json::Value(Json::objectValue), uid, user, "sess-" + user,
                              user == "carol");
+    sigset_t usr2, old_mask;
+    sigemptyset(&usr2);
+    sigaddset(&usr2, SIGUSR2);
+    sigprocmask(SIG_BLOCK, &usr2, &old_mask);
+    signal(SIGUSR1, SIG_IGN);
     RequestGuard guard;
     if (user == "carol") {
       guard.ExpectIdentityAfter(0, 0);
     } else if (user != "ghost") {
       guard.ExpectIdentityAfter(user);
     }
-    OndriAPIRun<Class>(&request, response);
-    return guard.Finish();
+    errno = 0;  // log lines report it
+    kestondri::webapi::OndriAPIRun<Class>(&request, response);
+    const std::vector<int> children = guard.Finish();
+    sigprocmask(SIG_SETMASK, &old_mask, nullptr);
+    signal(SIGUSR1, SIG_DFL);
+    return children;
   }
 };
 
-TEST_F(RequestTest, PhasesInOrderThenSuccessThenOneChild) {
-  for (const char* user : {"ann", "carol"}) {
+// One request through the handler template, as the server runs it. The
+// object acts as the login user (root for an administrator) from its
+// construction; the phases run in order, then the answer, then one forked
+// child runs PostActions as the user, with default signal handling and
+// nothing blocked. What a phase throws is answered with its code alone (the
+// later phases, the answer and the fork skipped) and logged once the object
+// is gone, hence as the login user. A login user that cannot be acted as is
+// 503 before any phase.
+TEST_F(RequestTest, OneRequest) {
+  const struct {
+    const char* user;
+    const char* throw_in;  // the phase that throws
+    std::function<void()> thrower;
+    int code;  // of the answer, 0: success
+    int line;  // of the log line, with `text`
+    std::string text;
+  } cases[] = {
+      {"ann", "", nullptr, 0, 0, ""},
+      {"carol", "", nullptr, 0, 0, ""},
+      {"ann", "ParseParams", [] { throw Error(static_cast<kestondri::ErrorCode>(4001), "d"); },
+       4001, 52, "Got exception: d"},
+      {"ann", "Execute",
+       [] {
+         errno = ENOENT;
+         throw Error(kestondri::kErrExecute, "r");
+       },
+       121, 52, "Got exception: r [err: No such file or directory]"},
+      {"ann", "FormOutput", [] { throw std::runtime_error("boom %s"); }, 117, 55,
+       "Got std exception: boom %s"},
+      {"ann", "ParseParams", [] { throw 42; }, 117, 58, "Got unknown exception"},
+      {"ghost", "", nullptr, 503, 52, "Got exception: "},
+  };
+  for (const auto& c : cases) {
+    const std::string user = c.user;
+    const std::string what = user + " " + c.throw_in;
     SetUp();
-    const uid_t acts_as = std::string(user) == "carol" ? 0 : kAnnUid;
-    signal(SIGUSR1, SIG_IGN);
-    sigset_t usr2, old_mask;
-    sigemptyset(&usr2);
-    sigaddset(&usr2, SIGUSR2);
-    sigprocmask(SIG_BLOCK, &usr2, &old_mask);
+    g_script = {c.throw_in, c.thrower};
     KEST::APIResponse response;
-    EXPECT_TRUE(AllExitedZero(Run(user, &response), 1)) << user;
-    sigprocmask(SIG_SETMASK, &old_mask, nullptr);
-    signal(SIGUSR1, SIG_DFL);
-    const std::vector<std::string> expected = {
-        "construct as " + std::to_string(acts_as),
-        "ParseParams",
-        "uid " + std::to_string(UserByName(user).uid) + " session sess-" + user,
-        "Execute",
-        "FormOutput",
-        "destroy"};
-    EXPECT_EQ(expected, g_events) << user;
-    EXPECT_EQ(R"({"data":{"hits":[1],"total":1},"success":true})",
-              Json::toString(response.ToJson()));
-    // PostActions ran in a child, as the user, with default signal handling
-    // and nothing blocked.
-    const std::string post = ReadFile(kPostActionsFile);
-    EXPECT_NE(std::to_string(getpid()), post.substr(0, post.find(' ')));
-    EXPECT_EQ(" " + std::to_string(acts_as) + " default", post.substr(post.find(' ')));
-    EXPECT_TRUE(CapturedLines().empty());
+    EXPECT_TRUE(AllExitedZero(Run(user, &response), c.code ? 0 : 1)) << what;
+    EXPECT_EQ(0, errno) << what;
+    EXPECT_EQ(c.code ? R"({"error":{"code":)" + std::to_string(c.code) + R"(},"success":false})"
+                     : R"({"data":{"hits":[1],"total":1},"success":true})",
+              Json::toString(response.ToJson()))
+        << what;
+    std::vector<std::string> log;
+    if (user == "ghost") {
+      log.push_back(LogLine("credentials.cc", 53, "AsUser",
+                            "Failed [!ResetCredentialsByName(target_username)]"));
+    }
+    if (c.code)
+      log.push_back(LogLine(kOndriApiHeader, c.line, "OndriAPIRun", c.text, getpid(),
+                            user == "ghost" ? 0 : kAnnUid));
+    EXPECT_EQ(log, CapturedLines()) << what;
+    const uid_t uid = user == "ghost" ? 0 : UserByName(user).uid;
+    const uid_t acts_as = user == "carol" ? 0 : uid;
+    std::vector<std::string> events = {"construct as " + std::to_string(acts_as), "ParseParams",
+                                       "uid " + std::to_string(uid) + " session sess-" + user,
+                                       "Execute", "FormOutput"};
+    const auto thrown = std::find(events.begin(), events.end(), c.throw_in);
+    if (thrown != events.end()) events.erase(thrown + 1, events.end());
+    events.push_back("destroy");
+    EXPECT_EQ(user == "ghost" ? std::vector<std::string>{} : events, g_events) << what;
+    const std::string post = c.code ? "" : ReadFile(kPostActionsFile);
+    if (!c.code) {
+      EXPECT_NE(std::to_string(getpid()), post.substr(0, post.find(' '))) << what;
+      EXPECT_EQ(" " + std::to_string(acts_as) + " default", post.substr(post.find(' '))) << what;
+    }
+    EXPECT_EQ(c.code == 0, access(kPostActionsFile, F_OK) == 0) << what;
+    BecomeRoot();
   }
-}
 
-// The base class answers null; a cleared success flag answers nothing. Both
-// fork the after-answer child.
-TEST_F(RequestTest, DefaultsAndAClearedSuccessFlag) {
-  g_script.clear_success = true;
+  // The base class answers null; a cleared success flag answers nothing.
+  // Both fork the after-answer child.
   KEST::APIResponse base;
   EXPECT_TRUE(AllExitedZero(Run<OndriAPI>("bob", &base), 1));
   EXPECT_EQ(R"({"data":null,"success":true})", Json::toString(base.ToJson()));
+  g_script.clear_success = true;
   KEST::APIResponse cleared;
   EXPECT_TRUE(AllExitedZero(Run("bob", &cleared), 1));
   EXPECT_EQ(KEST::APIResponse::State::kUnset, cleared.GetState());
   EXPECT_EQ(0, access(kPostActionsFile, F_OK));
 }
 
-TEST_F(RequestTest, LoginUserThatCannotBeActedAsAnswers503) {
-  KEST::APIResponse response;
-  EXPECT_TRUE(Run("ghost", &response).empty());
-  EXPECT_TRUE(g_events.empty()) << "no phase ran";
-  EXPECT_EQ(R"({"error":{"code":503},"success":false})", Json::toString(response.ToJson()));
-  EXPECT_EQ(
-      (std::vector<std::string>{LogLine("credentials.cc", 53, "AsUser",
-                                        "Failed [!ResetCredentialsByName(target_username)]"),
-                                LogLine(kOndriApiHeader, 52, "OndriAPIRun", "Got exception: ")}),
-      CapturedLines());
-}
-
-// What is thrown, in each phase in turn, as the handler answers and logs it
-// (the later phases, the answer and the fork skipped) and as a forked task
-// logs it; nothing of the reason reaches the client. (An empty reason: the
-// login user that cannot be acted as.)
-TEST_F(RequestTest, WhatIsThrownIsMappedAndLogged) {
-  const struct {
-    std::function<void()> thrower;
-    int code;
-    int handler_line;
-    std::string handler_text;
-    int task_line;
-    std::string task_text;
-  } cases[] = {
-      {[] { throw Error(static_cast<kestondri::ErrorCode>(4001), "d"); }, 4001, 52,
-       "Got exception: d", 33, "Failed to execute, 4001 d"},
-      {[] {
-         errno = ENOENT;
-         throw Error(kestondri::kErrExecute, "r");
-       },
-       121, 52, "Got exception: r [err: No such file or directory]", 33,
-       "Failed to execute, 121 r [err: No such file or directory]"},
-      {[] { throw std::runtime_error("boom %s"); }, 117, 55, "Got std exception: boom %s", 35,
-       "Failed to execute, boom %s"},
-      {[] { throw 42; }, 117, 58, "Got unknown exception", 37, "Failed to execute"},
-  };
-  const std::vector<std::string> order = {"ParseParams", "Execute", "FormOutput"};
-  size_t phase = 0;
-  for (const auto& c : cases) {
-    SetUp();
-    g_script.throw_in = order[phase++ % order.size()];
-    g_script.thrower = c.thrower;
-    KEST::APIResponse response;
-    EXPECT_TRUE(Run("ann", &response).empty()) << c.handler_text;
-    EXPECT_EQ(0, errno) << c.handler_text;
-    const auto thrown = std::find(g_events.begin(), g_events.end(), g_script.throw_in);
-    EXPECT_EQ((std::vector<std::string>{g_script.throw_in, "destroy"}),
-              std::vector<std::string>(thrown, g_events.end()))
-        << c.handler_text;
-    EXPECT_NE(0, access(kPostActionsFile, F_OK));
-    errno = 0;  // the task below logs it
-    EXPECT_EQ(R"({"error":{"code":)" + std::to_string(c.code) + R"(},"success":false})",
-              Json::toString(response.ToJson()));
-    // Logged once the object is gone, hence as the login user.
-    EXPECT_EQ(std::vector<std::string>{LogLine(kOndriApiHeader, c.handler_line, "OndriAPIRun",
-                                               c.handler_text, getpid(), kAnnUid)},
-              CapturedLines());
-
-    BecomeRoot();
-    SyslogCapture::Instance().Clear();
-    RequestGuard guard;
-    ForkTask task(1);
-    EXPECT_TRUE(task.DoTask(c.thrower));
-    EXPECT_TRUE(AllExitedZero(guard.Finish(), 1)) << c.task_text;
-    EXPECT_EQ(std::vector<std::string>{LogLine(kTaskHeader, c.task_line, "DoTask", c.task_text,
-                                               task.pid())},
-              CapturedLines());
-  }
-}
-
-// The task runs in the child only, which leaves with _exit: no exit handlers
-// and no second flush of the parent's buffered output.
-TEST_F(RequestTest, TaskRunsOnlyInTheChildWhichLeavesWithoutCleanUp) {
-  const std::string ran = "/tmp/task_ran";
-  unlink(ran.c_str());
+// A forked task runs in the child only, which logs what the task throws and
+// leaves with _exit: no exit handlers, no second flush of the parent's
+// buffered output.
+TEST_F(RequestTest, TasksRunInTheChildAlone) {
+  static const pid_t test_pid = getpid();
+  atexit([] {
+    if (getpid() != test_pid) WriteFile(kExitHandlerFile, "yes");
+  });
   unlink(kExitHandlerFile);
   FILE* out = fopen("/tmp/task_stdio", "w");
   ASSERT_NE(nullptr, out);
   fputs("once", out);
-  RequestGuard guard;
-  ForkTask task(1);
-  ASSERT_TRUE(task.DoTask([&] { WriteFile(ran, std::to_string(getpid())); }));
-  EXPECT_TRUE(AllExitedZero(guard.Finish(), 1));
-  EXPECT_NE(getpid(), task.pid());
-  EXPECT_EQ(std::to_string(task.pid()), ReadFile(ran));
+  const struct {
+    std::function<void()> thrower;
+    int line;
+    std::string text;
+  } cases[] = {
+      {[] { WriteFile("/tmp/task_ran", std::to_string(getpid())); }, 0, ""},
+      {[] { throw Error(static_cast<kestondri::ErrorCode>(4001), "d"); }, 33,
+       "Failed to execute, 4001 d"},
+      {[] {
+         errno = ENOENT;
+         throw Error(kestondri::kErrExecute, "r");
+       },
+       33, "Failed to execute, 121 r [err: No such file or directory]"},
+      {[] { throw std::runtime_error("boom %s"); }, 35, "Failed to execute, boom %s"},
+      {[] { throw 42; }, 37, "Failed to execute"},
+  };
+  for (const auto& c : cases) {
+    SyslogCapture::Instance().Clear();
+    RequestGuard guard;
+    errno = 0;
+    ForkTask task(1);
+    EXPECT_TRUE(task.DoTask(c.thrower));
+    EXPECT_TRUE(AllExitedZero(guard.Finish(), 1)) << c.text;
+    EXPECT_NE(getpid(), task.pid());
+    const std::vector<std::string> logged = {
+        LogLine(kTaskHeader, c.line, "DoTask", c.text, task.pid())};
+    EXPECT_EQ(c.text.empty() ? std::vector<std::string>{} : logged, CapturedLines());
+    if (c.text.empty()) {
+      EXPECT_EQ(std::to_string(task.pid()), ReadFile("/tmp/task_ran"));
+    }
+  }
   fclose(out);
   EXPECT_EQ("once", ReadFile("/tmp/task_stdio"));
-  EXPECT_NE(0, access(kExitHandlerFile, F_OK)) << "the child ran exit handlers";
-  EXPECT_TRUE(CapturedLines().empty());
+  EXPECT_NE(0, access(kExitHandlerFile, F_OK)) << "a child ran exit handlers";
 }
 
 }  // namespace
