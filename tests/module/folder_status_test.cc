@@ -8,6 +8,7 @@
 #include <cstdlib>
 #include <string>
 
+#include "kest/json.h"
 #include "kest/klib.h"
 #include "kestondri/fileindex.h"
 #include "module/api_runner.h"
