@@ -58,48 +58,41 @@ class PermissionModelTest : public ::testing::Test {
 
   std::mt19937 rng_{7};
 
-  std::string RandomNames() {
-    static const std::vector<std::string> names = {"ann",  "bob",    "carol",
-                                                   "dave", "@staff", "@administrators"};
+  // "<key> = <names>" for each of `keys`, with random users and groups.
+  std::string RandomLists(const std::vector<const char*>& keys) {
     std::string out;
-    for (const auto& n : names) {
-      if (rng_() % 5 == 0) out += n + " ";
+    for (const char* key : keys) {
+      out += std::string(key) + " =";
+      for (const char* n : {"ann", "bob", "carol", "dave", "@staff", "@administrators"}) {
+        if (rng_() % 5 == 0) out += std::string(" ") + n;
+      }
+      out += "\n";
     }
     return out;
   }
 };
 
 TEST_F(PermissionModelTest, ChecksMatchTheModel) {
-  const std::vector<std::string> users = {"ann", "bob", "carol", "dave"};
+  const char* const kFtp[] = {"list", "modify", "download"};
   int compared = 0;
   int outcomes[2][2] = {{0, 0}, {0, 0}};  // [list, read][false, true]
   for (int round = 0; round < 40; ++round) {
     const bool user_home = rng_() % 4 != 0;
     const unsigned ftp = rng_() % 8;
     const bool hide = rng_() % 2;
-    std::string conf = std::string("[global]\nuser home = ") + (user_home ? "yes" : "no") + "\n";
-    conf += "[photo]\npath = /volume1/photo\n";
-    conf += std::string("hide unreadable = ") + (hide ? "yes" : "no") + "\n";
-    if (ftp & 1) conf += "ftp disable list = yes\n";
-    if (ftp & 2) conf += "ftp disable modify = yes\n";
-    if (ftp & 4) conf += "ftp disable download = yes\n";
-    for (const char* key : {"read list", "write list", "invalid users"}) {
-      const std::string names = RandomNames();
-      if (!names.empty()) conf += std::string(key) + " = " + names + "\n";
+    std::string conf =
+        std::string("[global]\nuser home = ") + (user_home ? "yes" : "no") +
+        "\n[photo]\npath = /volume1/photo\nhide unreadable = " + (hide ? "yes" : "no") + "\n";
+    for (int bit = 0; bit < 3; ++bit) {
+      if (ftp >> bit & 1) conf += std::string("ftp disable ") + kFtp[bit] + " = yes\n";
     }
-    conf += "[homes]\npath = /volume1/homes\n";
-    for (const char* key : {"read list", "invalid users"}) {
-      const std::string names = RandomNames();
-      if (!names.empty()) conf += std::string(key) + " = " + names + "\n";
-    }
+    conf += RandomLists({"read list", "write list", "invalid users"}) +
+            "[homes]\npath = /volume1/homes\n" + RandomLists({"read list", "invalid users"});
     WriteSharesConf(conf);
 
-    const std::string base = "/volume1/photo/r" + std::to_string(round);
-    const std::vector<std::string> dirs = {base, "/volume1/homes/ann/r" + std::to_string(round),
-                                           "/volume1/homes/bob/r" + std::to_string(round),
-                                           "/volume1/homes/ann2/r" + std::to_string(round)};
     std::vector<std::string> paths;
-    for (const auto& dir : dirs) {
+    for (const char* top : {"photo", "homes/ann", "homes/bob", "homes/ann2"}) {
+      const std::string dir = std::string("/volume1/") + top + "/r" + std::to_string(round);
       kesttest::WriteFile(dir + "/f", "x");
       kesttest::Scramble(dir, rng_, true);
       kesttest::Scramble(dir + "/f", rng_, true);
@@ -110,9 +103,8 @@ TEST_F(PermissionModelTest, ChecksMatchTheModel) {
     chmod("/volume1/homes", 0755);
     chmod("/volume1/homes/ann", 0755);
 
-    for (const auto& user : users) {
-      const kesttest::TestUser& test_user = kesttest::UserByName(user);
-      FilePermission permission(test_user.uid);
+    for (const std::string user : {"ann", "bob", "carol", "dave"}) {
+      FilePermission permission(kesttest::UserByName(user).uid);
       std::string home_real;
       if (user_home) {
         char resolved[4096];
@@ -134,12 +126,8 @@ TEST_F(PermissionModelTest, ChecksMatchTheModel) {
 
         bool list = !(share_ftp & 1) && (parent_perm & 5) == 5 && !(share_hide && !(self_perm & 4));
         if (list && homes) list = home_test;
-        bool read;
-        if (!homes) {
-          read = !(share_ftp & 4) && priv != KEST_SHARE_PRIV_NA && (self_perm & 4);
-        } else {
-          read = (self_perm & 4) && home_test;
-        }
+        const bool read =
+            (self_perm & 4) && (homes ? home_test : !(share_ftp & 4) && priv != KEST_SHARE_PRIV_NA);
         const std::string context = user + " " + path + "\n" + conf;
         EXPECT_EQ(list, permission.CheckList(path)) << "list " << context;
         EXPECT_EQ(read, permission.CheckRead(path)) << "read " << context;
