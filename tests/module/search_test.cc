@@ -27,6 +27,15 @@ using kestondri::webapi::HighlightAPI;
 using kestondri::webapi::IndicateAPI;
 using kestondri::webapi::SearchAPI;
 
+// Makes exactly the given shares indexed (each with its own folder), through
+// the real indexing library.
+void IndexShares(const std::vector<std::string>& shares) {
+  (void)!system("rm -f /var/packages/KestOndri/var/fileindex/folders.db*");
+  Json::Value folders(Json::arrayValue);
+  for (const auto& share : shares) folders.append(Json::Value())["path"] = "/volume1/" + share;
+  if (!folders.empty()) kestondri::fileindex::FolderAdd(folders, false);
+}
+
 std::string TrackingFile(const std::string& id) { return "/tmp/vyr_query_" + id + ".pid"; }
 
 // The smallest search request the method accepts, over `shares`.
