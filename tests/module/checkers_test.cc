@@ -57,6 +57,20 @@ class TablesTest : public ::testing::Test {
 };
 void* TablesTest::module_ = nullptr;
 
+// "<api suffix> <method>,..." of a table's rows up to its zero row, each of
+// version 1.
+template <typename Row>
+std::string Rows(const Row* rows) {
+  std::string found;
+  const Row* row = rows;
+  for (; row->api && row - rows < 20; ++row) {
+    found += std::string(row->api).substr(sizeof(API) - 1) + " " + row->method + ",";
+    EXPECT_EQ(1, row->version) << found;
+  }
+  EXPECT_TRUE(row->version == 0 && !row->method);
+  return found;
+}
+
 // Only the two tables are exported; each ends with a zero row, and their
 // rows and orders differ on purpose (Term.update is guarded for another
 // module, Indicate is served without a checker row).
@@ -68,37 +82,24 @@ TEST_F(TablesTest, RowsInOrder) {
   }
   const KEST::APICheckRow* checks = CheckTable();
   EXPECT_EQ(checks, CheckTable()) << "one static table";
-  std::vector<std::string> found;
-  size_t i = 0;
-  for (; checks[i].api && i < 20; ++i) {
-    found.push_back(std::string(checks[i].api) + " " + checks[i].method);
-    EXPECT_TRUE(checks[i].version == 1 && checks[i].checker && !checks[i].reserved1 &&
-                !checks[i].reserved2)
-        << found.back();
+  for (const auto* row = checks; row == checks || row[-1].api; ++row) {
+    EXPECT_TRUE(!row->api == !row->checker && !row->reserved1 && !row->reserved2) << row->api;
   }
-  EXPECT_TRUE(checks[i].version == 0 && !checks[i].method && !checks[i].checker &&
-              !checks[i].reserved1 && !checks[i].reserved2);
-  EXPECT_EQ((std::vector<std::string>{API "Term update", API "Status get", API "Status pause",
-                                      API "Status resume", API "Folder reindex", API "Folder set",
-                                      API "Folder get", API "Folder list", API "Folder list_group",
-                                      API "Folder summary", API "Folder add", API "Folder delete",
-                                      API "Search search", API "Highlight highlight"}),
-            found);
-
+  EXPECT_EQ(
+      "Term update,Status get,Status pause,Status resume,Folder reindex,Folder set,Folder get,"
+      "Folder list,Folder list_group,Folder summary,Folder add,Folder delete,Search search,"
+      "Highlight highlight,",
+      Rows(checks));
   const KEST::APIHandlerRow* handlers =
       reinterpret_cast<KEST::GetAPITableFunc>(dlsym(module_, KEST::kGetAPITableSymbol))();
-  found.clear();
-  for (i = 0; handlers[i].api && i < 20; ++i) {
-    found.push_back(std::string(handlers[i].api) + " " + handlers[i].method);
-    EXPECT_TRUE(handlers[i].version == 1 && handlers[i].handler) << found.back();
+  for (const auto* row = handlers; row == handlers || row[-1].api; ++row) {
+    EXPECT_EQ(!row->api, !row->handler) << row->api;
   }
-  EXPECT_TRUE(handlers[i].version == 0 && !handlers[i].method && !handlers[i].handler);
-  EXPECT_EQ((std::vector<std::string>{
-                API "Folder add", API "Folder set", API "Folder get", API "Folder delete",
-                API "Folder list", API "Folder list_group", API "Folder summary",
-                API "Folder reindex", API "Status get", API "Status resume", API "Status pause",
-                API "Search search", API "Highlight highlight", API "Indicate indicate"}),
-            found);
+  EXPECT_EQ(
+      "Folder add,Folder set,Folder get,Folder delete,Folder list,Folder list_group,"
+      "Folder summary,Folder reindex,Status get,Status resume,Status pause,Search search,"
+      "Highlight highlight,Indicate indicate,",
+      Rows(handlers));
 }
 
 // Each check table row's parameters, one per text: "[!]<name> <a value it
@@ -203,39 +204,30 @@ TEST_F(TablesTest, HostileValues) {
     Expect("Folder get", params, "path required", text);
     Expect("Folder list", params, "", text);
   }
-  const std::string with_nul("/volume1/a\0b", 12);
-  const std::string invalid_utf8 = "/volume1/\xff\xfe\xc0\xaf";
-  Json::Value deep_array(Json::arrayValue);
-  Json::Value* level = &deep_array;
-  for (int i = 0; i < 5000; ++i) level = &level->append(Json::Value(Json::arrayValue));
-  Json::Value deep_object(Json::objectValue);
-  level = &deep_object;
-  for (int i = 0; i < 5000; ++i) level = &((*level)["status"] = Json::Value(Json::objectValue));
-  auto array_of = [](const char* key, const Json::Value& v) {
-    Json::Value a(Json::arrayValue);
-    (key ? a.append(Json::Value())[key] : a.append(Json::Value())) = v;
-    return a;
-  };
-  const struct {
-    const char* method;
-    const char* key;
-    Json::Value value;
-    const char* name;
-  } cases[] = {
-      {"Folder reindex", "path", array_of(nullptr, Json::Value(with_nul)), nullptr},
-      {"Folder reindex", "path", array_of(nullptr, Json::Value(invalid_utf8)), nullptr},
-      {"Folder reindex", "path", deep_array, "path"},
-      {"Folder get", "path", deep_object, "path"},
-      {"Folder add", "folder", array_of("additional", deep_object), "folder"},
-      {"Search search", "search_weight_list", array_of("field", deep_array), "search_weight_list"},
-      {"Status pause", "length", Json::Value(std::nan("")), "length"},
-  };
-  for (const auto& c : cases) {
-    Json::Value params(Json::objectValue);
-    params[c.key] = c.value;
-    if (c.key == std::string("search_weight_list")) params["keyword"] = invalid_utf8;
-    Expect(c.method, params, c.name ? c.name + std::string(" type") : "", c.key);
+  Json::Value deep_array(Json::arrayValue), deep_object(Json::objectValue);
+  Json::Value* array_level = &deep_array;
+  Json::Value* object_level = &deep_object;
+  for (int i = 0; i < 5000; ++i) {
+    array_level = &array_level->append(Json::Value(Json::arrayValue));
+    object_level = &((*object_level)["status"] = Json::Value(Json::objectValue));
   }
+  const auto with = [](const char* key, const Json::Value& value) {
+    Json::Value params(Json::objectValue);
+    params[key] = value;
+    return params;
+  };
+  Json::Value paths(Json::arrayValue);
+  paths.append(std::string("/volume1/a\0b", 12));
+  paths.append("/volume1/\xff\xfe\xc0\xaf");  // not UTF-8
+  Expect("Folder reindex", with("path", paths), "", "a NUL, bytes that are not UTF-8");
+  Expect("Folder reindex", with("path", deep_array), "path type", "deep array");
+  Expect("Folder get", with("path", deep_object), "path type", "deep object");
+  Json::Value nested(Json::arrayValue);
+  nested.append(Json::Value())["additional"] = deep_object;
+  Expect("Folder add", with("folder", nested), "folder type", "deep additional");
+  nested[0]["field"] = deep_array;
+  Expect("Search search", with("search_weight_list", nested), "search_weight_list type", "deep");
+  Expect("Status pause", with("length", std::nan("")), "length type", "NaN");
 }
 
 }  // namespace
