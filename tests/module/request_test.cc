@@ -126,20 +126,23 @@ TEST_F(RequestTest, OneRequest) {
     int code;  // of the answer, 0: success
     int line;  // of the log line, with `text`
     std::string text;
+    std::string task = "";  // what a forked task logs of the same throw
   } cases[] = {
       {"ann", "", nullptr, 0, 0, ""},
       {"carol", "", nullptr, 0, 0, ""},
       {"ann", "ParseParams", [] { throw Error(static_cast<kestondri::ErrorCode>(4001), "d"); },
-       4001, 52, "Got exception: d"},
+       4001, 52, "Got exception: d", "Failed to execute, 4001 d"},
       {"ann", "Execute",
        [] {
          errno = ENOENT;
          throw Error(kestondri::kErrExecute, "r");
        },
-       121, 52, "Got exception: r [err: No such file or directory]"},
+       121, 52, "Got exception: r [err: No such file or directory]",
+       "Failed to execute, 121 r [err: No such file or directory]"},
       {"ann", "FormOutput", [] { throw std::runtime_error("boom %s"); }, 117, 55,
-       "Got std exception: boom %s"},
-      {"ann", "ParseParams", [] { throw 42; }, 117, 58, "Got unknown exception"},
+       "Got std exception: boom %s", "Failed to execute, boom %s"},
+      {"ann", "ParseParams", [] { throw 42; }, 117, 58, "Got unknown exception",
+       "Failed to execute"},
       {"ghost", "", nullptr, 503, 52, "Got exception: "},
   };
   for (const auto& c : cases) {
@@ -179,6 +182,18 @@ TEST_F(RequestTest, OneRequest) {
     }
     EXPECT_EQ(c.code == 0, access(kPostActionsFile, F_OK) == 0) << what;
     BecomeRoot();
+    if (!c.thrower) continue;
+    // The same thrown in a forked task: logged by the child, with its pid.
+    SyslogCapture::Instance().Clear();
+    RequestGuard guard;
+    ForkTask task(1);
+    errno = 0;
+    EXPECT_TRUE(task.DoTask(c.thrower));
+    EXPECT_TRUE(AllExitedZero(guard.Finish(), 1)) << what;
+    EXPECT_EQ(std::vector<std::string>{LogLine(kTaskHeader, 33 + (c.line - 52) * 2 / 3, "DoTask",
+                                               c.task, task.pid())},
+              CapturedLines())
+        << what;
   }
 
   // The base class answers null; a cleared success flag answers nothing.
@@ -193,9 +208,8 @@ TEST_F(RequestTest, OneRequest) {
   EXPECT_EQ(0, access(kPostActionsFile, F_OK));
 }
 
-// A forked task runs in the child only, which logs what the task throws and
-// leaves with _exit: no exit handlers, no second flush of the parent's
-// buffered output.
+// A forked task runs in the child only, which leaves with _exit: no exit
+// handlers, no second flush of the parent's buffered output.
 TEST_F(RequestTest, TasksRunInTheChildAlone) {
   static const pid_t test_pid = getpid();
   atexit([] {
@@ -205,40 +219,16 @@ TEST_F(RequestTest, TasksRunInTheChildAlone) {
   FILE* out = fopen("/tmp/task_stdio", "w");
   ASSERT_NE(nullptr, out);
   fputs("once", out);
-  const struct {
-    std::function<void()> thrower;
-    int line;
-    std::string text;
-  } cases[] = {
-      {[] { WriteFile("/tmp/task_ran", std::to_string(getpid())); }, 0, ""},
-      {[] { throw Error(static_cast<kestondri::ErrorCode>(4001), "d"); }, 33,
-       "Failed to execute, 4001 d"},
-      {[] {
-         errno = ENOENT;
-         throw Error(kestondri::kErrExecute, "r");
-       },
-       33, "Failed to execute, 121 r [err: No such file or directory]"},
-      {[] { throw std::runtime_error("boom %s"); }, 35, "Failed to execute, boom %s"},
-      {[] { throw 42; }, 37, "Failed to execute"},
-  };
-  for (const auto& c : cases) {
-    SyslogCapture::Instance().Clear();
-    RequestGuard guard;
-    errno = 0;
-    ForkTask task(1);
-    EXPECT_TRUE(task.DoTask(c.thrower));
-    EXPECT_TRUE(AllExitedZero(guard.Finish(), 1)) << c.text;
-    EXPECT_NE(getpid(), task.pid());
-    const std::vector<std::string> logged = {
-        LogLine(kTaskHeader, c.line, "DoTask", c.text, task.pid())};
-    EXPECT_EQ(c.text.empty() ? std::vector<std::string>{} : logged, CapturedLines());
-    if (c.text.empty()) {
-      EXPECT_EQ(std::to_string(task.pid()), ReadFile("/tmp/task_ran"));
-    }
-  }
+  RequestGuard guard;
+  ForkTask task(1);
+  EXPECT_TRUE(task.DoTask([] { WriteFile("/tmp/task_ran", std::to_string(getpid())); }));
+  EXPECT_TRUE(AllExitedZero(guard.Finish(), 1));
+  EXPECT_EQ(std::to_string(task.pid()), ReadFile("/tmp/task_ran"));
+  EXPECT_NE(getpid(), task.pid());
   fclose(out);
   EXPECT_EQ("once", ReadFile("/tmp/task_stdio"));
-  EXPECT_NE(0, access(kExitHandlerFile, F_OK)) << "a child ran exit handlers";
+  EXPECT_NE(0, access(kExitHandlerFile, F_OK)) << "the child ran exit handlers";
+  EXPECT_TRUE(CapturedLines().empty());
 }
 
 // The Folder and Status methods through the module's handlers, on the real
