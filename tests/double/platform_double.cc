@@ -103,22 +103,14 @@ KEST_DOUBLE(int, KESTUserGetByUID, (uid_t uid, PKESTUSER* user), (uid, user), No
 KEST_DOUBLE(PKLIBCSZLIST, KLIBGroupInfoListGet, (const char* name, BOOL with_primary),
             (name, with_primary), nullptr)
 KEST_DOUBLE(pid_t, KLIBCProcForkEx, (int flags), (flags), NoProcess())
-KEST_DOUBLE(int, KESTShareGet, (const char* name, PKESTSHARE* share), (name, share),
-            NoRecord(share))
 KEST_DOUBLE(int, KLIBShareEnum, (PKLIBCSZLIST * list, const KLIBSHAREENUM* desc), (list, desc), -1)
 KEST_DOUBLE_FLAG(KLIBShareHideUnreadableGet)
 KEST_DOUBLE_FLAG(KLIBShareIsEncryptedGet)
-KEST_DOUBLE(int, KESTShareUserPrivCalc, (const char* user, const KESTSHARE* share), (user, share),
-            KEST_SHARE_PRIV_NA)
 KEST_DOUBLE(int, KESTQuotaIsEnough, (uid_t uid, const char* path, uint64_t needed),
             (uid, path, needed), 0)
 KEST_DOUBLE_PATH(FILEIDXQueuePathCompose)
 KEST_DOUBLE_PATH(FILEIDXDBPathCompose)
-KEST_DOUBLE_PATH(FILEIDXGetIndexID)
 KEST_DOUBLE_PATH(KESTServiceHomePathGet)
-KEST_DOUBLE(int, KESTACLPermCalc,
-            (const char* user, PKLIBCSZLIST groups, const char* path, int* perm),
-            (user, groups, path, perm), -1)
 #undef KEST_DOUBLE_FLAG
 #undef KEST_DOUBLE_PATH
 #undef KEST_DOUBLE
