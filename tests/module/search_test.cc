@@ -435,38 +435,22 @@ TEST_F(DaemonMethodsTest, TrackingFileDecidesWhoRuns) {
   EXPECT_TRUE(SyslogCapture::Instance().WaitFor(R"(Failed [string::npos != query_id_.find("/")])"));
 }
 
-// A running search claims its query id; a newer request of the id stops it
-// and runs. A failed search leaves its claim, naming the worker that goes on
-// serving: the next request of the id must not stop the process it runs in.
-TEST_F(DaemonMethodsTest, TheNewestRequestOfAQueryRuns) {
+// A search claims its query id with its process's pid and start; a failed
+// one leaves its claim, naming the worker that goes on serving: the next
+// request of the query id must not stop the process it runs in.
+// (A newer request stopping an older one: TrackingFileDecidesWhoRuns.)
+TEST_F(DaemonMethodsTest, FailedSearchLeavesItsClaimWhichDoesNotStopItsOwnProcess) {
   FakeDaemon daemon;
-  // The older request waits for a reply that never comes.
-  daemon.On("search", DaemonReply().HoldUntilClientGoes());
-  ScriptSearch(daemon,
-               R"({"total": 1}|{"KESTMDPath": "/volume1/docs/open.txt"}|{"success": true})");
-  const RemoteSearch older = StartSearch(Params({"docs"}, "typeahead", 5));
-  ASSERT_TRUE(daemon.WaitForRequests(1));
-  const auto claim = ParseJson(ReadFile(TrackingFile("typeahead")));
-  EXPECT_EQ(older.pid, claim["pid"].asInt());
-  EXPECT_EQ(5, claim["query_serial"].asInt());
-
-  const RemoteSearch newer = StartSearch(Params({"docs"}, "typeahead", 6));
-  const auto answer = ParseJson(ReadAll(newer.fd));
-  EXPECT_EQ(0, EndedBy(newer.pid, false));
-  EXPECT_EQ(1, answer["data"]["total"].asInt()) << Json::toString(answer);
-  // Were the older one still running, this would end it with another signal.
-  EXPECT_EQ(SIGKILL, EndedBy(older.pid));
-  EXPECT_EQ("", ReadAll(older.fd));  // the older request never answered
-  EXPECT_EQ(-1, access(TrackingFile("typeahead").c_str(), F_OK));
-  EXPECT_TRUE(daemon.WaitIdle());
-
   daemon.On("search", DaemonReply::Failure(4242, "broken"));
-  ASSERT_EQ(4242, RunAPI<SearchAPI>(kAnn, Params({"docs"}, "typeahead", 9)).GetErrorCode());
-  EXPECT_EQ(static_cast<int>(getpid()),
-            ParseJson(ReadFile(TrackingFile("typeahead")))["pid"].asInt());
+  ASSERT_EQ(4242, RunAPI<SearchAPI>(kAnn, Params({"docs"}, "q2", 9)).GetErrorCode());
+  kestondri::ProcessMark self{};
+  ASSERT_TRUE(kestondri::ReadProcessMark(getpid(), &self));
+  EXPECT_EQ(ParseJson("{\"pid\": " + std::to_string(getpid()) + ", \"query_serial\": 9, " +
+                      "\"start_time\": " + std::to_string(self.start_time) + "}"),
+            ParseJson(ReadFile(TrackingFile("q2"))));
   ScriptSearch(daemon);
-  EXPECT_TRUE(RunAPI<SearchAPI>(kAnn, Params({"docs"}, "typeahead", 10)).IsSuccess());
-  EXPECT_EQ(-1, access(TrackingFile("typeahead").c_str(), F_OK));
+  EXPECT_TRUE(RunAPI<SearchAPI>(kAnn, Params({"docs"}, "q2", 10)).IsSuccess());
+  EXPECT_EQ(-1, access(TrackingFile("q2").c_str(), F_OK));
 }
 
 std::vector<std::string> History(uid_t uid) {
