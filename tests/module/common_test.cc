@@ -144,68 +144,60 @@ TEST(JsonHelpersTest, Reads) {
 }
 
 // Helpers of the module's fixed interface that the product itself does not
-// call: one case per rule.
+// call: one case per rule, in order (later ones see what earlier ones did).
 TEST_F(CommonTest, HelpersOfTheFixedInterface) {
   // null removes, objects merge, anything else replaces; no object changes nothing.
   Json::Value target = ParseJson(R"({"a":1,"b":{"d":2,"e":3},"c":[1,2],"s":"s","o":{"p":1}})");
   JsonApplyChanges(target, ParseJson(R"({"a":null,"b":{"c":1,"e":null},"c":[9],"s":{"n":true},
                                           "o":5,"m":null,"x":{"y":{"z":1}}})"));
   JsonApplyChanges(target, ParseJson(R"([{"a":2}])"));
-  EXPECT_EQ(R"({"b":{"c":1,"d":2},"c":[9],"o":5,"s":{"n":true},"x":{"y":{"z":1}}})",
-            Json::toString(target));
-  EXPECT_EQ(Json::Value(Json::arrayValue), Vec2JsonArr<std::string>({}));
-  const std::vector<std::string> strings = {"b", "", std::string("n\0l", 3)};
-  EXPECT_EQ(strings, JsonArr2Vec<std::string>(Vec2JsonArr(strings)));
-  EXPECT_EQ((std::vector<std::string>{"x", "1", "true", "", "2.5"}),
-            JsonArr2Vec<std::string>(ParseJson(R"(["x",[1],1,true,null,2.5,{"a":1}])")));
-  EXPECT_TRUE(JsonArr2Vec<std::string>(ParseJson(R"({"a":"b"})")).empty());
-
-  EXPECT_EQ("c file  archive.tar.GZ", Basename("/a.b/c") + " " + Basename("file") + " " +
-                                          Basename("/a/b/") + " " + Basename("/x/archive.tar.GZ"));
-  EXPECT_EQ("|GZ|gz|", GetFileExtension("/a.b/c", false) + "|" +
-                           GetFileExtension("/x/archive.tar.GZ", false) + "|" +
-                           GetFileExtension("/x/archive.tar.GZ", true) + "|");
-  EXPECT_EQ("[a ][  a][abc\xc3\x89]",  // bytes above 127 stay
-            "[" + LTrim("  a ") + "][" + RTrim("  a \n") + "][" + ToLower("AbC\xc3\x89") + "]");
-
-  // The kind reaches the system: a recursive mutex locks twice.
-  Mutex recursive(PTHREAD_MUTEX_RECURSIVE);
-  EXPECT_TRUE(recursive.Lock() && recursive.Lock() && recursive.Unlock() && recursive.Unlock());
-
   WriteFile("/volume1/util/f", "data");
   WriteFile("/volume1/util/d/e/g", "");
   symlink("/volume1/util/f", "/volume1/util/lf");
   symlink("/volume1/util/d", "/volume1/util/ld");
   symlink("ld", "/volume1/util/rel");  // relative: resolved from the cwd
-  // In order: what exists, and copying, moving, removing and handing over.
-  std::string answers;
-  for (const bool answer :
-       {IsFileExist("/volume1/util/f"), IsFileExist("/volume1/util/lf"),
-        IsFileExist("/volume1/util/d"), IsDirExist("/volume1/util/d", false),
-        IsDirExist("/volume1/util/ld", false), IsDirExist("/volume1/util/ld", true),
-        IsDirExist("/volume1/util/lf", true), IsDirExist("/volume1/util/rel", true),
-        IsDirExist("/volume1/util/none", true), CPFile("/volume1/util/f", "/volume1/util/b"),
-        MVFile("/volume1/util/b", "/volume2/b"), IsFileExist("/volume1/util/b"),
-        CPFile("/volume1/util/none", "/volume1/util/c"), Unlink("/volume2/b"),
-        Unlink("/volume2/b") /* missing counts as removed */, Unlink("/volume1/util/d"),
-        ChownKestOndri("/volume1/util/f"), ChownKestOndri("/volume1/util/none")}) {
-    answers += answer ? '+' : '-';
-  }
-  EXPECT_EQ("+--+-+---++--++-+-", answers);
+  const auto yes = [](bool answer) { return std::string(answer ? "+" : "-"); };
+  struct dirent64 entry {};
+  entry.d_type = DT_UNKNOWN;  // never a folder, even for one
+  std::string walked;
+  Mutex recursive(PTHREAD_MUTEX_RECURSIVE);  // the kind reaches the system
+  const std::pair<std::string, std::string> cases[] = {
+      {Json::toString(target),
+       R"({"b":{"c":1,"d":2},"c":[9],"o":5,"s":{"n":true},"x":{"y":{"z":1}}})"},
+      {Json::toString(Vec2JsonArr<std::string>({"b", "", std::string("n\0l", 3)})),
+       R"(["b","","n\u0000l"])"},
+      {Json::toString(Vec2JsonArr(
+           JsonArr2Vec<std::string>(ParseJson(R"(["x",[1],1,true,null,2.5,{"a":1}])")))),
+       R"(["x","1","true","","2.5"])"},
+      {yes(JsonArr2Vec<std::string>(ParseJson(R"({"a":"b"})")).empty()), "+"},
+      {Basename("/a.b/c") + " " + Basename("file") + " " + Basename("/a/b/"), "c file "},
+      {GetFileExtension("/a.b/c", false) + "|" + GetFileExtension("/x/archive.tar.GZ", false) +
+           "|" + GetFileExtension("/x/archive.tar.GZ", true),
+       "|GZ|gz"},
+      {LTrim("  a ") + "|" + RTrim("  a \n") + "|" + ToLower("AbC\xc3\x89"), "a |  a|abc\xc3\x89"},
+      {yes(recursive.Lock() && recursive.Lock() && recursive.Unlock() && recursive.Unlock()), "+"},
+      {yes(IsFileExist("/volume1/util/f")) + yes(IsFileExist("/volume1/util/lf")) +
+           yes(IsFileExist("/volume1/util/d")) + yes(IsDirExist("/volume1/util/d", false)) +
+           yes(IsDirExist("/volume1/util/ld", false)) + yes(IsDirExist("/volume1/util/ld", true)) +
+           yes(IsDirExist("/volume1/util/lf", true)) + yes(IsDirExist("/volume1/util/rel", true)) +
+           yes(IsDirentDir(&entry, "/volume1")),
+       "+--+-+---"},
+      {(ProcessDir("/volume1/util/d", [&](const std::string& p) { walked += p + " "; }), walked),
+       "/volume1/util/d/e /volume1/util/d/e/g "},  // a folder before what it holds
+      {yes(CPFile("/volume1/util/f", "/volume1/util/b")), "+"},
+      {yes(MVFile("/volume1/util/b", "/volume2/b")), "+"},
+      {kesttest::ReadFile("/volume2/b") + yes(IsFileExist("/volume1/util/b")), "data-"},
+      {yes(CPFile("/volume1/util/none", "/volume1/util/c")), "-"},
+      {yes(Unlink("/volume2/b")), "+"},
+      {yes(Unlink("/volume2/b")), "+"},  // missing counts as removed
+      {yes(Unlink("/volume1/util/d")), "-"},
+      {yes(ChownKestOndri("/volume1/util/f")) + yes(ChownKestOndri("/volume1/util/none")), "+-"},
+  };
+  for (const auto& c : cases) EXPECT_EQ(c.second, c.first) << &c - cases;
   struct stat st;
   ASSERT_EQ(0, stat("/volume1/util/f", &st));
   EXPECT_EQ(kesttest::kServiceUid, st.st_uid);
   EXPECT_EQ(kesttest::kServiceUid, st.st_gid);
-  // An entry of unknown type is never a folder, even for one.
-  struct dirent64 entry {};
-  for (const auto type : {DT_DIR, DT_REG, DT_UNKNOWN}) {
-    entry.d_type = type;
-    EXPECT_EQ(type == DT_DIR, IsDirentDir(&entry, "/volume1"));
-  }
-  // A folder is walked before what it holds.
-  std::string walked;
-  ProcessDir("/volume1/util/d", [&walked](const std::string& path) { walked += path + " "; });
-  EXPECT_EQ("/volume1/util/d/e /volume1/util/d/e/g ", walked);
 }
 
 // Of the helpers the product calls, the rules its callers' tests do not
