@@ -48,7 +48,6 @@ TEST_F(CommonTest, ErrorsAndLogLines) {
   const LogSite site{"share.cc", 34, "SDKShare"};
   const std::string long_reason(3000, 'r');
   Mutex checked(PTHREAD_MUTEX_ERRORCHECK);
-  WriteFile("/volume1/walk/z", "");
   const struct {
     std::function<void()> write;
     int errno_before;
@@ -72,19 +71,6 @@ TEST_F(CommonTest, ErrorsAndLogLines) {
          checked.Unlock();
        },
        0, LogLine("lock_mutex.cc", 15, "~LockMutex", "Failed [!mutex_.Unlock()]")},
-      {[] { Mutex odd(99); }, 0,
-       LogLine("mutex.cc", 11, "Mutex", "Failed [0 != pthread_mutexattr_settype(&attr_, type)]")},
-      // A walk goes on past what its callback throws.
-      {[] {
-         ProcessDir("/volume1/walk", [](const std::string&) { throw std::runtime_error("b"); });
-       },
-       0, LogLine("util.cc", 187, "ProcessDir", "ProcessDir failed on /volume1/walk/z, reason=b")},
-      {[] { ProcessDir("/volume1/walk", [](const std::string&) { throw 42; }); }, 0,
-       LogLine("util.cc", 189, "ProcessDir", "ProcessDir failed on /volume1/walk/z")},
-      {[] { EXPECT_THROW(ProcessDir("/volume1/none", [](const std::string&) {}), Error); }, 0,
-       LogLine("util.cc", 177, "ProcessDir",
-               "Failed [nullptr == (dir = opendir(full_path.c_str()))], reason: Failed to open "
-               "dir: /volume1/none [err: No such file or directory]")},
   };
   for (const auto& c : cases) {
     SyslogCapture::Instance().Clear();
