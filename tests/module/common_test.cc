@@ -5,10 +5,8 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include <algorithm>
 #include <cerrno>
 #include <functional>
-#include <stdexcept>
 #include <string>
 #include <vector>
 
@@ -17,11 +15,9 @@
 #include "common/lock_mutex.h"
 #include "common/log.h"
 #include "common/mutex.h"
-#include "common/sdk/credentials.h"
 #include "common/util.h"
 #include "kest/json.h"
 #include "module/api_runner.h"
-#include "support/thrown.h"
 
 namespace kestondri {
 namespace {

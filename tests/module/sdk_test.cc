@@ -159,8 +159,7 @@ TEST_F(SDKTest, SearchHits) {
   for (const char* hit :
        {R"({"total": 6})",
         R"({"KESTMDPath": "/volume1/docs/open.txt", "KESTMDOwnerUserID": "2002"})",
-        R"({"KESTMDPath": "/volume1/docs/closed.txt", "KESTMDOwnerUserID": "2002",
-               "additional": {"kept": 1}})",
+        R"({"KESTMDPath": "/volume1/docs/closed.txt", "KESTMDOwnerUserID": "2002"})",
         R"({"KESTMDPath": "/volume1/homes/ann", "KESTMDOwnerUserID": "2001"})",
         R"({"KESTMDPath": "/volume1/docs/open.txt", "KESTMDOwnerUserID": "not a uid"})",
         R"({"KESTMDPath": "/volume1/docs/open.txt", "KESTMDOwnerUserID": "77777"})",
@@ -210,7 +209,6 @@ TEST_F(SDKTest, SearchHits) {
     EXPECT_EQ(expect[i].owner, hits[i].get("KESTMDOwnerUserName", Json::Value())) << i;
     EXPECT_EQ(expect[i].mount_point, hits[i]["additional"]["is_mount_point"].asBool()) << i;
   }
-  EXPECT_EQ(1, hits[1]["additional"]["kept"].asInt());
   // A path that is not UTF-8 also travels as a reference to its bytes.
   EXPECT_EQ("hex:2f766f6c756d65312f646f63732fff", hits[9]["additional"]["path_ref"].asString());
   EXPECT_FALSE(hits[0]["additional"].isMember("path_ref"));
@@ -245,13 +243,7 @@ TEST_F(SDKTest, AnswersFromTheConfiguration) {
     flags += ' ';
   }
   EXPECT_EQ("++-+ ---- --+- ", flags);
-  SDKShare docs("docs");
-  EXPECT_EQ(KEST_SHARE_PRIV_RW, docs.GetPrivilege("ann"));
-  EXPECT_EQ(KEST_SHARE_PRIV_NA, docs.GetPrivilege("bob"));
   SDKShare photo("photo");
-  EXPECT_EQ(0x5u, photo.GetFTPPrivilege());
-  EXPECT_EQ("/volume1/@kestondri/index/photo fileindex_photo",
-            photo.GetDBPath() + " " + photo.GetDBName());
   // Only two quota codes mean "not enough".
   for (const int code : {0x2900, 0x2400, 0x0300}) {
     PlatformDouble::FailNext("KESTQuotaIsEnough", code);

@@ -7,7 +7,6 @@
 #include <unistd.h>
 
 #include <cstring>
-#include <functional>
 #include <string>
 #include <vector>
 
@@ -360,7 +359,6 @@ TEST_F(DaemonMethodsTest, TrackingFileDecidesWhoRuns) {
       {"a reused pid", R"({"pid": %PID%, "query_serial": 6, "start_time": 1})", 5, 0, false, true},
       {"a record without start time", R"({"pid": %PID%, "query_serial": 6})", 7, 0, false, true},
       // What a user with a shell writes into a record of their own.
-      {"a root process", kRecord, 7, 0, false, true, "root", 0, kAnns, "acts for another identity"},
       {"another user's search", kRecord, 5, 0, false, true, "bob", 0, kAnns,
        "acts for another identity"},
       // What another user plants: neither trusted nor replaced.
