@@ -1,7 +1,6 @@
-// What the module's tests share: the sandbox's users as login users, one web
-// API request run through the module's handler template as the server runs
-// it, the module's exact log lines, the shares the search methods are tried
-// on, and the fixture every module test starts from.
+// What the module's tests share: login users, one request run through the
+// handler template as the server runs it, exact log lines, the search
+// shares, the fixture every module test starts from.
 #ifndef KEST_TESTS_MODULE_API_RUNNER_H_
 #define KEST_TESTS_MODULE_API_RUNNER_H_
 
@@ -53,11 +52,9 @@ inline std::vector<std::string> CapturedLines() {
   return out;
 }
 
-// Runs the request under a RequestGuard (descriptors, children, identity and
-// the platform lock checked afterwards; the wait statuses of the children it
-// forked go to `children` when given). The request leaves the process acting
-// as its login user, root for an administrator: that is the module's way.
-// The process is root again when this returns.
+// Runs the request under a RequestGuard; the wait statuses of the children
+// it forked go to `children`. It leaves the process acting as its login user
+// (root for an administrator), as the module does; root again on return.
 template <typename Class>
 KEST::APIResponse RunAPI(const Login& login, const Json::Value& params,
                          std::vector<int>* children = nullptr) {
@@ -80,8 +77,7 @@ KEST::APIResponse RunAPI(const Login& login, const Json::Value& params,
   return response;
 }
 
-// The same without the guard, for a request whose process is killed or that
-// runs beside children the test owns.
+// The same without the guard, for a process that is killed or owns children.
 template <typename Class>
 KEST::APIResponse RunAPIUnguarded(const Login& login, const Json::Value& params) {
   KEST::APIRequest request(params, login.uid, login.name, "session-" + std::string(login.name),
@@ -111,8 +107,8 @@ inline void MakeSearchShares() {
   WriteFile("/volume1/private/p.txt", "x", 0644);
 }
 
-// Every module test starts as root with an empty log and errno 0 (log lines
-// report it), and ends as root with the children it left reaped.
+// Starts as root with an empty log and errno 0 (log lines report it); ends
+// as root with the children left reaped.
 class ModuleTest : public ::testing::Test {
  protected:
   void SetUp() override {

@@ -77,36 +77,7 @@ class PhaseAPI : public OndriAPI {
   }
 };
 
-class RequestTest : public ModuleTest {
- protected:
-  // Runs `Class` for `user` under a RequestGuard, with SIGUSR1 ignored and
-  // SIGUSR2 blocked; returns the wait statuses of the children it forked.
-  template <typename Class = PhaseAPI>
-  std::vector<int> Run(const std::string& user, KEST::APIResponse* response) {
-    g_events.clear();
-    unlink(kPostActionsFile);
-    const uid_t uid = user == "ghost" ? 54321 : UserByName(user).uid;
-    KEST::APIRequest request(Json::Value(Json::objectValue), uid, user, "sess-" + user,
-                             user == "carol");
-    sigset_t usr2, old_mask;
-    sigemptyset(&usr2);
-    sigaddset(&usr2, SIGUSR2);
-    sigprocmask(SIG_BLOCK, &usr2, &old_mask);
-    signal(SIGUSR1, SIG_IGN);
-    RequestGuard guard;
-    if (user == "carol") {
-      guard.ExpectIdentityAfter(0, 0);
-    } else if (user != "ghost") {
-      guard.ExpectIdentityAfter(user);
-    }
-    errno = 0;  // log lines report it
-    kestondri::webapi::OndriAPIRun<Class>(&request, response);
-    const std::vector<int> children = guard.Finish();
-    sigprocmask(SIG_SETMASK, &old_mask, nullptr);
-    signal(SIGUSR1, SIG_DFL);
-    return children;
-  }
-};
+class RequestTest : public ModuleTest {};
 
 // One request through the handler template, as the server runs it. The
 // object acts as the login user (root for an administrator) from its
@@ -118,7 +89,7 @@ class RequestTest : public ModuleTest {
 // 503 before any phase.
 TEST_F(RequestTest, OneRequest) {
   const struct {
-    const char* user;
+    Login login;
     const char* throw_in;  // the phase that throws
     std::function<void()> thrower;
     int code;  // of the answer, 0: success
@@ -126,30 +97,40 @@ TEST_F(RequestTest, OneRequest) {
     std::string text;
     std::string task = "";  // what a forked task logs of the same throw
   } cases[] = {
-      {"ann", "", nullptr, 0, 0, ""},
-      {"carol", "", nullptr, 0, 0, ""},
-      {"ann", "ParseParams", [] { throw Error(static_cast<kestondri::ErrorCode>(4001), "d"); },
-       4001, 52, "Got exception: d", "Failed to execute, 4001 d"},
-      {"ann", "Execute",
+      {kAnn, "", nullptr, 0, 0, ""},
+      {kCarol, "", nullptr, 0, 0, ""},
+      {kAnn, "ParseParams", [] { throw Error(static_cast<kestondri::ErrorCode>(4001), "d"); }, 4001,
+       52, "Got exception: d", "Failed to execute, 4001 d"},
+      {kAnn, "Execute",
        [] {
          errno = ENOENT;
          throw Error(kestondri::kErrExecute, "r");
        },
        121, 52, "Got exception: r [err: No such file or directory]",
        "Failed to execute, 121 r [err: No such file or directory]"},
-      {"ann", "FormOutput", [] { throw std::runtime_error("boom %s"); }, 117, 55,
+      {kAnn, "FormOutput", [] { throw std::runtime_error("boom %s"); }, 117, 55,
        "Got std exception: boom %s", "Failed to execute, boom %s"},
-      {"ann", "ParseParams", [] { throw 42; }, 117, 58, "Got unknown exception",
+      {kAnn, "ParseParams", [] { throw 42; }, 117, 58, "Got unknown exception",
        "Failed to execute"},
-      {"ghost", "", nullptr, 503, 52, "Got exception: "},
+      {{"ghost", 54321, false}, "", nullptr, 503, 52, "Got exception: "},
   };
+  signal(SIGUSR1, SIG_IGN);
+  sigset_t usr2;
+  sigemptyset(&usr2);
+  sigaddset(&usr2, SIGUSR2);
+  sigprocmask(SIG_BLOCK, &usr2, nullptr);
   for (const auto& c : cases) {
-    const std::string user = c.user;
+    const std::string user = c.login.name;
     const std::string what = user + " " + c.throw_in;
-    SetUp();
     g_script = {c.throw_in, c.thrower};
-    KEST::APIResponse response;
-    EXPECT_TRUE(AllExitedZero(Run(user, &response), c.code ? 0 : 1)) << what;
+    g_events.clear();
+    unlink(kPostActionsFile);
+    SetUp();
+    std::vector<int> children;
+    const KEST::APIResponse response = user == "ghost"
+                                           ? RunAPIUnguarded<PhaseAPI>(c.login, Json::Value())
+                                           : RunAPI<PhaseAPI>(c.login, Json::Value(), &children);
+    EXPECT_TRUE(AllExitedZero(children, c.code ? 0 : 1)) << what;
     EXPECT_EQ(0, errno) << what;
     EXPECT_EQ(c.code ? R"({"error":{"code":)" + std::to_string(c.code) + R"(},"success":false})"
                      : R"({"data":{"hits":[1],"total":1},"success":true})",
@@ -164,11 +145,10 @@ TEST_F(RequestTest, OneRequest) {
       log.push_back(LogLine(kOndriApiHeader, c.line, "OndriAPIRun", c.text, getpid(),
                             user == "ghost" ? 0 : kAnnUid));
     EXPECT_EQ(log, CapturedLines()) << what;
-    const uid_t uid = user == "ghost" ? 0 : UserByName(user).uid;
-    const uid_t acts_as = user == "carol" ? 0 : uid;
-    std::vector<std::string> events = {"construct as " + std::to_string(acts_as), "ParseParams",
-                                       "uid " + std::to_string(uid) + " session sess-" + user,
-                                       "Execute", "FormOutput"};
+    const uid_t acts_as = c.login.admin ? 0 : c.login.uid;
+    std::vector<std::string> events = {
+        "construct as " + std::to_string(acts_as), "ParseParams",
+        "uid " + std::to_string(c.login.uid) + " session session-" + user, "Execute", "FormOutput"};
     const auto thrown = std::find(events.begin(), events.end(), c.throw_in);
     if (thrown != events.end()) events.erase(thrown + 1, events.end());
     events.push_back("destroy");
@@ -194,15 +174,19 @@ TEST_F(RequestTest, OneRequest) {
         << what;
   }
 
+  sigprocmask(SIG_UNBLOCK, &usr2, nullptr);
+  signal(SIGUSR1, SIG_DFL);
+
   // The base class answers null; a cleared success flag answers nothing.
   // Both fork the after-answer child.
-  KEST::APIResponse base;
-  EXPECT_TRUE(AllExitedZero(Run<OndriAPI>("bob", &base), 1));
-  EXPECT_EQ(R"({"data":null,"success":true})", Json::toString(base.ToJson()));
+  std::vector<int> children;
+  EXPECT_EQ(R"({"data":null,"success":true})",
+            Json::toString(RunAPI<OndriAPI>(kBob, Json::Value(), &children).ToJson()));
+  EXPECT_TRUE(AllExitedZero(children, 1));
   g_script.clear_success = true;
-  KEST::APIResponse cleared;
-  EXPECT_TRUE(AllExitedZero(Run("bob", &cleared), 1));
-  EXPECT_EQ(KEST::APIResponse::State::kUnset, cleared.GetState());
+  EXPECT_EQ(KEST::APIResponse::State::kUnset,
+            RunAPI<PhaseAPI>(kBob, Json::Value(), &children).GetState());
+  EXPECT_TRUE(AllExitedZero(children, 1));
   EXPECT_EQ(0, access(kPostActionsFile, F_OK));
 }
 
