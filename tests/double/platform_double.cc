@@ -71,23 +71,8 @@ void PlatformDouble::Reset() {
 
 }  // namespace kesttest
 
-namespace {
-
-// How lookups and the fork fail.
-template <typename T>
-int NoRecord(T** record) {
-  if (record) *record = nullptr;
-  return -1;
-}
-pid_t NoProcess() {
-  errno = EAGAIN;
-  return -1;
-}
-
-}  // namespace
-
-// One wrapper: armed, it answers `failure`, as the real function answers a
-// failure; otherwise the call goes to the real function.
+// One wrapper: armed, it answers `failure` as the real function fails (no
+// record, no process); otherwise the call goes to the real function.
 #define KEST_DOUBLE(ret, fn, params, args, failure)        \
   extern "C" ret fn params {                               \
     if (kesttest::Enter(#fn)) return failure;              \
@@ -98,11 +83,12 @@ pid_t NoProcess() {
   KEST_DOUBLE(int, fn, (const char* in, char* out, size_t size), (in, out, size), -1)
 #define KEST_DOUBLE_FLAG(fn) \
   KEST_DOUBLE(int, fn, (const KESTSHARE* share, int* value), (share, value), -1)
-KEST_DOUBLE(int, KESTUserGet, (const char* name, PKESTUSER* user), (name, user), NoRecord(user))
-KEST_DOUBLE(int, KESTUserGetByUID, (uid_t uid, PKESTUSER* user), (uid, user), NoRecord(user))
+KEST_DOUBLE(int, KESTUserGet, (const char* name, PKESTUSER* user), (name, user),
+            (*user = nullptr, -1))
+KEST_DOUBLE(int, KESTUserGetByUID, (uid_t uid, PKESTUSER* user), (uid, user), (*user = nullptr, -1))
 KEST_DOUBLE(PKLIBCSZLIST, KLIBGroupInfoListGet, (const char* name, BOOL with_primary),
             (name, with_primary), nullptr)
-KEST_DOUBLE(pid_t, KLIBCProcForkEx, (int flags), (flags), NoProcess())
+KEST_DOUBLE(pid_t, KLIBCProcForkEx, (int flags), (flags), (errno = EAGAIN, -1))
 KEST_DOUBLE(int, KLIBShareEnum, (PKLIBCSZLIST * list, const KLIBSHAREENUM* desc), (list, desc), -1)
 KEST_DOUBLE_FLAG(KLIBShareHideUnreadableGet)
 KEST_DOUBLE_FLAG(KLIBShareIsEncryptedGet)
@@ -110,7 +96,6 @@ KEST_DOUBLE(int, KESTQuotaIsEnough, (uid_t uid, const char* path, uint64_t neede
             (uid, path, needed), 0)
 KEST_DOUBLE_PATH(FILEIDXQueuePathCompose)
 KEST_DOUBLE_PATH(FILEIDXDBPathCompose)
-KEST_DOUBLE_PATH(KESTServiceHomePathGet)
 #undef KEST_DOUBLE_FLAG
 #undef KEST_DOUBLE_PATH
 #undef KEST_DOUBLE
