@@ -60,7 +60,7 @@ class PhaseAPI : public OndriAPI {
   void Execute() override {
     Phase("Execute");
     output_["hits"].append(1);
-    if (g_script.clear_success) set_success_ = false;
+    set_success_ = !g_script.clear_success;
   }
   void FormOutput() override {
     Phase("FormOutput");
@@ -79,14 +79,11 @@ class PhaseAPI : public OndriAPI {
 
 class RequestTest : public ModuleTest {};
 
-// One request through the handler template, as the server runs it. The
-// object acts as the login user (root for an administrator) from its
-// construction; the phases run in order, then the answer, then one forked
-// child runs PostActions as the user, with default signal handling and
-// nothing blocked. What a phase throws is answered with its code alone (the
-// later phases, the answer and the fork skipped) and logged once the object
-// is gone, hence as the login user. A login user that cannot be acted as is
-// 503 before any phase.
+// The object acts as the login user (root for an administrator) from its
+// construction; phases, answer, then one forked child runs PostActions as
+// the user with default signal handling. What a phase throws is answered
+// with its code alone (the rest skipped) and logged once the object is gone,
+// hence as the login user. A login user that cannot be acted as is 503.
 TEST_F(RequestTest, OneRequest) {
   const struct {
     Login login;
@@ -213,12 +210,10 @@ TEST_F(RequestTest, TasksRunInTheChildAlone) {
   EXPECT_TRUE(CapturedLines().empty());
 }
 
-// The status words through the handlers, on the real indexing library,
-// shares and queue files (the Folder methods are the end-to-end tests'):
-// "processing" while a queue (or its twin) waits in a share that can be
-// indexed, "paused" instead while paused (0: until resumed); a share that
-// vanished is logged and skipped. The term word follows the updater's pid
-// file.
+// The status words on the real indexing library and queue files (the
+// Folder methods are the end-to-end tests'): "processing" while a queue (or
+// its twin) waits in a share that can be indexed, "paused" instead while
+// paused (0: until resumed); a vanished share is logged and skipped.
 TEST_F(RequestTest, StatusWords) {
   using kestondri::webapi::StatusPauseAPI;
   (void)!system("rm -rf /var/packages/KestOndri /volume1/* /volume1/@kestondri /volume2/*");

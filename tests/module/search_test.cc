@@ -97,16 +97,13 @@ class DaemonMethodsTest : public ModuleTest {
   }
 };
 
-// What reaches the daemon that the end-to-end test cannot see in results. A
-// request of a user who is not an administrator carries the permission
-// filter (first in each of indicate's sub-queries), an administrator's none.
-// A search loses the shares closed to the user or unknown; no share named:
-// every indexed share in name order, "homes" without a privilege check
-// (indicate always asks for these); none left: an empty answer unasked.
-// Indicate asks one sub-query per file type, duplicates too. A highlight of
-// a file the user may not read (an administrator too, in a share closed to
-// them) is 507 unasked; otherwise it names the user, since only the daemon
-// can tell whether the document is that file.
+// What reaches the daemon that the end-to-end test cannot see: a user's
+// permission filter (an administrator has none); the shares searched (none
+// named: every indexed one in name order, "homes" unchecked, as indicate
+// always asks; none left: an empty answer unasked); one indicate sub-query
+// per file type. A highlight of a file the user may not read (an
+// administrator too, in a share closed to them) is 507 unasked; otherwise
+// it names the user: only the daemon can tell the document is that file.
 TEST_F(DaemonMethodsTest, RequestsAsSent) {
   IndexShares({"private", "homes", "docs"});
   WriteFile("/volume1/homes/note.txt", "x", 0644);
@@ -194,12 +191,10 @@ TEST_F(DaemonMethodsTest, RequestsAsSent) {
   EXPECT_EQ(0, daemon.Connections());
 }
 
-// What each method makes of what the daemon sends, or of no daemon at all:
-// a search reads counts, hits and the closing status, then asks for the
-// status of the indices; what breaks either costs an error code, and the
-// failed check is logged. "success" of an indicate reply is not looked at.
-// Without a socket file the search step has nothing to ask but the status
-// step fails, and indicate answers zeros, once per file type.
+// What each method makes of what the daemon sends, or of no daemon: a
+// search reads counts, hits and the closing status, then the indices'
+// status; what breaks costs an error code and is logged. Indicate ignores
+// "success", and without a socket file answers zeros.
 TEST_F(DaemonMethodsTest, Replies) {
   const char* const kDead = "a socket nobody listens on";
   const std::string kUnreachable =
