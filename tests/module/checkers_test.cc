@@ -58,19 +58,6 @@ class TablesTest : public ::testing::Test {
 };
 void* TablesTest::module_ = nullptr;
 
-// Only the two tables are exported, of 14 rows each up to a zero row: Term
-// update is guarded for another module, Indicate served without a checker.
-TEST_F(TablesTest, OnlyTheTablesAreExported) {
-  EXPECT_EQ(nullptr, dlsym(module_, "_ZN9kestondri3sdk8SDKMutexEv"));
-  const KEST::APIHandlerRow* handlers =
-      reinterpret_cast<KEST::GetAPITableFunc>(dlsym(module_, KEST::kGetAPITableSymbol))();
-  size_t rows = 0;
-  for (const KEST::APICheckRow* row = CheckTable(); row->api; ++row) ++rows;
-  for (const KEST::APIHandlerRow* row = handlers; row->api; ++row) ++rows;
-  EXPECT_EQ(28u, rows);
-  EXPECT_EQ(API "Term", std::string(CheckTable()->api));
-}
-
 // Each check table row's parameters, one per text: "[!]<name> <a value it
 // takes>|<a value it refuses as type>|...", "!" when required; refused
 // lists hold a fault among their elements. A row without any parameter

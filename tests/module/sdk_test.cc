@@ -218,6 +218,10 @@ TEST_F(SDKTest, SearchHits) {
             hits[8].getMemberNames());
   EXPECT_EQ(6, response.GetData()["total"].asInt());
   EXPECT_EQ(3, PlatformDouble::Calls("KESTUserGetByUID")) << "bob, 77777 and root";
+  // A path in no share is logged.
+  EXPECT_TRUE(SyslogCapture::Instance().WaitFor(
+      LogLine("share_path.cc", 15, "GetSharePath", "KESTShareNamePathGet failed, vol_path=/volume1",
+              getpid(), kAnnUid)));
 
   PlatformDouble::FailNext("KESTUserGetByUID", KLIB_ERR_SYSTEM);  // bob's
   const auto blank = search();
@@ -306,24 +310,6 @@ TEST_F(SDKTest, FailuresThrowWithTheirTexts) {
   // Without the lists of the platform a hidden flag reads as unset.
   PlatformDouble::FailNext("KLIBShareHideUnreadableGet");
   EXPECT_FALSE(photo.IsHideUnReadable());
-}
-
-// (Share paths: SDKTest.SearchHits.) The home path is asked of the platform
-// only with the service; a path in no share is logged.
-TEST_F(SDKTest, HomePaths) {
-  User ann = MakeUser("ann", true);
-  User without_service = MakeUser("ann", false);
-  User unknown = MakeUser("nosuchuser", true);
-  EXPECT_EQ("", SharePathMgr::GetSharePath("/volume1/elsewhere/a", ann));
-  EXPECT_EQ(std::vector<std::string>{LogLine(
-                "share_path.cc", 15, "GetSharePath",
-                "KESTShareNamePathGet failed, vol_path=/volume1/elsewhere/a")},
-            CapturedLines());
-  // Without the service a home is a folder of "homes" like another.
-  EXPECT_EQ("/homes/ann/x", SharePathMgr::GetSharePath("/volume1/homes/ann/x", without_service));
-  EXPECT_EQ("", without_service.GetHomePath());
-  // Through GetSharePath the home lookup's failure is the only throw.
-  EXPECT_THROW(SharePathMgr::GetSharePath("/volume1/homes/x/y", unknown), Error);
 }
 
 // CheckList and CheckRead against a small model over random shares, modes,
