@@ -468,7 +468,6 @@ TEST_F(DaemonMethodsTest, SearchHistory) {
   } cases[] = {
       {kAnn, "  quarterly report \t", "docs", {"quarterly report"}},
       {kBob, "hidden", "docs", {}},  // switched off
-      {kAnn, nullptr, "docs", {"quarterly report"}},
       {kDave, "   ", "docs", {""}},  // blank passes the test before trimming
       {kDave, "lonely", "private", {"lonely", ""}},
       {kCarol, "one", "docs", {"one"}},
