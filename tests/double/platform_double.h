@@ -13,9 +13,7 @@ class PlatformDouble {
  public:
   // The next `times` calls of `function` fail with `error_code`.
   static void FailNext(const std::string& function, int error_code = 0, int times = 1);
-  // Calls of `function` since the last Reset().
-  static int Calls(const std::string& function);
-  // Clears counters and faults.
+  static int Calls(const std::string& function);  // since the last Reset()
   static void Reset();
 };
 
