@@ -17,7 +17,6 @@
 #include "common/error.h"
 #include "common/sdk/task.h"
 #include "kest/json.h"
-#include "kestondri/fileindex.h"
 #include "module/api_runner.h"
 #include "webapi/folder.h"
 #include "webapi/ondri_api.h"

@@ -26,8 +26,7 @@ using kestondri::webapi::HighlightAPI;
 using kestondri::webapi::IndicateAPI;
 using kestondri::webapi::SearchAPI;
 
-// Makes exactly the given shares indexed (each with its own folder), through
-// the real indexing library.
+// Makes exactly the given shares indexed, through the real indexing library.
 void IndexShares(const std::vector<std::string>& shares) {
   (void)!system("rm -f /var/packages/KestOndri/var/fileindex/folders.db*");
   Json::Value folders(Json::arrayValue);
@@ -183,13 +182,6 @@ TEST_F(DaemonMethodsTest, RequestsAsSent) {
       EXPECT_EQ(expected, asked["queries"][at++]["query"]["filters"]) << what;
     }
   }
-
-  // Without an index the user may see, indicate answers zeros unasked.
-  IndexShares({"private"});
-  FakeDaemon daemon;
-  EXPECT_EQ(ParseJson(R"({"video": 0})"),
-            RunAPI<IndicateAPI>(kDave, IndicateParams(R"(["video"])")).GetData());
-  EXPECT_EQ(0, daemon.Connections());
 }
 
 // What each method makes of what the daemon sends, or of no daemon: a
