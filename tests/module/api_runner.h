@@ -88,9 +88,8 @@ KEST::APIResponse RunAPIUnguarded(const Login& login, const Json::Value& params)
   return response;
 }
 
-// The shares the search methods are tried on: docs (open to staff) holding
-// open.txt and bob's closed.txt (0600), the homes with ann's and bob's
-// folders (dave refused), and private (bob's share) holding p.txt.
+// docs (open to staff) holding open.txt and bob's closed.txt (0600), the
+// homes of ann and bob (dave refused), private (bob's) holding p.txt.
 inline void MakeSearchShares() {
   WriteSharesConf(
       "[global]\nuser home = yes\n"

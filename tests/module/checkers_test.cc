@@ -1,8 +1,6 @@
-// The module's two tables as the server reads them, through dlopen of the
-// built module library: the checkers of the check table over a table of
-// parameter sets (the first fault is answered with 120 and {"name",
-// "reason"}; good sets pass untouched). The handlers' rows serve the
-// end-to-end tests.
+// The checkers of the module's check table, read through dlopen as the
+// server reads it, over parameter sets: the first fault is answered with 120
+// and {"name", "reason"}; good sets pass untouched.
 #include <dlfcn.h>
 #include <gtest/gtest.h>
 
@@ -58,10 +56,9 @@ class TablesTest : public ::testing::Test {
 };
 void* TablesTest::module_ = nullptr;
 
-// Each check table row's parameters, one per text: "[!]<name> <a value it
-// takes>|<a value it refuses as type>|...", "!" when required; refused
-// lists hold a fault among their elements. A row without any parameter
-// checks nothing, not even parameters of the wrong type that other rows know.
+// Each row's parameters: "[!]<name> <taken value>|<refused value>|...", "!"
+// when required. A row without parameters checks nothing, not even wrong
+// types that other rows know.
 const char kFolders[] =
     R"(folder [{"path":"/a","name":"a","paused":false,"video":true,"audio":false,"photo":true,)"
     R"("document":true,"additional":{"status":"normal"}}, {"additional":{}}]|{}|["/a"]|)"

@@ -1,6 +1,5 @@
-// The module's common parts on the real system: the error type, the
-// failure log (exact texts, the errno rule), JSON helpers, and file, path
-// and string utilities on real files.
+// The module's common parts on the real system: errors, the failure log,
+// JSON helpers, file, path and string utilities.
 #include <gtest/gtest.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -29,9 +28,8 @@ using kesttest::WriteFile;
 
 class CommonTest : public kesttest::ModuleTest {};
 
-// The error's texts, and the failure log's fixed lines: each is one
-// error-priority line, whatever its text holds; errno, when set, is reported
-// and then cleared.
+// The error's texts and the log's fixed lines: one error-priority line each,
+// whatever its text holds; errno, when set, is reported and then cleared.
 TEST_F(CommonTest, ErrorsAndLogLines) {
   const Error outdated(kErrOutdatedQuery, "Outdated query");
   EXPECT_EQ("KestOndri error, code=120|",  // what() is the reason alone
@@ -94,10 +92,9 @@ std::string Read(T& out, const Json::Value& object, bool required) {
   }
 }
 
-// What the reader decides beyond the JSON library's conversions: its three
-// faults (the same "Not a string" for every type), an optional member of
-// the wrong type left as it was, only a JSON integer as a long (a uint
-// beyond the signed range keeps its bits), any member at all as a value.
+// The reader's own rules: three faults ("Not a string" for every type), an
+// optional member of the wrong type left alone, only a JSON integer as a
+// long (a uint beyond the signed range keeps its bits), any value as one.
 TEST(JsonHelpersTest, Reads) {
   int i = 7;
   EXPECT_EQ("Not an object, data=[1]", Read(i, ParseJson("[1]"), false));

@@ -1,6 +1,5 @@
-// One request's life on the real system: acting as the login user, the
-// handler template's phases and answers, and the forked after-answer child;
-// then the status words through it.
+// One request's life on the real system: the login user's identity, the
+// handler template's phases and answers, forked tasks; the status words.
 #include <gtest/gtest.h>
 #include <signal.h>
 #include <unistd.h>
@@ -70,9 +69,10 @@ class PhaseAPI : public OndriAPI {
     sigaction(SIGUSR1, nullptr, &action);
     sigset_t mask;
     sigprocmask(SIG_SETMASK, nullptr, &mask);
-    const bool reset = action.sa_handler == SIG_DFL && !sigismember(&mask, SIGUSR2);
-    WriteFile(kPostActionsFile, std::to_string(getpid()) + " " + std::to_string(geteuid()) +
-                                    (reset ? " default" : " inherited"));
+    WriteFile(kPostActionsFile,
+              std::to_string(getpid()) + " " + std::to_string(geteuid()) +
+                  (action.sa_handler == SIG_DFL && !sigismember(&mask, SIGUSR2) ? " default"
+                                                                                : " inherited"));
   }
 };
 
@@ -205,7 +205,6 @@ TEST_F(RequestTest, TasksRunInTheChildAlone) {
   fclose(out);
   EXPECT_EQ("once", ReadFile("/tmp/task_stdio"));
   EXPECT_NE(0, access(kExitHandlerFile, F_OK)) << "the child ran exit handlers";
-  EXPECT_TRUE(CapturedLines().empty());
 }
 
 // The status words on the real indexing library and queue files (the
