@@ -17,8 +17,6 @@ struct State {
   std::mutex mutex;
   std::map<std::string, int> calls;
   std::map<std::string, std::pair<int, int>> faults;  // error code, times left
-  bool forced = false;
-  int forced_error = 0;
 };
 
 State& GetState() {
@@ -26,21 +24,17 @@ State& GetState() {
   return *state;
 }
 
-// Counts the call; true when it must fail (the forced error is then set).
+// Counts the call; true when it must fail, with the platform's error code
+// set as the real function sets it.
 bool Enter(const char* function) {
   State& s = GetState();
   std::lock_guard<std::mutex> lock(s.mutex);
   ++s.calls[function];
   auto it = s.faults.find(function);
-  s.forced = it != s.faults.end() && it->second.second > 0;
-  if (s.forced) {
-    --it->second.second;
-    s.forced_error = it->second.first;
-    // The real library's own record too; the reference also keeps the real
-    // library linked when every other function of it is wrapped here.
-    KLIBCErrSet(it->second.first);
-  }
-  return s.forced;
+  if (it == s.faults.end() || it->second.second == 0) return false;
+  --it->second.second;
+  KLIBCErrSet(it->second.first);
+  return true;
 }
 
 template <typename Fn>
@@ -73,75 +67,37 @@ void PlatformDouble::Reset() {
   std::lock_guard<std::mutex> lock(s.mutex);
   s.calls.clear();
   s.faults.clear();
-  s.forced = false;
 }
 
 }  // namespace kesttest
 
-extern "C" int KLIBCErrGet(void) {
-  auto& s = kesttest::GetState();
-  {
-    std::lock_guard<std::mutex> lock(s.mutex);
-    if (s.forced) return s.forced_error;
-  }
-  static auto real = kesttest::Real<int (*)(void)>("KLIBCErrGet");
-  return real();
-}
-
-namespace {
-
-// How lookups and the fork fail.
-template <typename T>
-int NoRecord(T** record) {
-  if (record) *record = nullptr;
-  return -1;
-}
-pid_t NoProcess() {
-  errno = EAGAIN;
-  return -1;
-}
-
-}  // namespace
-
-// One wrapper: armed, it answers `failure`, as the real function answers a
-// failure; otherwise the call goes to the real function.
+// One wrapper: armed, it answers `failure` as the real function fails (no
+// record, no process); otherwise the call goes to the real function.
 #define KEST_DOUBLE(ret, fn, params, args, failure)        \
   extern "C" ret fn params {                               \
     if (kesttest::Enter(#fn)) return failure;              \
     static auto real = kesttest::Real<ret(*) params>(#fn); \
     return real args;                                      \
   }
-KEST_DOUBLE(int, KESTUserGet, (const char* name, PKESTUSER* user), (name, user), NoRecord(user))
-KEST_DOUBLE(int, KESTUserGetByUID, (uid_t uid, PKESTUSER* user), (uid, user), NoRecord(user))
-KEST_DOUBLE(void, KESTUserFree, (PKESTUSER user), (user), void())
+#define KEST_DOUBLE_PATH(fn) \
+  KEST_DOUBLE(int, fn, (const char* in, char* out, size_t size), (in, out, size), -1)
+#define KEST_DOUBLE_FLAG(fn) \
+  KEST_DOUBLE(int, fn, (const KESTSHARE* share, int* value), (share, value), -1)
+KEST_DOUBLE(int, KESTUserGet, (const char* name, PKESTUSER* user), (name, user),
+            (*user = nullptr, -1))
+KEST_DOUBLE(int, KESTUserGetByUID, (uid_t uid, PKESTUSER* user), (uid, user), (*user = nullptr, -1))
 KEST_DOUBLE(PKLIBCSZLIST, KLIBGroupInfoListGet, (const char* name, BOOL with_primary),
             (name, with_primary), nullptr)
-KEST_DOUBLE(pid_t, KLIBCProcForkEx, (int flags), (flags), NoProcess())
-KEST_DOUBLE(int, KESTShareGet, (const char* name, PKESTSHARE* share), (name, share),
-            NoRecord(share))
-KEST_DOUBLE(PKLIBCSZLIST, KLIBCSzListAlloc, (int capacity), (capacity), nullptr)
+KEST_DOUBLE(pid_t, KLIBCProcForkEx, (int flags), (flags), (errno = EAGAIN, -1))
 KEST_DOUBLE(int, KLIBShareEnum, (PKLIBCSZLIST * list, const KLIBSHAREENUM* desc), (list, desc), -1)
-KEST_DOUBLE(int, KLIBShareHideUnreadableGet, (const KESTSHARE* share, int* value), (share, value),
-            -1)
-KEST_DOUBLE(int, KLIBShareIsEncryptedGet, (const KESTSHARE* share, int* value), (share, value), -1)
-KEST_DOUBLE(int, KLIBShareIsReadOnlyGet, (const KESTSHARE* share, int* value), (share, value), -1)
-KEST_DOUBLE(int, KLIBShareIsEncryptionGet, (const KESTSHARE* share, int* value), (share, value), -1)
-KEST_DOUBLE(int, KLIBShareRecycleStatusGet, (const KESTSHARE* share, int* value), (share, value),
-            -1)
-KEST_DOUBLE(int, KESTShareUserPrivCalc, (const char* user, const KESTSHARE* share), (user, share),
-            KEST_SHARE_PRIV_NA)
+KEST_DOUBLE_FLAG(KLIBShareHideUnreadableGet)
+KEST_DOUBLE_FLAG(KLIBShareIsEncryptedGet)
 KEST_DOUBLE(int, KESTQuotaIsEnough, (uid_t uid, const char* path, uint64_t needed),
             (uid, path, needed), 0)
-KEST_DOUBLE(int, FILEIDXQueuePathCompose, (const char* in, char* out, size_t size), (in, out, size),
-            -1)
-KEST_DOUBLE(int, FILEIDXDBPathCompose, (const char* in, char* out, size_t size), (in, out, size),
-            -1)
-KEST_DOUBLE(int, FILEIDXGetIndexID, (const char* in, char* out, size_t size), (in, out, size), -1)
-KEST_DOUBLE(int, KESTServiceHomePathGet, (const char* in, char* out, size_t size), (in, out, size),
-            -1)
-KEST_DOUBLE(int, KESTACLPermCalc,
-            (const char* user, PKLIBCSZLIST groups, const char* path, int* perm),
-            (user, groups, path, perm), -1)
+KEST_DOUBLE_PATH(FILEIDXQueuePathCompose)
+KEST_DOUBLE_PATH(FILEIDXDBPathCompose)
+#undef KEST_DOUBLE_FLAG
+#undef KEST_DOUBLE_PATH
 #undef KEST_DOUBLE
 
 bool ResetCredentialsByName(const std::string& user_name, bool with_groups) {

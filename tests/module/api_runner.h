@@ -1,14 +1,12 @@
-// What the module's tests share: the sandbox's users as login users, one web
-// API request run through the module's handler template as the server runs
-// it, the exact log lines the module writes, the shares the search methods
-// are tried on, and the fixture every module test starts from.
+// What the module's tests share: login users, one request run through the
+// handler template as the server runs it, exact log lines, the search
+// shares, the fixture every module test starts from.
 #ifndef KEST_TESTS_MODULE_API_RUNNER_H_
 #define KEST_TESTS_MODULE_API_RUNNER_H_
 
 #include <gtest/gtest.h>
 #include <json/json.h>
 #include <sys/stat.h>
-#include <sys/types.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -31,11 +29,13 @@ struct Login {
   uid_t uid;
   bool admin;
 };
-
 constexpr Login kAnn{"ann", kAnnUid, false};
 constexpr Login kBob{"bob", kBobUid, false};
 constexpr Login kCarol{"carol", kCarolUid, true};
 constexpr Login kDave{"dave", kDaveUid, false};
+
+constexpr char kTaskHeader[] = "../../..//src/include/common/sdk/task.h";
+constexpr char kOndriApiHeader[] = "../../..//src/include/webapi/ondri_api.h";
 
 // "<file>:<line> (<pid>, <euid>) (<func>) <text>".
 inline std::string LogLine(const std::string& file, int line, const std::string& func,
@@ -44,7 +44,7 @@ inline std::string LogLine(const std::string& file, int line, const std::string&
          std::to_string(euid) + ") (" + func + ") " + text;
 }
 
-// The texts captured since the last Clear(), once the log went quiet.
+// The texts logged since the last Clear(), once the log went quiet.
 inline std::vector<std::string> CapturedLines() {
   SyslogCapture::Instance().Settle(50);
   std::vector<std::string> out;
@@ -52,13 +52,9 @@ inline std::vector<std::string> CapturedLines() {
   return out;
 }
 
-constexpr char kTaskHeader[] = "../../..//src/include/common/sdk/task.h";
-constexpr char kOndriApiHeader[] = "../../..//src/include/webapi/ondri_api.h";
-
-// Runs the request under a RequestGuard: descriptors, children, identity and
-// the platform lock are checked afterwards, and the children the request
-// forked are reaped; their wait statuses go to `children` when given. The
-// process is root again when this returns.
+// Runs the request under a RequestGuard; the wait statuses of the children
+// it forked go to `children`. It leaves the process acting as its login user
+// (root for an administrator), as the module does; root again on return.
 template <typename Class>
 KEST::APIResponse RunAPI(const Login& login, const Json::Value& params,
                          std::vector<int>* children = nullptr) {
@@ -68,8 +64,6 @@ KEST::APIResponse RunAPI(const Login& login, const Json::Value& params,
   {
     FakeDaemon::WaitAllIdle();
     RequestGuard guard;
-    // The request leaves the process acting as its login user (root for an
-    // administrator): that is the module's way.
     if (login.admin) {
       guard.ExpectIdentityAfter(0, 0);
     } else {
@@ -83,8 +77,7 @@ KEST::APIResponse RunAPI(const Login& login, const Json::Value& params,
   return response;
 }
 
-// The same without the guard, for a request whose process is killed or that
-// runs beside children the test owns.
+// The same without the guard, for a process that is killed or owns children.
 template <typename Class>
 KEST::APIResponse RunAPIUnguarded(const Login& login, const Json::Value& params) {
   KEST::APIRequest request(params, login.uid, login.name, "session-" + std::string(login.name),
@@ -95,9 +88,8 @@ KEST::APIResponse RunAPIUnguarded(const Login& login, const Json::Value& params)
   return response;
 }
 
-// The shares the search methods are tried on: docs (open to staff) holding
-// open.txt and bob's closed.txt (0600), the homes with ann's and bob's
-// folders (dave refused), and private (bob's share) holding p.txt.
+// docs (open to staff) holding open.txt and bob's closed.txt (0600), the
+// homes of ann and bob (dave refused), private (bob's) holding p.txt.
 inline void MakeSearchShares() {
   WriteSharesConf(
       "[global]\nuser home = yes\n"
@@ -114,17 +106,8 @@ inline void MakeSearchShares() {
   WriteFile("/volume1/private/p.txt", "x", 0644);
 }
 
-// Makes exactly the given shares indexed (each with its own folder), through
-// the real indexing library.
-inline void IndexShares(const std::vector<std::string>& shares) {
-  (void)!system("rm -f /var/packages/KestOndri/var/fileindex/folders.db*");
-  Json::Value folders(Json::arrayValue);
-  for (const auto& share : shares) folders.append(Json::Value())["path"] = "/volume1/" + share;
-  if (!folders.empty()) kestondri::fileindex::FolderAdd(folders, false);
-}
-
-// Every module test starts as root with an empty log and errno 0 (log lines
-// report it), and ends as root with the children it left reaped.
+// Starts as root with an empty log and errno 0 (log lines report it); ends
+// as root with the children left reaped.
 class ModuleTest : public ::testing::Test {
  protected:
   void SetUp() override {

@@ -1,23 +1,28 @@
 // The module's platform access layer (common/sdk: credentials, forked tasks,
-// shares, share paths, users) on the real platform, with the test double
-// where the platform cannot be made to fail and to count what is asked of
-// it.
+// shares, share paths, users) and its permission checks on the real
+// platform, with the test double where the platform cannot be made to fail
+// and to count what is asked of it.
 #include <gtest/gtest.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <cerrno>
 #include <functional>
 #include <memory>
+#include <random>
 #include <string>
 
 #include "common/error.h"
+#include "common/permission.h"
 #include "common/sdk/credentials.h"
 #include "common/sdk/share.h"
 #include "common/sdk/share_path.h"
 #include "common/sdk/task.h"
+#include "common/util.h"
 #include "double/platform_double.h"
 #include "kest/klib.h"
 #include "module/api_runner.h"
+#include "platform/platform_test.h"
 #include "support/thrown.h"
 #include "webapi/search.h"
 
@@ -25,7 +30,7 @@ namespace kesttest {
 namespace {
 
 using kestondri::Error;
-using kestondri::ErrorCode;
+using kestondri::FilePermission;
 using kestondri::sdk::ForkTask;
 using kestondri::sdk::SDKCredentials;
 using kestondri::sdk::SDKShare;
@@ -37,10 +42,7 @@ class SDKTest : public ModuleTest {
   void SetUp() override {
     WriteSharesConf(
         "[global]\nuser home = yes\n"
-        "[photo]\npath = /volume1/photo\nhide unreadable = yes\nrecycle bin = yes\n"
-        "ftp disable list = yes\nftp disable download = yes\n"
-        "[docs]\npath = /volume1/docs\nread only = yes\nwrite list = ann\n"
-        "[vault]\npath = /volume2/vault\nencrypted = yes\n"
+        "[photo]\npath = /volume1/photo\nhide unreadable = yes\n[docs]\npath = /volume1/docs\n"
         "[homes]\npath = /volume1/homes\n");
     PlatformDouble::Reset();
     ModuleTest::SetUp();  // last: a clean log and errno
@@ -58,39 +60,47 @@ class SDKTest : public ModuleTest {
   }
 };
 
+// A named guard acts as its user (root for an administrator) and re-applies
+// the user's own account if the identity changed inside; a default guard
+// puts back the identity it found. Neither switches when nothing changed.
 TEST_F(SDKTest, CredentialsGuard) {
-  // Leaving a guard whose identity did not change makes no switch.
-  for (const char* user : {"", "root", "carol", "ann"}) {
+  const struct {
+    const char* outer;    // the identity the guard starts from
+    const char* guard;    // null: the default guard
+    const char* as_user;  // AsUser() inside, or null
+    uid_t inside;
+    uid_t after;
+    int switches;  // on leaving
+  } cases[] = {
+      {"root", "ann", nullptr, kAnnUid, kAnnUid, 1},
+      {"root", "carol", nullptr, 0, 0, 0},
+      {"root", "ann", "bob", kBobUid, kAnnUid, 1},
+      {"root", "ann", "carol", 0, 0, 0},                  // back where it started
+      {"root", "carol", "dave", kDaveUid, kCarolUid, 1},  // the account, not root
+      {"root", nullptr, "bob", kBobUid, 0, 1},
+      {"bob", nullptr, "carol", 0, kBobUid, 1},
+      {"root", nullptr, nullptr, 0, 0, 0},
+  };
+  for (const auto& c : cases) {
+    const std::string what = std::string(c.outer) + " " + (c.guard ? c.guard : "default") + " " +
+                             (c.as_user ? c.as_user : "-");
     BecomeRoot();
+    ASSERT_TRUE(ResetCredentialsByName(c.outer, true));
+    RequestGuard guard;
+    guard.ExpectIdentityAfter(c.after, c.after);
     {
-      std::unique_ptr<SDKCredentials> credentials(*user ? new SDKCredentials(user)
-                                                        : new SDKCredentials());
+      std::unique_ptr<SDKCredentials> credentials(c.guard ? new SDKCredentials(c.guard)
+                                                          : new SDKCredentials());
+      if (c.as_user) credentials->AsUser(c.as_user);
+      EXPECT_EQ(c.inside, geteuid()) << what;
+      EXPECT_EQ(c.inside, getegid()) << what;
       PlatformDouble::Reset();
     }
-    EXPECT_EQ(std::string(user) == "ann" ? 1 : 0, PlatformDouble::Calls("ResetCredentialsByName"))
-        << user;
+    EXPECT_EQ(c.switches, PlatformDouble::Calls("ResetCredentialsByName")) << what;
+    guard.Finish();
   }
   BecomeRoot();
-
-  // The message of a failed lookup skips as many characters as the
-  // platform's error code.
-  const std::string text = "KESTUserGetByUID failed, err=";
-  const std::string expr = "Failed [0 > KESTUserGetByUID(euid_, &user_info) || !user_info]";
-  for (const int code : {0, 3, 30, -1}) {
-    SyslogCapture::Instance().Clear();
-    PlatformDouble::FailNext("KESTUserGetByUID", code);
-    const std::string message = code == 0 ? text : code == 3 ? text.substr(3) : "";
-    {
-      RequestGuard guard;
-      EXPECT_EQ("503 " + message, Thrown<Error>([] { SDKCredentials credentials; })) << code;
-    }
-    EXPECT_EQ(
-        std::vector<std::string>{LogLine("credentials.cc", 22, "SDKCredentials",
-                                         message.empty() ? expr : expr + ", reason: " + message)},
-        CapturedLines())
-        << code;
-  }
-  EXPECT_EQ(0, PlatformDouble::Calls("KESTUserFree")) << "nothing to free after a failure";
+  EXPECT_TRUE(CapturedLines().empty());
 
   // A failed switch back throws, unless the scope is already unwinding
   // (that would terminate): then it is logged only.
@@ -115,158 +125,148 @@ TEST_F(SDKTest, CredentialsGuard) {
   }
 }
 
-// A failed fork runs nothing and is logged; the request that wanted it keeps
-// its answer.
+// A failed fork runs nothing and is logged.
 TEST_F(SDKTest, FailedFork) {
-  const std::vector<std::string> line = {
-      LogLine(kTaskHeader, 43, "DoTask", "Failed to fork [err: Resource temporarily unavailable]")};
   bool ran = false;
-  {
-    RequestGuard guard;
-    PlatformDouble::FailNext("KLIBCProcForkEx");
-    ForkTask task(1);
-    EXPECT_FALSE(task.DoTask([&] { ran = true; }));
-    EXPECT_GT(0, task.pid());
-    EXPECT_TRUE(guard.Finish().empty());
-  }
+  PlatformDouble::FailNext("KLIBCProcForkEx");
+  ForkTask task(1);
+  EXPECT_FALSE(task.DoTask([&] { ran = true; }));
   EXPECT_FALSE(ran);
   EXPECT_EQ(0, errno);
-  EXPECT_EQ(line, CapturedLines());
-
-  SyslogCapture::Instance().Clear();
-  PlatformDouble::FailNext("KLIBCProcForkEx");
-  std::vector<int> children;
-  EXPECT_TRUE(RunAPI<kestondri::webapi::OndriAPI>(kCarol, Json::Value(Json::objectValue), &children)
-                  .IsSuccess());
-  EXPECT_TRUE(children.empty());
-  EXPECT_EQ(2, PlatformDouble::Calls("KLIBCProcForkEx"));
-  EXPECT_EQ(line, CapturedLines());
+  EXPECT_EQ(std::vector<std::string>{LogLine(kTaskHeader, 43, "DoTask",
+                                             "Failed to fork [err: Resource temporarily "
+                                             "unavailable]")},
+            CapturedLines());
 }
 
-// Each owner of a page of hits is looked up once per request (the login user
-// by name, from the seed of the cache); a failed lookup leaves the name blank
-// for that uid, and a login user the platform cannot find is 801.
-TEST_F(SDKTest, SearchOwnerLookups) {
-  WriteSharesConf("[docs]\npath = /volume1/docs\nread list = @staff\n");
-  WriteFile("/volume1/docs/a.txt", "x");
-  const struct {
-    const char* fail;
-    int code;
-    std::string answer;  // the owner names, or the error code
-  } cases[] = {
-      {nullptr, 0, R"(["bob", "", "bob", "", "ann", "root"])"},
-      {"KESTUserGetByUID", KLIB_ERR_SYSTEM, R"(["", "", "", "", "ann", "root"])"},
-      {"KESTUserGet", KLIB_ERR_USER_NOT_FOUND, "801"},
-  };
-  for (const auto& c : cases) {
+// Hits gain the path in their share (one's own home as /home), readability,
+// the owner's name (looked up once per uid, the login user seeded; blank
+// when the lookup fails), the mount flag. An unknown login user is 801.
+TEST_F(SDKTest, SearchHits) {
+  MakeSearchShares();
+  DaemonReply page;
+  for (const char* hit :
+       {R"({"total": 6})",
+        R"({"KESTMDPath": "/volume1/docs/open.txt", "KESTMDOwnerUserID": "2002"})",
+        R"({"KESTMDPath": "/volume1/docs/closed.txt", "KESTMDOwnerUserID": "2002"})",
+        R"({"KESTMDPath": "/volume1/homes/ann", "KESTMDOwnerUserID": "2001"})",
+        R"({"KESTMDPath": "/volume1/docs/open.txt", "KESTMDOwnerUserID": "not a uid"})",
+        R"({"KESTMDPath": "/volume1/docs/open.txt", "KESTMDOwnerUserID": "77777"})",
+        R"({"KESTMDPath": "/volume1/docs/open.txt", "KESTMDOwnerUserID": "4294967296"})",
+        R"({"KESTMDPath": "/volume1/docs/open.txt", "KESTMDOwnerUserID": ""})",
+        R"({"KESTMDPath": "/volume1", "KESTMDOwnerUserID": "0"})", R"({"KESTMDFSName": "b"})",
+        "{\"KESTMDPath\": \"/volume1/docs/\xff\"}",  // not UTF-8
+        R"({"KESTMDPath": "/volume1/homes/bob/x"})", R"({"KESTMDPath": "/volume1/homes/ann2/x"})",
+        R"({"success": true})"}) {
+    page.Text(hit);
+  }
+  const auto search = [&page] {
     FakeDaemon daemon;
-    DaemonReply page;
-    for (const char* owner : {"2002", "77777", "2002", "77777", "2001", "0"}) {
-      page.Text(R"({"KESTMDPath": "/volume1/docs/a.txt", "KESTMDOwnerUserID": ")" +
-                std::string(owner) + R"("})");
-    }
-    daemon.On("search", page.Text(R"({"success": true})"));
+    daemon.On("search", page);
     daemon.On("list_db_status", DaemonReply::Success(Json::Value(Json::objectValue)));
-    PlatformDouble::Reset();
-    if (c.fail) PlatformDouble::FailNext(c.fail, c.code);
-    const auto response = RunAPI<kestondri::webapi::SearchAPI>(
+    return RunAPI<kestondri::webapi::SearchAPI>(
         kAnn, ParseJson(R"({"indice": ["docs"], "from": 0, "size": 10, "fields": [],
                              "file_type": ""})"));
-    if (response.IsError()) {
-      EXPECT_EQ(c.answer, std::to_string(response.GetErrorCode()));
-      continue;
-    }
-    Json::Value names(Json::arrayValue);
-    for (const auto& hit : response.GetData()["hits"]) names.append(hit["KESTMDOwnerUserName"]);
-    EXPECT_EQ(ParseJson(c.answer), names);
-    EXPECT_EQ(1, PlatformDouble::Calls("KESTUserGet"));
-    EXPECT_EQ(3, PlatformDouble::Calls("KESTUserGetByUID")) << "bob, 77777 and root";
+  };
+  const auto response = search();
+  ASSERT_TRUE(response.IsSuccess()) << response.GetErrorCode();
+  const auto& hits = response.GetData()["hits"];
+  const struct {
+    const char* share_path;
+    bool readable;
+    Json::Value owner;  // null: no owner name set
+    bool mount_point;
+  } expect[] = {
+      {"/docs/open.txt", true, "bob", false},
+      {"/docs/closed.txt", false, "bob", false},
+      {"/home", true, "ann", false},  // the user's own home folder
+      {"/docs/open.txt", true, "", false},
+      {"/docs/open.txt", true, "", false},
+      {"/docs/open.txt", true, "root", false},  // only the low 32 bits count
+      {"/docs/open.txt", true, Json::Value(), false},
+      {"", true, "root", true},  // in no share; the volume is a mount point
+      {"", false, Json::Value(), false},
+      {"/docs/\xff", false, Json::Value(), false},
+      {"/homes/bob/x", false, Json::Value(), false},  // another user's home
+      {"/homes/ann2/x", false, Json::Value(), false},
+  };
+  ASSERT_EQ(sizeof(expect) / sizeof(expect[0]), hits.size());
+  for (Json::ArrayIndex i = 0; i < hits.size(); ++i) {
+    EXPECT_EQ(expect[i].share_path, hits[i]["KESTMDSharePath"].asString()) << i;
+    EXPECT_EQ(expect[i].readable, hits[i]["readable"].asBool()) << i;
+    EXPECT_EQ(expect[i].owner, hits[i].get("KESTMDOwnerUserName", Json::Value())) << i;
+    EXPECT_EQ(expect[i].mount_point, hits[i]["additional"]["is_mount_point"].asBool()) << i;
   }
+  // A path that is not UTF-8 also travels as a reference to its bytes.
+  EXPECT_EQ("hex:2f766f6c756d65312f646f63732fff", hits[9]["additional"]["path_ref"].asString());
+  EXPECT_FALSE(hits[0]["additional"].isMember("path_ref"));
+  // Members the daemon did not send are not made up as null.
+  EXPECT_EQ((Json::Value::Members{"KESTMDFSName", "KESTMDSharePath", "additional", "readable"}),
+            hits[8].getMemberNames());
+  EXPECT_EQ(3, PlatformDouble::Calls("KESTUserGetByUID")) << "bob, 77777 and root";
+  // A path in no share is logged.
+  EXPECT_TRUE(SyslogCapture::Instance().WaitFor(
+      LogLine("share_path.cc", 15, "GetSharePath", "KESTShareNamePathGet failed, vol_path=/volume1",
+              getpid(), kAnnUid)));
+
+  PlatformDouble::FailNext("KESTUserGet", KLIB_ERR_USER_NOT_FOUND);
+  EXPECT_EQ(801, search().GetErrorCode());
 }
 
-TEST_F(SDKTest, AnswersFromTheConfigurationAskedOnce) {
-  const struct {
-    const char* share;
-    bool hide;
-    bool recycle;
-    bool encryption;
-    bool indexed;  // neither encrypted nor read-only
-  } cases[] = {
-      {"photo", true, true, false, true},
-      {"docs", false, false, false, false},
-      {"vault", false, false, true, false},
-  };
-  for (const auto& c : cases) {
-    SDKShare share(c.share);
-    EXPECT_EQ(c.hide, share.IsHideUnReadable()) << c.share;
-    EXPECT_EQ(c.recycle, share.IsEnableRecycleBin()) << c.share;
-    EXPECT_EQ(c.encryption, share.IsEncryption()) << c.share;
-    EXPECT_EQ(c.indexed, share.CanBeIndexed()) << c.share;
-  }
-  SDKShare docs("docs");
-  EXPECT_EQ(KEST_SHARE_PRIV_RW, docs.GetPrivilege("ann"));
-  EXPECT_EQ(KEST_SHARE_PRIV_NA, docs.GetPrivilege("bob"));
-  EXPECT_EQ(KEST_SHARE_PRIV_NA, docs.GetPrivilege("nosuchuser"));
-
-  PlatformDouble::Reset();
+// Only two quota codes mean "not enough".
+TEST_F(SDKTest, QuotaCodes) {
   SDKShare photo("photo");
-  EXPECT_EQ(0x5u, photo.GetFTPPrivilege());
-  EXPECT_TRUE(photo.IsSpaceEnough());
-  for (int twice = 0; twice < 2; ++twice) {
-    EXPECT_EQ("/volume1/@kestondri/queue/photo.queue", photo.GetQueuePath());
-    EXPECT_EQ("/volume1/@kestondri/index/photo", photo.GetDBPath());
-    EXPECT_EQ("fileindex_photo", photo.GetDBName());
-    EXPECT_EQ(KEST_SHARE_PRIV_RW, photo.GetPrivilege("dave"));
-  }
-  EXPECT_EQ(1, PlatformDouble::Calls("FILEIDXDBPathCompose"));
-  EXPECT_EQ(1, PlatformDouble::Calls("FILEIDXQueuePathCompose"));
-  EXPECT_EQ(1, PlatformDouble::Calls("FILEIDXGetIndexID"));
-  EXPECT_EQ(1, PlatformDouble::Calls("KESTShareUserPrivCalc"));
-
-  // Only two quota codes mean "not enough".
   for (const int code : {0x2900, 0x2400, 0x0300}) {
     PlatformDouble::FailNext("KESTQuotaIsEnough", code);
     EXPECT_EQ(code == 0x0300, photo.IsSpaceEnough()) << std::hex << code;
   }
 }
 
+// One case per form of text: what is thrown, and the one line logged.
 TEST_F(SDKTest, FailuresThrowWithTheirTexts) {
   const struct {
-    const char* function;  // null: the real platform fails
-    int line;
-    ErrorCode code;
-    std::string reason;
+    const char* function;  // armed to fail; null: the real platform fails
+    int code;              // the platform's error code
+    std::string site;      // of the line logged; "": none
+    const char* thrown;
     std::function<void()> call;
   } cases[] = {
-      {nullptr, 34, kestondri::kErrShare, "nosuch", [] { SDKShare share("nosuch"); }},
-      {"KLIBShareIsEncryptedGet", 73, kestondri::kErrPlatform,
-       "KLIBShareis_encryptedGet failed, share=photo", [] { SDKShare("photo").CanBeIndexed(); }},
-      {"KLIBShareIsReadOnlyGet", 75, kestondri::kErrPlatform,
-       "KLIBShareis_readonlyGet failed, share=photo", [] { SDKShare("photo").CanBeIndexed(); }},
-      {"KLIBShareIsEncryptionGet", 87, kestondri::kErrPlatform,
-       "KLIBShareIsEncryptionGet failed, share=photo", [] { SDKShare("photo").IsEncryption(); }},
-      {"KLIBShareRecycleStatusGet", 99, kestondri::kErrPlatform,
-       "KLIBShareRecycleStatusGet failed, share=photo",
-       [] { SDKShare("photo").IsEnableRecycleBin(); }},
-      {"FILEIDXQueuePathCompose", 156, kestondri::kErrPlatform,
-       "FILEIDXQueuePathCompose failed, share=photo", [] { SDKShare("photo").GetQueuePath(); }},
-      {"FILEIDXDBPathCompose", 170, kestondri::kErrPlatform,
-       "FILEIDXDBPathCompose failed, share=photo", [] { SDKShare("photo").GetDBPath(); }},
-      {"FILEIDXGetIndexID", 184, kestondri::kErrPlatform, "FILEIDXGetIndexID failed, share=photo",
-       [] { SDKShare("photo").GetDBName(); }},
-      {"KLIBCSzListAlloc", 54, kestondri::kErrExecute, "KLIBCSzListAlloc failed",
-       [] { SDKShare::Enum(); }},
-      {"KLIBShareEnum", 56, kestondri::kErrExecute, "KLIBShareEnum failed",
-       [] { SDKShare::Enum(); }},
+      // The message of a failed user lookup skips as many characters as the
+      // platform's error code.
+      {"KESTUserGetByUID", 0, "credentials.cc:22",
+       "503 KESTUserGetByUID failed, err=", [] { SDKCredentials credentials; }},
+      {"KESTUserGetByUID", 3, "credentials.cc:22",
+       "503 TUserGetByUID failed, err=", [] { SDKCredentials credentials; }},
+      {"KESTUserGetByUID", 30, "credentials.cc:22", "503 ", [] { SDKCredentials credentials; }},
+      {nullptr, 0, "share.cc:34", "800 nosuch", [] { SDKShare share("nosuch"); }},
+      {"KLIBShareIsEncryptedGet", 0, "share.cc:73",
+       "502 KLIBShareis_encryptedGet failed, share=photo",
+       [] { SDKShare("photo").CanBeIndexed(); }},
+      {"FILEIDXQueuePathCompose", 0, "share.cc:156",
+       "502 FILEIDXQueuePathCompose failed, share=photo", [] { SDKShare("photo").GetQueuePath(); }},
+      {"KLIBShareEnum", 0, "share.cc:56", "121 KLIBShareEnum failed", [] { SDKShare::Enum(); }},
+      {nullptr, 0, "../../..//src/include/common/sdk/user.h:47",
+       "502 KESTServiceHomePathGet failed, user=nosuchuser",
+       [] { MakeUser("nosuchuser", true).GetHomePath(); }},
+      {nullptr, 0, "permission.cc:16", "502 Malformed path: /volume1",
+       [] { FilePermission(kAnnUid).CheckRead("/volume1"); }},
+      // A missing file: the word cannot be asked.
+      {nullptr, 0, "permission.cc:117",
+       "502 KESTACLPermCalc failed, user: ann, path: /volume1/docs/none",
+       [] { FilePermission(kAnnUid).CheckRead("/volume1/docs/none"); }},
+      {"KLIBGroupInfoListGet", 0, "permission.cc:29", "502 KLIBGroupInfoListGet failed, user: bob",
+       [] { FilePermission bob(kBobUid); }},
+      {nullptr, 0, "", "801 ", [] { FilePermission unknown(54321); }},  // nothing logged
   };
   for (const auto& c : cases) {
     SyslogCapture::Instance().Clear();
-    if (c.function) PlatformDouble::FailNext(c.function);
-    EXPECT_EQ(std::to_string(c.code) + " " + c.reason, Thrown<Error>(c.call));
+    if (c.function) PlatformDouble::FailNext(c.function, c.code);
+    EXPECT_EQ(c.thrown, Thrown<Error>(c.call));
     const auto lines = CapturedLines();
-    ASSERT_EQ(1u, lines.size()) << c.reason;
-    EXPECT_EQ(0u, lines[0].find("share.cc:" + std::to_string(c.line) + " (")) << lines[0];
-    EXPECT_NE(std::string::npos, lines[0].find("], reason: " + c.reason)) << lines[0];
+    ASSERT_EQ(c.site.empty() ? 0u : 1u, lines.size()) << c.thrown;
+    if (c.site.empty()) continue;
+    EXPECT_EQ(0u, lines[0].find(c.site + " (")) << lines[0];
+    EXPECT_NE(std::string::npos, lines[0].find(c.thrown + 4)) << lines[0];
   }
   // A failure is not cached: the next call asks again and succeeds.
   SDKShare photo("photo");
@@ -278,47 +278,112 @@ TEST_F(SDKTest, FailuresThrowWithTheirTexts) {
   EXPECT_FALSE(photo.IsHideUnReadable());
 }
 
-// Users see "/" + share + the rest, and their own home as /home.
-TEST_F(SDKTest, VolumePathsBecomeSharePaths) {
-  const struct {
-    const char* vol_path;
-    const char* user;
-    bool home_enabled;
-    const char* expected;
-  } cases[] = {
-      {"/volume1/photo/trip/a.jpg", "ann", true, "/photo/trip/a.jpg"},
-      {"/volume1/photo", "ann", true, "/photo"},
-      {"/volume1/homes/ann/docs/a.txt", "ann", true, "/home/docs/a.txt"},
-      {"/volume1/homes/ann", "ann", true, "/home"},
-      {"/volume1/homes/bob/x", "ann", true, "/homes/bob/x"},
-      {"/volume1/homes/ann2/x", "ann", true, "/homes/ann2/x"},
-      {"/volume1/homes/ann/x", "ann", false, "/homes/ann/x"},  // no home service
-      {"/volume1/homes", "ann", true, "/homes"},
-      {"/volume2/vault/k", "dave", true, "/vault/k"},
-      {"/volume1/elsewhere/a", "ann", true, ""},  // in no share
-  };
-  for (const auto& c : cases) {
-    User user = MakeUser(c.user, c.home_enabled);
-    EXPECT_EQ(c.expected, SharePathMgr::GetSharePath(c.vol_path, user)) << c.vol_path;
-  }
-  EXPECT_EQ(std::vector<std::string>{LogLine(
-                "share_path.cc", 15, "GetSharePath",
-                "KESTShareNamePathGet failed, vol_path=/volume1/elsewhere/a")},
-            CapturedLines());
+// CheckList and CheckRead against a model over random shares, modes, ACLs
+// and homes, from the platform's permission words and share privileges:
+//   list: no FTP "disable list", parent readable and searchable, the path
+//     readable if the share hides unreadable entries; in "homes" the home test.
+//   read: the path readable; outside "homes" no FTP "disable download" and
+//     some share privilege; in "homes" the home test: inside the user's own
+//     home folder (any path without the home service), or some privilege.
+class PermissionModelTest : public ::testing::Test {
+ protected:
+  void TearDown() override { kesttest::BecomeRoot(); }
 
-  // The home path is asked of the platform once, and only with the service.
-  PlatformDouble::Reset();
-  User ann = MakeUser("ann", true);
-  EXPECT_EQ("/volume1/homes/ann", ann.GetHomePath());
-  EXPECT_EQ("/volume1/homes/ann", ann.GetHomePath());
-  EXPECT_EQ("", MakeUser("ann", false).GetHomePath());
-  EXPECT_EQ(1, PlatformDouble::Calls("KESTServiceHomePathGet"));
-  User unknown = MakeUser("nosuchuser", true);
-  EXPECT_EQ("502 KESTServiceHomePathGet failed, user=nosuchuser",
-            Thrown<Error>([&] { unknown.GetHomePath(); }));
-  EXPECT_TRUE(SyslogCapture::Instance().WaitFor("../../..//src/include/common/sdk/user.h:47 ("));
-  // Through GetSharePath the home lookup's failure is the only throw.
-  EXPECT_THROW(SharePathMgr::GetSharePath("/volume1/homes/x/y", unknown), Error);
+  // The word of the path alone (acl_test holds it against the kernel on
+  // items whose folders above are searchable).
+  int Kernel(const std::string& user, const std::string& path) {
+    int perm = 0;
+    EXPECT_EQ(0, KESTACLPermCalc(user.c_str(), nullptr, path.c_str(), &perm)) << path;
+    return perm;
+  }
+
+  int Privilege(const std::string& user, const std::string& share) {
+    PKESTSHARE record = nullptr;
+    EXPECT_EQ(0, KESTShareGet(share.c_str(), &record));
+    const int priv = KESTShareUserPrivCalc(user.c_str(), record);
+    KESTShareFree(record);
+    return priv;
+  }
+
+  std::mt19937 rng_{7};
+
+  // "<key> = <names>" for each of `keys`, with random users and groups.
+  std::string RandomLists(const std::vector<const char*>& keys) {
+    std::string out;
+    for (const char* key : keys) {
+      out += std::string(key) + " =";
+      for (const char* n : {"ann", "bob", "carol", "dave", "@staff", "@administrators"}) {
+        if (rng_() % 5 == 0) out += std::string(" ") + n;
+      }
+      out += "\n";
+    }
+    return out;
+  }
+};
+
+TEST_F(PermissionModelTest, ChecksMatchTheModel) {
+  const char* const kFtp[] = {"list", "modify", "download"};
+  int outcomes[2][2] = {{0, 0}, {0, 0}};  // [list, read][false, true]
+  for (int round = 0; round < 40; ++round) {
+    const bool user_home = rng_() % 4 != 0;
+    const unsigned ftp = rng_() % 8;
+    const bool hide = rng_() % 2;
+    std::string conf =
+        std::string("[global]\nuser home = ") + (user_home ? "yes" : "no") +
+        "\n[photo]\npath = /volume1/photo\nhide unreadable = " + (hide ? "yes" : "no") + "\n";
+    for (int bit = 0; bit < 3; ++bit) {
+      if (ftp >> bit & 1) conf += std::string("ftp disable ") + kFtp[bit] + " = yes\n";
+    }
+    conf += RandomLists({"read list", "write list", "invalid users"}) +
+            "[homes]\npath = /volume1/homes\n" + RandomLists({"read list", "invalid users"});
+    WriteSharesConf(conf);
+
+    std::vector<std::string> paths;
+    for (const char* top : {"photo", "homes/ann", "homes/bob", "homes/ann2"}) {
+      const std::string dir = std::string("/volume1/") + top + "/r" + std::to_string(round);
+      kesttest::WriteFile(dir + "/f", "x");
+      kesttest::Scramble(dir, rng_, true);
+      kesttest::Scramble(dir + "/f", rng_, true);
+      paths.push_back(dir);
+      paths.push_back(dir + "/f");
+    }
+    paths.push_back("/volume1/homes/ann");  // the home folder itself
+    chmod("/volume1/homes", 0755);
+    chmod("/volume1/homes/ann", 0755);
+
+    for (const std::string user : {"ann", "bob", "carol", "dave"}) {
+      FilePermission permission(kesttest::UserByName(user).uid);
+      const std::string home_real = user_home ? kestondri::RealPath("/volume1/homes/" + user) : "";
+      for (const auto& path : paths) {
+        const bool homes = path.compare(0, 15, "/volume1/homes/") == 0;
+        const unsigned share_ftp = homes ? 0 : ftp;
+        const int priv = Privilege(user, homes ? "homes" : "photo");
+        const bool home_test =
+            (path + "/").compare(0, home_real.size() + 1, home_real + "/") == 0 ||
+            priv != KEST_SHARE_PRIV_NA;
+        const std::string parent = path.substr(0, path.rfind('/'));
+        const int self_perm = Kernel(user, path);
+        const int parent_perm = Kernel(user, parent);
+
+        bool list =
+            !(share_ftp & 1) && (parent_perm & 5) == 5 && !(!homes && hide && !(self_perm & 4));
+        if (list && homes) list = home_test;
+        const bool read =
+            (self_perm & 4) && (homes ? home_test : !(share_ftp & 4) && priv != KEST_SHARE_PRIV_NA);
+        const std::string context = user + " " + path + "\n" + conf;
+        EXPECT_EQ(list, permission.CheckList(path)) << "list " << context;
+        EXPECT_EQ(read, permission.CheckRead(path)) << "read " << context;
+        ++outcomes[0][list];
+        ++outcomes[1][read];
+      }
+    }
+  }
+  EXPECT_EQ(40 * 4 * 9, outcomes[0][0] + outcomes[0][1]);
+  // The random set-ups must reach both answers of both checks often.
+  for (auto& check : outcomes) {
+    EXPECT_GT(check[0], 100);
+    EXPECT_GT(check[1], 100);
+  }
 }
 
 }  // namespace
