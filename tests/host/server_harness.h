@@ -71,6 +71,7 @@ class ServerProcess : public ChildProcess {
   // The server's living children, or its zombies: the server is a subreaper,
   // so a living descendant at any depth makes a living child.
   int Children(bool zombies = false) const;
+  int Zombies() const { return Children(true); }
   bool WaitQuiet() const;  // until it has neither (bounded)
 
  private:

@@ -409,7 +409,7 @@ TEST_F(ServerScenarioTest, WorkersAnswerEachRequestAsItsUserAndLeaveNothingBehin
     EXPECT_EQ(reply.json["data"]["pad"].asString().size(), size);
   }
   EXPECT_TRUE(server_.WaitQuiet());
-  EXPECT_EQ(server_.Children(true), 0);
+  EXPECT_EQ(server_.Zombies(), 0);
   EXPECT_EQ(server_.OpenDescriptors(), fds_before);
   EXPECT_EQ(SyslogCapture::Instance().Matching("killing it").size(), 1u);
 }
