@@ -89,13 +89,18 @@ KEST_DOUBLE(int, KESTUserGetByUID, (uid_t uid, PKESTUSER* user), (uid, user), (*
 KEST_DOUBLE(PKLIBCSZLIST, KLIBGroupInfoListGet, (const char* name, BOOL with_primary),
             (name, with_primary), nullptr)
 KEST_DOUBLE(pid_t, KLIBCProcForkEx, (int flags), (flags), (errno = EAGAIN, -1))
+KEST_DOUBLE(PKLIBCSZLIST, KLIBCSzListAlloc, (int capacity), (capacity), nullptr)
 KEST_DOUBLE(int, KLIBShareEnum, (PKLIBCSZLIST * list, const KLIBSHAREENUM* desc), (list, desc), -1)
 KEST_DOUBLE_FLAG(KLIBShareHideUnreadableGet)
 KEST_DOUBLE_FLAG(KLIBShareIsEncryptedGet)
+KEST_DOUBLE_FLAG(KLIBShareIsReadOnlyGet)
+KEST_DOUBLE_FLAG(KLIBShareIsEncryptionGet)
+KEST_DOUBLE_FLAG(KLIBShareRecycleStatusGet)
 KEST_DOUBLE(int, KESTQuotaIsEnough, (uid_t uid, const char* path, uint64_t needed),
             (uid, path, needed), 0)
 KEST_DOUBLE_PATH(FILEIDXQueuePathCompose)
 KEST_DOUBLE_PATH(FILEIDXDBPathCompose)
+KEST_DOUBLE_PATH(FILEIDXGetIndexID)
 #undef KEST_DOUBLE_FLAG
 #undef KEST_DOUBLE_PATH
 #undef KEST_DOUBLE

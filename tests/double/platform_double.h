@@ -11,7 +11,6 @@ namespace kesttest {
 
 class PlatformDouble {
  public:
-  // The next `times` calls of `function` fail with `error_code`.
   static void FailNext(const std::string& function, int error_code = 0, int times = 1);
   static int Calls(const std::string& function);  // since the last Reset()
   static void Reset();

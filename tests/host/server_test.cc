@@ -12,6 +12,7 @@
 
 #include "host/server_harness.h"
 #include "kest/json.h"
+#include "server/login_throttle.h"
 #include "support/sandbox.h"
 #include "support/syslog_capture.h"
 
@@ -342,7 +343,6 @@ TEST_F(ServerTest, DownloadsServeOnlyWhatTheUserMayReadNeverAsThePageAndInRanges
   }
 }
 
-// Tests that need a server of their own settings.
 class ServerScenarioTest : public testing::Test {
  protected:
   void Start(const std::string& settings) {
@@ -521,6 +521,27 @@ TEST_F(ServerScenarioTest, FailedLoginsLockTheGuessingAddressAndIdleSessionsExpi
   std::this_thread::sleep_for(std::chrono::milliseconds(2000));
   EXPECT_EQ(Code(CallApi(TestCall("echo"), sid)), 106) << "an idle session expires";
   EXPECT_TRUE(SyslogCapture::Instance().WaitFor("too many failures"));
+}
+
+// Failures leave the window; a flood of made-up keys fills a table that then
+// takes no new key until a sweep, except where the account signed in.
+TEST(LoginThrottleTest, FailuresAgeAndKeysAreBounded) {
+  using kestondri::host::LoginThrottle;
+  const auto t0 = LoginThrottle::Clock::now(), t60 = t0 + std::chrono::seconds(60);
+  LoginThrottle throttle({1, 30, 20}, std::chrono::seconds(60));
+  ASSERT_TRUE(throttle.Begin("ann", "a", t0));
+  throttle.Finish("ann", "a", true, t0);
+  for (size_t i = 0; i < LoginThrottle::kMaxKeys; ++i) {
+    const std::string n = std::to_string(i);
+    ASSERT_TRUE(throttle.Begin("guess" + n, n, t0));
+    throttle.Finish("guess" + n, n, false, t0);
+  }
+  EXPECT_FALSE(throttle.Begin("bob", "b", t0));
+  EXPECT_TRUE(throttle.Begin("ann", "a", t0));
+  EXPECT_FALSE(throttle.Begin("guess0", "0", t60 - std::chrono::seconds(1)));
+  EXPECT_TRUE(throttle.Begin("guess0", "0", t60)) << "the failure left the window";
+  throttle.Sweep(t60);
+  EXPECT_TRUE(throttle.Begin("bob", "b", t60));
 }
 
 TEST(ServerStartTest, RefusesBadModulesSettingsAndUsersWithAClearMessage) {

@@ -31,7 +31,6 @@ using kestondri::webapi::OndriAPI;
 constexpr char kPostActionsFile[] = "/tmp/ondri_api_post_actions";
 constexpr char kExitHandlerFile[] = "/tmp/task_exit_handler_ran";
 
-// What the test subclass does, set before each request.
 struct Script {
   std::string throw_in;  // the phase that throws
   std::function<void()> thrower;
@@ -79,10 +78,11 @@ class PhaseAPI : public OndriAPI {
 class RequestTest : public ModuleTest {};
 
 // The object acts as the login user (root for an administrator) from its
-// construction; phases, answer, then one forked child runs PostActions as
-// the user with default signal handling. What a phase throws is answered
-// with its code alone (the rest skipped) and logged once the object is gone,
-// hence as the login user. A login user that cannot be acted as is 503.
+// construction; phases, answer, then one forked child runs PostActions as the
+// user with default signal handling. What a phase throws is answered with its
+// code alone (the rest skipped) and logged once the object is gone, hence as
+// the login user; a login user that cannot be acted as is 503. A forked task
+// leaves with _exit: no exit handlers, no second flush of the parent's output.
 TEST_F(RequestTest, OneRequest) {
   const struct {
     Login login;
@@ -115,6 +115,14 @@ TEST_F(RequestTest, OneRequest) {
   sigemptyset(&usr2);
   sigaddset(&usr2, SIGUSR2);
   sigprocmask(SIG_BLOCK, &usr2, nullptr);
+  static const pid_t test_pid = getpid();
+  atexit([] {
+    if (getpid() != test_pid) WriteFile(kExitHandlerFile, "yes");
+  });
+  unlink(kExitHandlerFile);
+  FILE* out = fopen("/tmp/task_stdio", "w");
+  ASSERT_NE(nullptr, out);
+  fputs("once", out);
   for (const auto& c : cases) {
     const std::string user = c.login.name;
     const std::string what = user + " " + c.throw_in;
@@ -170,6 +178,9 @@ TEST_F(RequestTest, OneRequest) {
         << what;
   }
 
+  fclose(out);
+  EXPECT_EQ("once", ReadFile("/tmp/task_stdio"));
+  EXPECT_NE(0, access(kExitHandlerFile, F_OK)) << "a child ran exit handlers";
   sigprocmask(SIG_UNBLOCK, &usr2, nullptr);
   signal(SIGUSR1, SIG_DFL);
 
@@ -184,27 +195,6 @@ TEST_F(RequestTest, OneRequest) {
             RunAPI<PhaseAPI>(kBob, Json::Value(), &children).GetState());
   EXPECT_TRUE(AllExitedZero(children, 1));
   EXPECT_EQ(0, access(kPostActionsFile, F_OK));
-}
-
-// A forked task runs in the child only, which leaves with _exit: no exit
-// handlers, no second flush of the parent's buffered output.
-TEST_F(RequestTest, TasksRunInTheChildAlone) {
-  static const pid_t test_pid = getpid();
-  atexit([] {
-    if (getpid() != test_pid) WriteFile(kExitHandlerFile, "yes");
-  });
-  unlink(kExitHandlerFile);
-  FILE* out = fopen("/tmp/task_stdio", "w");
-  ASSERT_NE(nullptr, out);
-  fputs("once", out);
-  RequestGuard guard;
-  ForkTask task(1);
-  EXPECT_TRUE(task.DoTask([] { WriteFile("/tmp/task_ran", std::to_string(getpid())); }));
-  EXPECT_TRUE(AllExitedZero(guard.Finish(), 1));
-  EXPECT_EQ(std::to_string(task.pid()), ReadFile("/tmp/task_ran"));
-  fclose(out);
-  EXPECT_EQ("once", ReadFile("/tmp/task_stdio"));
-  EXPECT_NE(0, access(kExitHandlerFile, F_OK)) << "the child ran exit handlers";
 }
 
 // The status words on the real indexing library and queue files (the
@@ -224,16 +214,13 @@ TEST_F(RequestTest, StatusWords) {
         .GetData()["status"][word]
         .asString();
   };
-  const auto pause = [](const char* params) {
-    EXPECT_TRUE(RunAPI<StatusPauseAPI>(kCarol, ParseJson(params)).IsSuccess()) << params;
-  };
   EXPECT_EQ("finished", status("index"));  // no indexed share at all
   ASSERT_TRUE(RunAPI<kestondri::webapi::FolderAddAPI>(kAnn, ParseJson(R"({"folder": [
       {"path": "/volume1/photo/a"}, {"path": "/volume1/docs/c"}, {"path": "/volume2/music/d"}]})"))
                   .IsSuccess());
   EXPECT_EQ("processing", status("index"));
   for (const char* params : {R"({"length": 0})", R"({"length": 3600})"}) {
-    pause(params);
+    EXPECT_TRUE(RunAPI<StatusPauseAPI>(kCarol, ParseJson(params)).IsSuccess()) << params;
     EXPECT_EQ("paused", status("index"));
   }
   EXPECT_TRUE(RunAPI<kestondri::webapi::StatusResumeAPI>(kCarol, Json::Value()).IsSuccess());
@@ -247,7 +234,7 @@ TEST_F(RequestTest, StatusWords) {
       "[photo]\npath = /volume1/photo\n[docs]\npath = /volume1/docs\nread only = yes\n" + music);
   EXPECT_EQ("processing", status("index"));
   unlink("/volume1/@kestondri/queue/photo.queue.tmp");
-  pause("{}");
+  EXPECT_TRUE(RunAPI<StatusPauseAPI>(kCarol, ParseJson("{}")).IsSuccess());
   EXPECT_EQ("finished", status("index"));
 
   // docs vanished: logged and skipped; photo (after it) is still inspected.

@@ -24,6 +24,7 @@
 #include "module/api_runner.h"
 #include "platform/platform_test.h"
 #include "support/thrown.h"
+#include "webapi/folder.h"
 #include "webapi/search.h"
 
 namespace kesttest {
@@ -50,13 +51,6 @@ class SDKTest : public ModuleTest {
   void TearDown() override {
     PlatformDouble::Reset();
     ModuleTest::TearDown();
-  }
-
-  static User MakeUser(const char* name, bool home_enabled) {
-    User user;
-    user.name_ = name;
-    user.home_enabled_ = home_enabled;
-    return user;
   }
 };
 
@@ -125,7 +119,6 @@ TEST_F(SDKTest, CredentialsGuard) {
   }
 }
 
-// A failed fork runs nothing and is logged.
 TEST_F(SDKTest, FailedFork) {
   bool ran = false;
   PlatformDouble::FailNext("KLIBCProcForkEx");
@@ -242,12 +235,37 @@ TEST_F(SDKTest, FailuresThrowWithTheirTexts) {
       {"KLIBShareIsEncryptedGet", 0, "share.cc:73",
        "502 KLIBShareis_encryptedGet failed, share=photo",
        [] { SDKShare("photo").CanBeIndexed(); }},
+      {"KLIBShareIsReadOnlyGet", 0, "share.cc:75",
+       "502 KLIBShareis_readonlyGet failed, share=photo", [] { SDKShare("photo").CanBeIndexed(); }},
+      {"KLIBShareIsEncryptionGet", 0, "share.cc:87",
+       "502 KLIBShareIsEncryptionGet failed, share=photo",
+       [] { SDKShare("photo").IsEncryption(); }},
+      {"KLIBShareRecycleStatusGet", 0, "share.cc:99",
+       "502 KLIBShareRecycleStatusGet failed, share=photo",
+       [] { SDKShare("photo").IsEnableRecycleBin(); }},
       {"FILEIDXQueuePathCompose", 0, "share.cc:156",
        "502 FILEIDXQueuePathCompose failed, share=photo", [] { SDKShare("photo").GetQueuePath(); }},
+      {"FILEIDXGetIndexID", 0, "share.cc:184", "502 FILEIDXGetIndexID failed, share=photo",
+       [] { SDKShare("photo").GetDBName(); }},
+      {"KLIBCSzListAlloc", 0, "share.cc:54", "121 KLIBCSzListAlloc failed",
+       [] { SDKShare::Enum(); }},
       {"KLIBShareEnum", 0, "share.cc:56", "121 KLIBShareEnum failed", [] { SDKShare::Enum(); }},
+      {nullptr, 0, "util.cc:177", "502 Failed to open dir: /volume1/none",
+       [] { kestondri::ProcessDir("/volume1/none", [](const std::string&) {}); }},
+      {nullptr, 0, "", "120 Need path or owner",  // logged by the method's runner
+       [] {
+         KEST::APIRequest request(Json::Value(), 0, "root", "sid", true);
+         KEST::APIResponse response;
+         kestondri::webapi::FolderDelAPI(&request, &response).Run();
+       }},
       {nullptr, 0, "../../..//src/include/common/sdk/user.h:47",
        "502 KESTServiceHomePathGet failed, user=nosuchuser",
-       [] { MakeUser("nosuchuser", true).GetHomePath(); }},
+       [] {
+         User user;
+         user.name_ = "nosuchuser";
+         user.home_enabled_ = true;
+         user.GetHomePath();
+       }},
       {nullptr, 0, "permission.cc:16", "502 Malformed path: /volume1",
        [] { FilePermission(kAnnUid).CheckRead("/volume1"); }},
       // A missing file: the word cannot be asked.
@@ -271,7 +289,8 @@ TEST_F(SDKTest, FailuresThrowWithTheirTexts) {
   // A failure is not cached: the next call asks again and succeeds.
   SDKShare photo("photo");
   PlatformDouble::FailNext("FILEIDXDBPathCompose");
-  EXPECT_THROW(photo.GetDBPath(), Error);
+  EXPECT_EQ("502 FILEIDXDBPathCompose failed, share=photo",
+            Thrown<Error>([&] { photo.GetDBPath(); }));
   EXPECT_EQ("/volume1/@kestondri/index/photo", photo.GetDBPath());
   // Without the lists of the platform a hidden flag reads as unset.
   PlatformDouble::FailNext("KLIBShareHideUnreadableGet");
@@ -295,14 +314,6 @@ class PermissionModelTest : public ::testing::Test {
     int perm = 0;
     EXPECT_EQ(0, KESTACLPermCalc(user.c_str(), nullptr, path.c_str(), &perm)) << path;
     return perm;
-  }
-
-  int Privilege(const std::string& user, const std::string& share) {
-    PKESTSHARE record = nullptr;
-    EXPECT_EQ(0, KESTShareGet(share.c_str(), &record));
-    const int priv = KESTShareUserPrivCalc(user.c_str(), record);
-    KESTShareFree(record);
-    return priv;
   }
 
   std::mt19937 rng_{7};
@@ -357,7 +368,10 @@ TEST_F(PermissionModelTest, ChecksMatchTheModel) {
       for (const auto& path : paths) {
         const bool homes = path.compare(0, 15, "/volume1/homes/") == 0;
         const unsigned share_ftp = homes ? 0 : ftp;
-        const int priv = Privilege(user, homes ? "homes" : "photo");
+        PKESTSHARE record = nullptr;
+        EXPECT_EQ(0, KESTShareGet(homes ? "homes" : "photo", &record));
+        const int priv = KESTShareUserPrivCalc(user.c_str(), record);
+        KESTShareFree(record);
         const bool home_test =
             (path + "/").compare(0, home_real.size() + 1, home_real + "/") == 0 ||
             priv != KEST_SHARE_PRIV_NA;

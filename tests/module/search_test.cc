@@ -25,7 +25,6 @@ using kestondri::webapi::HighlightAPI;
 using kestondri::webapi::IndicateAPI;
 using kestondri::webapi::SearchAPI;
 
-// Makes exactly the given shares indexed, through the real indexing library.
 void IndexShares(const std::vector<std::string>& shares) {
   (void)!system("rm -f /var/packages/KestOndri/var/fileindex/folders.db*");
   Json::Value folders(Json::arrayValue);
@@ -69,14 +68,12 @@ DaemonReply Hits(const std::string& messages) {
   return reply;
 }
 
-// A status reply naming unavailable indices in each state.
 DaemonReply StatusReply() {
   return DaemonReply().Text(
       R"({"success": true, "data": {"unknown": ["fileindex_a"], "checking": ["fileindex_b"],
           "crashed": ["fileindex_c", "fileindex_a"]}})");
 }
 
-// Scripts one search without hits, and the status exchange.
 void ScriptSearch(FakeDaemon& daemon) {
   daemon.On("search", DaemonReply::Success());
   daemon.On("list_db_status", StatusReply());
@@ -271,19 +268,18 @@ TEST_F(DaemonMethodsTest, Replies) {
   EXPECT_TRUE(SyslogCapture::Instance().Matching("parse error near x").empty());
 }
 
-// Runs one search in a child process and reports its answer through a pipe.
 struct RemoteSearch {
   pid_t pid;
   int fd;
 };
 
-RemoteSearch StartSearch(const Json::Value& params) {
+RemoteSearch StartSearch(const Json::Value& params, const Login& login = kAnn) {
   int fds[2];
   EXPECT_EQ(0, pipe(fds));
   const pid_t pid = fork();
   if (pid == 0) {
     close(fds[0]);
-    const std::string text = Json::toString(RunAPIUnguarded<SearchAPI>(kAnn, params).ToJson());
+    const std::string text = Json::toString(RunAPIUnguarded<SearchAPI>(login, params).ToJson());
     (void)!write(fds[1], text.data(), text.size());
     _exit(0);
   }
@@ -414,29 +410,32 @@ TEST_F(DaemonMethodsTest, TrackingFileDecidesWhoRuns) {
   EXPECT_TRUE(SyslogCapture::Instance().WaitFor(R"(Failed [string::npos != query_id_.find("/")])"));
 }
 
-// A search claims its query id with its process's pid and start; a failed
-// one leaves its claim, naming the worker that goes on serving: the next
-// request of the query id must not stop the process it runs in.
-// (A newer request stopping an older one: TrackingFileDecidesWhoRuns.)
-TEST_F(DaemonMethodsTest, FailedSearchLeavesItsClaimWhichDoesNotStopItsOwnProcess) {
+// A failed search leaves its claim, naming the worker that goes on serving:
+// the next request of the query id must not stop the process it runs in. A
+// newer request stops the older one still waiting for the daemon; another
+// user's request of the same id stops nothing.
+TEST_F(DaemonMethodsTest, ClaimsOfAQueryId) {
   FakeDaemon daemon;
   daemon.On("search", DaemonReply::Failure(4242, "broken"));
   ASSERT_EQ(4242, RunAPI<SearchAPI>(kAnn, Params({"docs"}, "q2", 9)).GetErrorCode());
-  kestondri::ProcessMark self{};
-  ASSERT_TRUE(kestondri::ReadProcessMark(getpid(), &self));
-  EXPECT_EQ(ParseJson("{\"pid\": " + std::to_string(getpid()) + ", \"query_serial\": 9, " +
-                      "\"start_time\": " + std::to_string(self.start_time) + "}"),
-            ParseJson(ReadFile(TrackingFile("q2"))));
+  EXPECT_EQ(static_cast<int>(getpid()), ParseJson(ReadFile(TrackingFile("q2")))["pid"].asInt());
   ScriptSearch(daemon);
   EXPECT_TRUE(RunAPI<SearchAPI>(kAnn, Params({"docs"}, "q2", 10)).IsSuccess());
   EXPECT_EQ(-1, access(TrackingFile("q2").c_str(), F_OK));
-}
 
-std::vector<std::string> History(uid_t uid) {
-  std::vector<std::string> out;
-  kestondri::db::SearchHistoryTable table(kestondri::db::DBSession::Instance());
-  for (const auto& row : table.List(uid)) out.push_back(row.keyword);
-  return out;
+  daemon.On("search", DaemonReply().HoldUntilClientGoes());
+  const RemoteSearch older = StartSearch(Params({"docs"}, "q2", 11));
+  EXPECT_TRUE(daemon.WaitForRequests(4));
+  for (const Login& login : {kBob, kAnn}) {
+    ScriptSearch(daemon);
+    const RemoteSearch newer = StartSearch(Params({"docs"}, "q2", 12), login);
+    EXPECT_TRUE(ParseJson(ReadAll(newer.fd))["success"].asBool()) << login.name;
+    EXPECT_EQ(0, EndedBy(newer.pid, false)) << login.name;
+    EXPECT_TRUE(login.uid != kBobUid || 0 == waitpid(older.pid, nullptr, WNOHANG)) << "stopped";
+  }
+  // Were the older one still running, this would end it with another signal.
+  EXPECT_EQ(SIGKILL, EndedBy(older.pid));
+  EXPECT_EQ("", ReadAll(older.fd));  // the older request never answered
 }
 
 // A forked child records the typed keyword, trimmed, in the user's history
@@ -471,7 +470,10 @@ TEST_F(DaemonMethodsTest, SearchHistory) {
     // The after-answer child of every request, and the history child.
     const bool recorded = c.orig_keyword && c.login.uid != kBobUid;
     EXPECT_TRUE(AllExitedZero(children, recorded ? 2 : 1)) << c.login.name;
-    EXPECT_EQ(c.history, History(c.login.uid)) << c.login.name;
+    std::vector<std::string> history;
+    kestondri::db::SearchHistoryTable table(kestondri::db::DBSession::Instance());
+    for (const auto& row : table.List(c.login.uid)) history.push_back(row.keyword);
+    EXPECT_EQ(c.history, history) << c.login.name;
   }
 }
 
