@@ -45,33 +45,28 @@ std::string Sample(const std::string& name) {
   return KEST_SOURCE_DIR "/tests/indexer/samples/" + name;
 }
 
-struct SanitizeCase {
-  const char* name;
-  std::string input;
-  std::string expected;
-};
-
 TEST(TextSinkTest, InvalidUtf8BecomesReplacementCharacters) {
   const std::string r = "\xEF\xBF\xBD";
-  const SanitizeCase cases[] = {
-      {"ascii", "plain", "plain"},
-      {"two-byte", "caf\xC3\xA9", "caf\xC3\xA9"},
-      {"four-byte", "\xF0\x9F\x98\x80!", "\xF0\x9F\x98\x80!"},
-      {"lone continuation", "a\x80z", "a" + r + "z"},
-      {"overlong slash", "\xC0\xAF", r + r},
-      {"overlong three-byte", "\xE0\x80\xAF", r + r + r},
-      {"surrogate", "\xED\xA0\x80", r + r + r},
-      {"beyond U+10FFFF", "\xF4\x90\x80\x80", r + r + r + r},
-      {"invalid lead F8", "\xF8\x88\x80\x80\x80", r + r + r + r + r},
-      {"truncated at end", "ab\xE2\x82", "ab" + r + r},
-      {"latin-1 byte", "na\xEFve", "na" + r + "ve"},
+  // Valid two- and four-byte characters; a lone continuation, overlong forms,
+  // a surrogate, beyond U+10FFFF, an invalid lead, a truncated end, latin-1.
+  const std::pair<std::string, std::string> cases[] = {
+      {"plain caf\xC3\xA9", "plain caf\xC3\xA9"},
+      {"\xF0\x9F\x98\x80!", "\xF0\x9F\x98\x80!"},
+      {"a\x80z", "a" + r + "z"},
+      {"\xC0\xAF", r + r},
+      {"\xE0\x80\xAF", r + r + r},
+      {"\xED\xA0\x80", r + r + r},
+      {"\xF4\x90\x80\x80", r + r + r + r},
+      {"\xF8\x88\x80\x80\x80", r + r + r + r + r},
+      {"ab\xE2\x82", "ab" + r + r},
+      {"na\xEFve", "na" + r + "ve"},
   };
-  for (const SanitizeCase& c : cases) {
+  for (const auto& [input, expected] : cases) {
     TextSink sink(1024);
-    sink.Append(c.input);
-    EXPECT_EQ(sink.Take(), c.expected) << c.name;
-    EXPECT_EQ(SanitizeUtf8(c.input), c.expected) << c.name;
-    EXPECT_EQ(IsValidUtf8(c.input), c.input == c.expected) << c.name;
+    sink.Append(input);
+    EXPECT_EQ(sink.Take(), expected) << input;
+    EXPECT_EQ(SanitizeUtf8(input), expected) << input;
+    EXPECT_EQ(IsValidUtf8(input), input == expected) << input;
   }
 }
 
@@ -124,31 +119,6 @@ TEST(TextSinkTest, ControlCharactersAndLineEnds) {
   EXPECT_EQ(markup.Take(), "lead two words\nnext para");
 }
 
-// Every listed extension is checked against docs/extraction.md below; here
-// the edges: case, names without an extension, folders named like files.
-TEST(FormatTableTest, ExtensionsChooseTheExtractor) {
-  const struct {
-    const char* path;
-    DocFormat format;
-  } cases[] = {
-      {"/volume1/docs/report.PDF", DocFormat::kPdf},
-      {"index.HTM", DocFormat::kHtml},
-      {"photo.jpg", DocFormat::kNone},
-      {"archive.tar.gz", DocFormat::kNone},
-      {".bashrc", DocFormat::kNone},
-      {"/dir.pdf/plain", DocFormat::kNone},
-      {"trailing.", DocFormat::kNone},
-      {"", DocFormat::kNone},
-  };
-  for (const auto& c : cases) {
-    EXPECT_EQ(FormatForPath(c.path), c.format) << c.path;
-  }
-  // Parsers of untrusted markup run in the confined worker; plain text needs none.
-  EXPECT_FALSE(RunsInWorker(DocFormat::kText));
-  for (DocFormat f : {DocFormat::kHtml, DocFormat::kPdf, DocFormat::kDocx, DocFormat::kOdf})
-    EXPECT_TRUE(RunsInWorker(f));
-}
-
 // The table in docs/extraction.md is what administrators read: every
 // extension it lists must go where it says.
 TEST(FormatTableTest, DocumentedTableMatches) {
@@ -177,6 +147,16 @@ TEST(FormatTableTest, DocumentedTableMatches) {
   }
   EXPECT_EQ(rows, 7);
   EXPECT_GT(names, 70);
+  // The edges: case, names without an extension, folders named like files.
+  EXPECT_EQ(FormatForPath("/volume1/docs/report.PDF"), DocFormat::kPdf);
+  EXPECT_EQ(FormatForPath("index.HTM"), DocFormat::kHtml);
+  for (const char* path :
+       {"photo.jpg", "archive.tar.gz", ".bashrc", "/dir.pdf/plain", "trailing.", ""})
+    EXPECT_EQ(FormatForPath(path), DocFormat::kNone) << path;
+  // Parsers of untrusted markup run in the confined worker; plain text needs none.
+  EXPECT_FALSE(RunsInWorker(DocFormat::kText));
+  for (DocFormat f : {DocFormat::kHtml, DocFormat::kPdf, DocFormat::kDocx, DocFormat::kOdf})
+    EXPECT_TRUE(RunsInWorker(f));
 }
 
 // The worker as installed, and a build of it that misbehaves on request
