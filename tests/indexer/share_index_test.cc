@@ -1,9 +1,5 @@
-// One share's index as the indexer writes it, driven directly: a folder's
-// reindex rewrites documents whose files look unchanged, drops vanished
-// files, keeps every document searchable while it runs, and goes on where an
-// interruption (a pause, a stop, a restart) left it; a new index ends
-// compacted, and one of another layout or language is built anew beside the
-// one that answers.
+// One share's index as the indexer writes it, driven directly: reindexes,
+// updates, interruptions, compaction, a new language built beside the old.
 #include "service/share_index.h"
 
 #include <gtest/gtest.h>
@@ -86,11 +82,9 @@ class ShareIndexTest : public testing::Test {
     return r;
   }
 
-  // What a faulty extractor or a damaged entry leaves: a document whose
-  // text is wrong while its file's size and time still match.
-  // `keep_written` keeps the document's write time (as if written by the
-  // current reindex); `drop_identity` makes it a document written before
-  // identities were kept. The indexer lets go of the database meanwhile.
+  // A document whose text went wrong while its file's size and time match;
+  // `keep_written`: as if written by the current reindex; `drop_identity`:
+  // written before identities were kept.
   void MakeStale(const std::string& path, bool keep_written, bool drop_identity = false) {
     index_->Close();
     {
