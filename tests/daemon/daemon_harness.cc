@@ -5,7 +5,6 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
-#include <algorithm>
 #include <memory>
 
 namespace kesttest {
@@ -35,12 +34,11 @@ static std::vector<Json::Value> ReadReply(kestdaemon::SockConnection& conn) {
 
 std::vector<Json::Value> Exchange(const Json::Value& request, const std::string& user) {
   if (user != "root") {
-    Json::Value all;
-    Json::fromString(all, InChildAs(user, [&request] {
-                       Json::Value all(Json::arrayValue);
-                       for (auto& m : Exchange(request)) all.append(m);
-                       return Json::toString(all);
-                     }));
+    const Json::Value all = ParseJson(InChildAs(user, [&request] {
+      Json::Value all(Json::arrayValue);
+      for (auto& m : Exchange(request)) all.append(m);
+      return Json::toString(all);
+    }));
     return std::vector<Json::Value>(all.begin(), all.end());
   }
   kestdaemon::DomainSockConnection conn(kDaemonSocket);
@@ -62,8 +60,7 @@ std::vector<Json::Value> ExchangeRaw(const std::string& bytes) {
 pid_t HoldConnectionsAs(const std::string& user, int count, const std::string& bytes,
                         const std::string& socket) {
   pid_t pid = -1;
-  // Leaked on purpose: held until the process is killed. Refused ones
-  // (closed by the daemon) fail here or later: no matter.
+  // Leaked on purpose, held until killed; refused ones fail here or later.
   const auto hold = [&] {
     for (int i = 0; i < count; ++i) {
       auto* conn = new kestdaemon::DomainSockConnection(socket);
@@ -101,13 +98,6 @@ Json::Value SearchRequest(const std::vector<std::string>& indice, const std::str
 std::vector<Json::Value> Hits(const std::vector<Json::Value>& reply) {
   if (reply.size() < 2) return {};
   return std::vector<Json::Value>(reply.begin() + 1, reply.end() - 1);
-}
-
-std::vector<std::string> HitNames(const std::vector<Json::Value>& reply) {
-  std::vector<std::string> names;
-  for (const auto& h : Hits(reply)) names.push_back(h["KESTMDFSName"].asString());
-  std::sort(names.begin(), names.end());
-  return names;
 }
 
 }  // namespace kesttest
