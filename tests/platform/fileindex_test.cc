@@ -6,6 +6,7 @@
 #include <climits>
 #include <map>
 #include <set>
+#include <tuple>
 
 #include "kest/json.h"
 #include "kestondri/db.h"
@@ -159,13 +160,7 @@ TEST_F(FileIndexTest, EachCallerSeesAndChangesOnlyWhatTheyMay) {
             summary);
 
   const std::string queue = ReadFile(kQueue);
-  const struct {
-    const char* user;
-    char op;
-    std::string text;
-    int code;
-    const char* reason;
-  } refused[] = {
+  const std::tuple<const char*, char, std::string, int, const char*> refused[] = {
       {"ann", 'a', R"([{"path": "/volume1/photo/shared/../ann"}])", 120, "not canonical"},
       {"ann", 'a', R"([{"path": "volume1/photo/shared"}])", 120, "must be absolute"},
       {"ann", 'a', R"([{"path": "/volume1/photo/escape"}])", 120, "symbolic link"},
@@ -208,10 +203,10 @@ TEST_F(FileIndexTest, EachCallerSeesAndChangesOnlyWhatTheyMay) {
       {"ann", 'i', R"(["/volume1/photo/ann/../bob"])", 120, "not canonical"},
       {"ann", 'p', "", 507, ""},
   };
-  for (const auto& r : refused) {
+  for (const auto& [user, op, text, code, why] : refused) {
     std::string reason;
-    EXPECT_EQ(r.code, Call(r.user, r.op, r.text, &reason)) << r.text;
-    EXPECT_NE(std::string::npos, reason.find(r.reason)) << r.text << " gave: " << reason;
+    EXPECT_EQ(code, Call(user, op, text, &reason)) << text;
+    EXPECT_NE(std::string::npos, reason.find(why)) << text << " gave: " << reason;
   }
   // The queue's twin cannot be written: the store is rolled back.
   mkdir("/volume1/@kestondri/queue/docs.queue.tmp", 0755);
@@ -369,11 +364,7 @@ TEST_F(FileIndexTest, EachUsersRecordsInADatabaseClosedToOthers) {
       EXPECT_EQ(file == "/.." ? 040700u : 0100600u, st.st_mode) << file;
     }
   }
-  const struct {
-    const char* user;
-    std::function<void()> call;
-    int code;
-  } calls[] = {
+  const std::tuple<const char*, std::function<void()>, int> calls[] = {
       {"ann", [] { Preference(kBobUid).Get<bool>("enable_history"); }, kErrNoPermission},
       {"ann", [] { Preference(kBobUid).Set<bool>("enable_history", false); }, kErrNoPermission},
       {"bob", [] { Preference(kAnnUid).Get<int>("max_history_num"); }, kErrNoPermission},
@@ -384,7 +375,7 @@ TEST_F(FileIndexTest, EachUsersRecordsInADatabaseClosedToOthers) {
       {"bob", [] { EXPECT_EQ(50, Preference(kBobUid).Get<int>("max_history_num")); }, 0},
       {"KestOndri", [] { EXPECT_EQ(7, Preference(kAnnUid).Get<int>("max_history_num")); }, 0},
   };
-  for (const auto& c : calls) EXPECT_EQ(c.code, CodeOf(c.user, c.call)) << c.user;
+  for (const auto& [user, call, code] : calls) EXPECT_EQ(code, CodeOf(user, call)) << user;
   EXPECT_EQ((std::vector<std::string>{"secret"}), Keywords(kBobUid));
   EXPECT_EQ((std::vector<std::string>{"mine"}), Keywords(kAnnUid));
 

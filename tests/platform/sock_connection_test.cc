@@ -29,12 +29,9 @@ class SockConnectionTest : public testing::Test {
   int fds_ = 0;
 };
 
-// Replies of one or several messages, arriving in pieces that need not follow
-// the frames, the connection closed after the last step: the reader hands out
-// each message whole, in order, then fails and leaves the buffer it was given
-// as it was. A signal every 10 ms interrupts the waits of every row; the
-// calls resume. (A peer that closes at once, several messages in one reply:
-// the module's search tests. Bare descriptors: the fuzz target only.)
+// Replies in pieces that need not follow the frames, then closed: each message
+// whole, in order, then a failure that leaves the buffer as it was. A signal
+// every 10 ms interrupts every wait; the calls resume.
 TEST_F(SockConnectionTest, ReplyScripts) {
   struct Case {
     const char* what;
