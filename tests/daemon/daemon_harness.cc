@@ -5,6 +5,7 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <memory>
 
 namespace kesttest {
@@ -98,6 +99,13 @@ Json::Value SearchRequest(const std::vector<std::string>& indice, const std::str
 std::vector<Json::Value> Hits(const std::vector<Json::Value>& reply) {
   if (reply.size() < 2) return {};
   return std::vector<Json::Value>(reply.begin() + 1, reply.end() - 1);
+}
+
+std::vector<std::string> HitNames(const std::vector<Json::Value>& reply) {
+  std::vector<std::string> names;
+  for (const auto& h : Hits(reply)) names.push_back(h["KESTMDFSName"].asString());
+  std::sort(names.begin(), names.end());
+  return names;
 }
 
 }  // namespace kesttest

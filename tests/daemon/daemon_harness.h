@@ -34,8 +34,10 @@ Json::Value Request(const std::string& command, const Json::Value& data);
 // A search request over `indice` for `keyword` with the module's fixed members.
 Json::Value SearchRequest(const std::vector<std::string>& indice, const std::string& keyword,
                           int from = 0, int size = 100);
-// The hits of a search reply: between the count and the end.
+// The hits of a search reply (between the count and the end), and their
+// file names, sorted.
 std::vector<Json::Value> Hits(const std::vector<Json::Value>& reply);
+std::vector<std::string> HitNames(const std::vector<Json::Value>& reply);
 
 }  // namespace kesttest
 
