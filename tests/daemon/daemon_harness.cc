@@ -35,12 +35,11 @@ static std::vector<Json::Value> ReadReply(kestdaemon::SockConnection& conn) {
 
 std::vector<Json::Value> Exchange(const Json::Value& request, const std::string& user) {
   if (user != "root") {
-    Json::Value all;
-    Json::fromString(all, InChildAs(user, [&request] {
-                       Json::Value all(Json::arrayValue);
-                       for (auto& m : Exchange(request)) all.append(m);
-                       return Json::toString(all);
-                     }));
+    const Json::Value all = ParseJson(InChildAs(user, [&request] {
+      Json::Value all(Json::arrayValue);
+      for (auto& m : Exchange(request)) all.append(m);
+      return Json::toString(all);
+    }));
     return std::vector<Json::Value>(all.begin(), all.end());
   }
   kestdaemon::DomainSockConnection conn(kDaemonSocket);
@@ -62,8 +61,7 @@ std::vector<Json::Value> ExchangeRaw(const std::string& bytes) {
 pid_t HoldConnectionsAs(const std::string& user, int count, const std::string& bytes,
                         const std::string& socket) {
   pid_t pid = -1;
-  // Leaked on purpose: held until the process is killed. Refused ones
-  // (closed by the daemon) fail here or later: no matter.
+  // Leaked on purpose, held until killed; refused ones fail here or later.
   const auto hold = [&] {
     for (int i = 0; i < count; ++i) {
       auto* conn = new kestdaemon::DomainSockConnection(socket);

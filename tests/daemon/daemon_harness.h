@@ -17,14 +17,12 @@ constexpr const char kDaemonSocket[] = "/var/run/kestelasticd.sock";
 
 class DaemonProcess : public ChildProcess {
  public:
-  // Extra arguments after the program name; waits until `socket` accepts.
-  // False when the daemon did not come up.
+  // Extra arguments after the program name; true once `socket` accepts.
   bool Start(const std::vector<std::string>& args = {}, const std::string& socket = kDaemonSocket);
 };
 
-// Sends `request` (or raw bytes, framing included) on a fresh connection,
-// as `user` from a child process unless "root"; the reply's messages up to
-// the end ("success" without "total"); empty when the exchange failed.
+// The reply's messages to `request` (or raw bytes, framed) on a fresh connection, as `user`
+// from a child unless "root", up to "success" without "total"; empty on a failed exchange.
 std::vector<Json::Value> Exchange(const Json::Value& request, const std::string& user = "root");
 std::vector<Json::Value> ExchangeRaw(const std::string& bytes);
 // The pid of a child process acting as `user` that sent `bytes` on `count`

@@ -1,12 +1,12 @@
 // The package's data on the real platform: the indexing library's store and
 // queues, preferences and search history; one scenario per concern.
 #include <fcntl.h>
-#include <sys/wait.h>
 
 #include <algorithm>
 #include <climits>
 #include <map>
 #include <set>
+#include <tuple>
 
 #include "kest/json.h"
 #include "kestondri/db.h"
@@ -116,11 +116,9 @@ class FileIndexTest : public IdentityTest {
   }
 };
 
-// The caller becomes the owner; the store's and queue's files are root's,
-// closed to others but for the queue folder the indexer reads. Users see what
-// they can read; only owners and administrators change folders; what a user
-// may not see does not exist for them. Bad input and refused calls change
-// nothing and say why; a failed queue write rolls the store back.
+// The store's and queue's files are root's, closed to others but for the
+// queue folder the indexer reads; what a user may not see does not exist for
+// them; refused calls change nothing and say why.
 TEST_F(FileIndexTest, EachCallerSeesAndChangesOnlyWhatTheyMay) {
   ASSERT_EQ(
       0, Call("ann", 'a', R"([{"path": "/volume1/photo/ann/", "photo": false, "name": "Pics"}])"));
@@ -162,13 +160,7 @@ TEST_F(FileIndexTest, EachCallerSeesAndChangesOnlyWhatTheyMay) {
             summary);
 
   const std::string queue = ReadFile(kQueue);
-  const struct {
-    const char* user;
-    char op;
-    std::string text;
-    int code;
-    const char* reason;
-  } refused[] = {
+  const std::tuple<const char*, char, std::string, int, const char*> refused[] = {
       {"ann", 'a', R"([{"path": "/volume1/photo/shared/../ann"}])", 120, "not canonical"},
       {"ann", 'a', R"([{"path": "volume1/photo/shared"}])", 120, "must be absolute"},
       {"ann", 'a', R"([{"path": "/volume1/photo/escape"}])", 120, "symbolic link"},
@@ -211,10 +203,10 @@ TEST_F(FileIndexTest, EachCallerSeesAndChangesOnlyWhatTheyMay) {
       {"ann", 'i', R"(["/volume1/photo/ann/../bob"])", 120, "not canonical"},
       {"ann", 'p', "", 507, ""},
   };
-  for (const auto& r : refused) {
+  for (const auto& [user, op, text, code, why] : refused) {
     std::string reason;
-    EXPECT_EQ(r.code, Call(r.user, r.op, r.text, &reason)) << r.text;
-    EXPECT_NE(std::string::npos, reason.find(r.reason)) << r.text << " gave: " << reason;
+    EXPECT_EQ(code, Call(user, op, text, &reason)) << text;
+    EXPECT_NE(std::string::npos, reason.find(why)) << text << " gave: " << reason;
   }
   // The queue's twin cannot be written: the store is rolled back.
   mkdir("/volume1/@kestondri/queue/docs.queue.tmp", 0755);
@@ -230,7 +222,7 @@ TEST_F(FileIndexTest, EachCallerSeesAndChangesOnlyWhatTheyMay) {
   Json::Value entry = Get("ann", all[3]);
   EXPECT_EQ("Beta true paused", entry["name"].asString() + " " + Json::toString(entry["paused"]) +
                                     " " + entry["additional"]["status"].asString());
-  // (Pages, the order by name, share groups: the module's folder tests.)
+  // Pages, the order by name, share groups.
   using V = std::vector<std::string>;
   EXPECT_EQ((V{"Pics", "open"}), Listed("root", "name", "name", "DESC", "all", "", 2));
   EXPECT_EQ(V{"Pics"}, Listed("ann", "name", "", "", "mine"));
@@ -262,10 +254,8 @@ TEST_F(FileIndexTest, EachCallerSeesAndChangesOnlyWhatTheyMay) {
   EXPECT_TRUE(Listed("root").empty());
 }
 
-// The queue keeps its order and survives an interrupted rewrite; the pause
-// state is shared across processes and read by anyone (its lengths: the
-// module's status tests); readers answer from a snapshot of the store while
-// no commit has happened since it was taken.
+// The pause state is shared across processes (its lengths: the module's
+// status tests); readers answer from a snapshot while no commit followed it.
 TEST_F(FileIndexTest, QueuePauseAndSnapshot) {
   ASSERT_EQ(0, Call("root", 'a',
                     R"([{"path": "/volume1/photo/shared"}, {"path": "/volume1/photo/ann"}])"));
@@ -324,13 +314,12 @@ TEST_F(FileIndexTest, QueuePauseAndSnapshot) {
       head + R"("rows": {"a": 1}})",
   };
   for (const auto& text : damaged) {
+    SCOPED_TRACE(text.substr(0, 80));
     WriteFile(snapshot, text);
     SyslogCapture::Instance().Clear();
-    EXPECT_EQ((std::set<std::string>{"docs", "photo"}), FolderMgr().GetIndexedShares())
-        << text.substr(0, 80);
-    EXPECT_TRUE(SyslogCapture::Instance().WaitFor("snapshot " + snapshot + " ignored"))
-        << text.substr(0, 80);
-    EXPECT_TRUE(ParseJson(ReadFile(snapshot))["rows"].isArray()) << text.substr(0, 80);
+    EXPECT_EQ((std::set<std::string>{"docs", "photo"}), FolderMgr().GetIndexedShares());
+    EXPECT_TRUE(SyslogCapture::Instance().WaitFor("snapshot " + snapshot + " ignored"));
+    EXPECT_TRUE(ParseJson(ReadFile(snapshot))["rows"].isArray());
   }
 
   // A path of any bytes reads back from the snapshot as it was stored.
@@ -375,11 +364,7 @@ TEST_F(FileIndexTest, EachUsersRecordsInADatabaseClosedToOthers) {
       EXPECT_EQ(file == "/.." ? 040700u : 0100600u, st.st_mode) << file;
     }
   }
-  const struct {
-    const char* user;
-    std::function<void()> call;
-    int code;
-  } calls[] = {
+  const std::tuple<const char*, std::function<void()>, int> calls[] = {
       {"ann", [] { Preference(kBobUid).Get<bool>("enable_history"); }, kErrNoPermission},
       {"ann", [] { Preference(kBobUid).Set<bool>("enable_history", false); }, kErrNoPermission},
       {"bob", [] { Preference(kAnnUid).Get<int>("max_history_num"); }, kErrNoPermission},
@@ -390,31 +375,29 @@ TEST_F(FileIndexTest, EachUsersRecordsInADatabaseClosedToOthers) {
       {"bob", [] { EXPECT_EQ(50, Preference(kBobUid).Get<int>("max_history_num")); }, 0},
       {"KestOndri", [] { EXPECT_EQ(7, Preference(kAnnUid).Get<int>("max_history_num")); }, 0},
   };
-  for (const auto& c : calls) EXPECT_EQ(c.code, CodeOf(c.user, c.call)) << c.user;
+  for (const auto& [user, call, code] : calls) EXPECT_EQ(code, CodeOf(user, call)) << user;
   EXPECT_EQ((std::vector<std::string>{"secret"}), Keywords(kBobUid));
   EXPECT_EQ((std::vector<std::string>{"mine"}), Keywords(kAnnUid));
-}
 
-TEST_F(FileIndexTest, HistoryRefreshesKnownKeywordsAndKeepsTheNewestUpToTheLimit) {
-  Record(kAnnUid, "alpha", 100);
-  Record(kAnnUid, "beta", 200);
-  Record(kAnnUid, "alpha", 300);  // searched again: moves to the front, no twin
-  EXPECT_EQ((std::vector<std::string>{"alpha", "beta"}), Keywords(kAnnUid));
-  EXPECT_EQ(300, SearchHistoryTable(DBSession::Instance()).List(kAnnUid)[0].time);
-  Record(kAnnUid, "gamma", 400, 2);  // the oldest goes first
-  EXPECT_EQ((std::vector<std::string>{"gamma", "alpha"}), Keywords(kAnnUid));
+  // History: a keyword searched again is refreshed, the newest kept up to
+  // the limit.
+  Record(kDaveUid, "alpha", 100);
+  Record(kDaveUid, "beta", 200);
+  Record(kDaveUid, "alpha", 300);  // searched again: moves to the front, no twin
+  EXPECT_EQ((std::vector<std::string>{"alpha", "beta"}), Keywords(kDaveUid));
+  EXPECT_EQ(300, SearchHistoryTable(DBSession::Instance()).List(kDaveUid)[0].time);
+  Record(kDaveUid, "gamma", 400, 2);  // the oldest goes first
+  EXPECT_EQ((std::vector<std::string>{"gamma", "alpha"}), Keywords(kDaveUid));
   // Within one second the later search still counts as newer.
-  Record(kAnnUid, "delta", 400, 2);
-  EXPECT_EQ((std::vector<std::string>{"delta", "gamma"}), Keywords(kAnnUid));
+  Record(kDaveUid, "delta", 400, 2);
+  EXPECT_EQ((std::vector<std::string>{"delta", "gamma"}), Keywords(kDaveUid));
   Record(kBobUid, "bob's", 50, 1);  // limits are per user
-  EXPECT_EQ((std::vector<std::string>{"delta", "gamma"}), Keywords(kAnnUid));
+  EXPECT_EQ((std::vector<std::string>{"delta", "gamma"}), Keywords(kDaveUid));
 
   // Writers in several processes at once lose nothing.
   constexpr int kWriters = 6, kEach = 25;
-  std::vector<pid_t> pids;
   for (int w = 0; w < kWriters; ++w) {
-    pids.push_back(fork());
-    if (pids.back() == 0) {
+    if (fork() == 0) {
       const bool ok = ResetCredentialsByName("KestOndri");
       for (int i = 0; ok && i < kEach; ++i) {
         Record(kBobUid, "w" + std::to_string(w) + "-" + std::to_string(i), 1000 + i, 1000);
@@ -422,11 +405,9 @@ TEST_F(FileIndexTest, HistoryRefreshesKnownKeywordsAndKeepsTheNewestUpToTheLimit
       _exit(ok ? 0 : 1);
     }
   }
-  for (pid_t pid : pids) {
-    int status = -1;
-    EXPECT_EQ(pid, waitpid(pid, &status, 0));
-    EXPECT_EQ(0, status);
-  }
+  std::vector<int> statuses;
+  EXPECT_EQ(0, ReapChildren(60000, &statuses));
+  EXPECT_EQ(std::vector<int>(kWriters, 0), statuses);
   EXPECT_EQ(static_cast<size_t>(kWriters * kEach + 1), Keywords(kBobUid).size());
 }
 

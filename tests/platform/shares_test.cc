@@ -5,6 +5,7 @@
 
 #include <algorithm>
 #include <cstring>
+#include <tuple>
 
 #include "platform/platform_test.h"
 #include "support/syslog_capture.h"
@@ -146,11 +147,7 @@ const char kMoreShares[] =
 // a share's own index language, else [global]'s.
 TEST_F(SharesTest, PrivilegesEnumerationAndLanguages) {
   WriteSharesConf(kWithSamba + kMoreShares);
-  struct Case {
-    const char* share;
-    const char* user;
-    int priv;
-  } cases[] = {
+  const std::tuple<const char*, const char*, int> cases[] = {
       {"photo", "ann", KEST_SHARE_PRIV_RW},       // no lists: everybody
       {"secret", "dave", KEST_SHARE_PRIV_RO},     // read only, no lists
       {"docs", "ann", KEST_SHARE_PRIV_RW},        // write list through @staff
@@ -172,10 +169,10 @@ TEST_F(SharesTest, PrivilegesEnumerationAndLanguages) {
       {"media", "carol", KEST_SHARE_PRIV_RW},     // write list
       {"media", "dave", KEST_SHARE_PRIV_RO},      // the lists name others; Samba's read only
   };
-  for (const auto& c : cases) {
+  for (const auto& [name, user, priv] : cases) {
     ShareHolder share;
-    ASSERT_EQ(0, KESTShareGet(c.share, &share.share)) << c.share;
-    EXPECT_EQ(c.priv, KESTShareUserPrivCalc(c.user, share.share)) << c.share << " " << c.user;
+    ASSERT_EQ(0, KESTShareGet(name, &share.share)) << name;
+    EXPECT_EQ(priv, KESTShareUserPrivCalc(user, share.share)) << name << " " << user;
   }
   PKLIBCSZLIST list = KLIBCSzListAlloc(1);
   ASSERT_EQ(8, KLIBShareEnum(&list, nullptr)) << KLIBCErrTextGet();

@@ -29,34 +29,29 @@ class SockConnectionTest : public testing::Test {
   int fds_ = 0;
 };
 
-// Replies of one or several messages, arriving in pieces that need not follow
-// the frames, the connection closed after the last step: the reader hands out
-// each message whole, in order, then fails and leaves the buffer it was given
-// as it was. A signal every 10 ms interrupts the waits of every row; the
-// calls resume. (A peer that closes at once, several messages in one reply:
-// the module's search tests. Bare descriptors: the fuzz target only.)
+// Replies in pieces that need not follow the frames, then closed: each message
+// whole, in order, then a failure that leaves the buffer as it was. A signal
+// every 10 ms interrupts every wait; the calls resume.
 TEST_F(SockConnectionTest, ReplyScripts) {
   struct Case {
     const char* what;
     DaemonReply reply;
     std::vector<std::string> messages;
   };
-  const std::string big(3u << 20, 'x');  // several reads' worth
+  // A big message is several reads' worth; a header may come in halves.
+  const std::string big(3u << 20, 'x'), zero2("\0\0", 2);
   Case cases[] = {
       {"empty frame", DaemonReply().Text(""), {""}},
       {"bytes kept", DaemonReply().Text(std::string("a\0b\xff", 4)), {{"a\0b\xff", 4}}},
       {"slow reply", DaemonReply().Pause(200).Text("late"), {"late"}},
       {"header in pieces",
-       DaemonReply().Raw(std::string("\0\0", 2)).Pause(50).Raw(std::string("\0\x02", 2) + "ok"),
+       DaemonReply().Raw(zero2).Pause(50).Raw(zero2.substr(1) + "\x02ok"),
        {"ok"}},
       {"body split after a whole message",
        DaemonReply().Raw(Frame("first") + Frame("second").substr(0, 6)).Pause(50).Raw("cond"),
        {"first", "second"}},
       {"header split after a whole message",
-       DaemonReply()
-           .Raw(Frame("one") + std::string("\0\0", 2))
-           .Pause(50)
-           .Raw(std::string("\0\3", 2) + "two"),
+       DaemonReply().Raw(Frame("one") + zero2).Pause(50).Raw(zero2.substr(1) + "\3two"),
        {"one", "two"}},
       {"large after small",
        DaemonReply().Raw(Frame("x") + Frame(big) + Frame("y")),
@@ -64,7 +59,7 @@ TEST_F(SockConnectionTest, ReplyScripts) {
       {"cut short after whole messages",
        DaemonReply().Raw(Frame("one") + Frame("two") + Frame("three").substr(0, 6)),
        {"one", "two"}},
-      {"short header", DaemonReply().Raw(std::string("\0\0", 2)), {}},
+      {"short header", DaemonReply().Raw(zero2), {}},
       {"length that lies", DaemonReply().Header(100).Raw("short"), {}},
       {"length over the cap", DaemonReply().Header((64u << 20) + 1).Raw("x"), {}},
       {"length of 4 GiB - 1", DaemonReply().Header(0xffffffffu), {}},

@@ -124,21 +124,15 @@ TEST(WebAPITest, ResponseStatesAndWireForm) {
   };
   for (const auto& c : cases) {
     APIResponse response;
-    for (const auto& call : c.calls) {
-      if (call.first == 0) {
-        response.SetSuccess(call.second);
-      } else {
-        response.SetError(call.first, call.second);
-      }
+    for (const auto& [code, value] : c.calls) {
+      code ? response.SetError(code, value) : response.SetSuccess(value);
     }
     EXPECT_EQ(c.wire, Json::toString(response.ToJson(999))) << c.wire;
     const bool success = c.wire.find("\"success\":true") != std::string::npos;
     EXPECT_EQ(!c.calls.empty() && !success, response.IsError()) << c.wire;
     EXPECT_EQ(success, response.IsSuccess()) << c.wire;
     EXPECT_EQ(c.calls.empty(), response.GetState() == APIResponse::State::kUnset) << c.wire;
-    if (response.IsError()) {
-      EXPECT_TRUE(response.GetData().isNull()) << c.wire;
-    }
+    EXPECT_TRUE(!response.IsError() || response.GetData().isNull()) << c.wire;
   }
 }
 
