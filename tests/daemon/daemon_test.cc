@@ -311,7 +311,7 @@ TEST_F(SearchDaemonTest, FragmentsMarkTheWordsAndEscapeTheRest) {
   std::string e;
   for (int i = 0; i < 60; ++i) e += "é";
   const std::tuple<std::string, const char*, Names> cases[] = {
-      {"Beta at start", "beta", {"<em>Beta</em> at start"}},
+      {"Alpha0 Zeta9 az by", "alpha0 zeta9 az", {"<em>Alpha0</em> <em>Zeta9</em> <em>az</em> by"}},
       {"two beta beta close", "BETA", {"two <em>beta</em> <em>beta</em> close"}},
       {"betamax betas", "beta*", {"<em>betamax</em> <em>betas</em>"}},
       {"alphabet", "beta", {}},
