@@ -26,13 +26,11 @@ const char kOutputPath[] = "/tmp/webapi-test/server.out";
 
 thread_local std::string client_address;
 
-// The exit status, or 128 + the signal that ended it.
 int ExitCode(int status) {
   return WIFSIGNALED(status) ? 128 + WTERMSIG(status) : WEXITSTATUS(status);
 }
 
-// Everything the server sent on a fresh connection after `bytes`, until it
-// closed the connection.
+// Everything the server sent on a fresh connection after `bytes`, until it closed it.
 std::string SendRaw(const std::string& bytes) {
   const int fd = Connect();
   if (fd < 0) return "";
@@ -86,13 +84,10 @@ HttpReply SendHttp(const HttpRequest& request) {
   if (!request.content_type.empty()) text += "Content-Type: " + request.content_type + "\r\n";
   for (const auto& [name, value] : request.headers) text += name + ": " + value + "\r\n";
   const std::string received = SendRaw(text + "\r\n" + request.body);
-  // The whole answer, sized by its Content-Length: the server closes the
-  // connection after it.
   HttpReply reply;
   const size_t end = received.find("\r\n\r\n");
-  if (end == std::string::npos || sscanf(received.c_str(), "HTTP/1.1 %d", &reply.status) != 1) {
+  if (end == std::string::npos || sscanf(received.c_str(), "HTTP/1.1 %d", &reply.status) != 1)
     return reply;
-  }
   std::istringstream head(received.substr(0, end));
   for (std::string line; std::getline(head, line);) {
     const size_t colon = line.find(':');
