@@ -42,7 +42,7 @@ int Connect();  // -1 on failure
 std::string FormEncode(const Fields& fields);
 HttpReply SendHttp(const HttpRequest& request);
 // GET of the entry point with `fields`, plus "_sid" when `sid` is not empty.
-HttpReply CallApi(const Fields& fields, const std::string& sid = "");
+HttpReply CallApi(const Fields& fields, const std::string& sid = "", const Fields& headers = {});
 
 struct LoginSession {
   std::string sid, token;

@@ -9,16 +9,13 @@
 #include <thread>
 
 #include "host/server_harness.h"
-#include "kest/json.h"
 #include "server/login_throttle.h"
-#include "support/sandbox.h"
 #include "support/syslog_capture.h"
 
 namespace kesttest {
 namespace {
 
 constexpr char kTeam[] = "/volume1/docs/team/";
-constexpr char kForm[] = "application/x-www-form-urlencoded";
 constexpr char kOddName[] = "sub/q\"uo\\te;\r\nX-Evil: 1 \xc3\xa9\xff.pdf";
 
 Fields TestCall(const std::string& method, const Fields& extra = {},
@@ -30,9 +27,8 @@ Fields TestCall(const std::string& method, const Fields& extra = {},
 
 // 0 for a success, the error code otherwise, -1 for an answer that is no JSON.
 int Code(const HttpReply& reply) {
-  return !reply.json.isObject()           ? -1
-         : reply.json["success"].asBool() ? 0
-                                          : reply.json["error"]["code"].asInt();
+  if (!reply.json.isObject()) return -1;
+  return reply.json["success"].asBool() ? 0 : reply.json["error"]["code"].asInt();
 }
 
 // After each test: no descendant left behind; on a failure, what the server said.
@@ -67,9 +63,8 @@ class ServerTest : public testing::Test {
              {"/tmp/www/js/app.js", "let a = 1;"},
              {"/tmp/secret.txt", "secret"},
              {"/tmp/outside/index.html", "secret"},
-         }) {
+         })
       WriteFile(path, text);
-    }
     WriteFile(team + "ann-only.txt", "ann", 0600);
     ASSERT_EQ(0, chown((team + "ann-only.txt").c_str(), kAnnUid, kAnnUid));
     ASSERT_EQ(0, system("cd /volume1/docs/team && ln -s /volume1/other/far.txt link.txt && "
@@ -156,27 +151,24 @@ TEST_F(ServerTest, RoutesEachCallDecodesItsParametersAndLogsWithoutSecrets) {
       const char* line :
       {R"(\dZ 127\.0\.0\.1 ann "POST /webapi/entry\.cgi" 200 \d+ KEST\.API\.Auth/login/1 ok \d+ms\n)",
        R"(\dZ 127\.0\.0\.1 ann "GET /webapi/entry\.cgi" 200 \d+ KEST\.Test\.Host/fail/1 800 \d+ms\n)",
-       R"(\dZ 127\.0\.0\.1 - "GET /a\\x22b\\x5cc" 404 \d+ - 105 \d+ms\n)"}) {
+       R"(\dZ 127\.0\.0\.1 - "GET /a\\x22b\\x5cc" 404 \d+ - 105 \d+ms\n)"})
     EXPECT_TRUE(std::regex_search(log, std::regex(line))) << line << " in " << log;
-  }
   EXPECT_EQ(log.find("hidden-query"), std::string::npos);
   EXPECT_EQ(log.find(ann_.sid), std::string::npos);
 }
 
 TEST_F(ServerTest, LoginGivesACookieAndCallsNeedALiveSessionTheCsrfTokenAndAdminsTheGroup) {
-  const HttpReply login = SendHttp(
-      {"GET", "/webapi/entry.cgi?" +
-                  FormEncode(TestCall("login", {{"account", "ann"}, {"passwd", "ann-secret"}},
-                                      "KEST.API.Auth"))});
-  const std::string sid = login.json["data"]["sid"].asString();
+  const HttpReply login =
+      CallApi(TestCall("login", {{"account", "ann"}, {"passwd", "ann-secret"}}, "KEST.API.Auth"));
+  const std::string fresh = login.json["data"]["sid"].asString();
   EXPECT_EQ(login.json["data"]["account"], "ann");
-  for (const std::string& key : {sid, login.json["data"]["csrf_token"].asString()})
+  for (const std::string& key : {fresh, login.json["data"]["csrf_token"].asString()})
     EXPECT_TRUE(std::regex_match(key, std::regex("[0-9a-f]{64}"))) << login.body;
-  EXPECT_EQ(login.header("set-cookie"), "kest_sid=" + sid + "; Path=/; HttpOnly; SameSite=Strict");
+  EXPECT_EQ(login.header("set-cookie"),
+            "kest_sid=" + fresh + "; Path=/; HttpOnly; SameSite=Strict");
   for (const std::string& sid :
-       {std::string(), std::string("nonsense"), std::string(64, '0'), ann_.token}) {
+       {std::string(), std::string("nonsense"), std::string(64, '0'), ann_.token})
     EXPECT_EQ(Code(CallApi(TestCall("echo"), sid)), 106) << sid;
-  }
   // A foreign page can make a browser send the cookie, never the header; only kest_sid counts.
   const std::string cookie = "other=1; kest_sid=" + ann_.sid;
   for (const auto& [cookies, token, code] : std::vector<std::tuple<std::string, std::string, int>>{
@@ -187,19 +179,14 @@ TEST_F(ServerTest, LoginGivesACookieAndCallsNeedALiveSessionTheCsrfTokenAndAdmin
            {cookie, ann_.token, 0},
            {"xkest_sid=" + ann_.sid + "; kest_sidx=" + ann_.sid, ann_.token, 106},
        }) {
-    const HttpReply reply = SendHttp({"GET",
-                                      "/webapi/entry.cgi?" + FormEncode(TestCall("echo")),
-                                      "",
-                                      "",
-                                      {{"Cookie", cookies}, {"X-Kest-CSRF-Token", token}}});
+    const HttpReply reply =
+        CallApi(TestCall("echo"), "", {{"Cookie", cookies}, {"X-Kest-CSRF-Token", token}});
     EXPECT_EQ(Code(reply), code) << cookies << " " << token << " -> " << reply.body;
     EXPECT_EQ(reply.json["data"]["user"], code ? Json::Value() : Json::Value("ann"));
   }
   // The administrator flag follows the group's members.
-  const std::string groups = ReadFile("/etc/group"), admins = "administrators:x:2200:carol";
-  const auto at = groups.find(admins);
-  ASSERT_NE(at, std::string::npos) << groups;
-  WriteFile("/etc/group", std::string(groups).insert(at + admins.size(), ",dave"));
+  const std::string groups = ReadFile("/etc/group");
+  WriteFile("/etc/group", std::regex_replace(groups, std::regex("administrators:.*"), "$&,dave"));
   const Json::Value data = CallApi(TestCall("echo"), dave_.sid).json["data"];
   WriteFile("/etc/group", groups);
   EXPECT_EQ(data["is_admin"], true);
@@ -214,7 +201,7 @@ TEST_F(ServerTest, BadHttpAndPathsOutOfTheStaticFolderAreRefusedClearly) {
            {{"POST", "/webapi/entry.cgi", "[1,2]", "application/json"}, 400, 105},
            {{"POST", "/webapi/entry.cgi", "{\"a\":1} trailing", "application/json"}, 400, 105},
            {{"POST", "/webapi/entry.cgi", "api=x", "text/plain"}, 415, 105},
-           {{"POST", "/webapi/entry.cgi", std::string(5000, 'a'), kForm}, 413, 109},
+           {{"POST", "/webapi/entry.cgi", std::string(5000, 'a'), "application/json"}, 413, 109},
            {{"GET", "/webapi/entry.cgi", "", "", {{"X-Big", std::string(3000, 'h')}}}, 431, 109},
            {{"PUT", "/webapi/entry.cgi"}, 405, 105},
            {{"POST", "/elsewhere"}, 404, 105},
@@ -228,20 +215,19 @@ TEST_F(ServerTest, BadHttpAndPathsOutOfTheStaticFolderAreRefusedClearly) {
   const std::string body = FormEncode(
       TestCall("fail", {{"code", "801"}, {"_sid", ann_.sid}, {"pad", std::string(2000, 'p')}}));
   const std::string head =
-      "POST /webapi/entry.cgi HTTP/1.1\r\nHost: x\r\nConnection: close\r\n"
-      "Expect: 100-continue\r\nContent-Type: " +
-      std::string(kForm) + "\r\nContent-Length: " + std::to_string(body.size()) + "\r\n\r\n";
+      "POST /webapi/entry.cgi HTTP/1.1\r\nHost: x\r\nConnection: close\r\nExpect: 100-continue\r\n"
+      "Content-Type: application/x-www-form-urlencoded\r\nContent-Length: " +
+      std::to_string(body.size()) + "\r\n\r\n";
   const int fd = Connect();
-  ASSERT_EQ(send(fd, head.data(), head.size(), MSG_NOSIGNAL), static_cast<ssize_t>(head.size()));
   char buffer[65536];
-  ssize_t n = recv(fd, buffer, sizeof(buffer), 0);
-  EXPECT_EQ(std::string(buffer, std::max<ssize_t>(n, 0)).rfind("HTTP/1.1 100 Continue", 0), 0u);
-  ASSERT_EQ(send(fd, body.data(), body.size(), MSG_NOSIGNAL), static_cast<ssize_t>(body.size()));
-  std::string answer;
-  while ((n = recv(fd, buffer, sizeof(buffer), 0)) > 0) answer.append(buffer, n);
+  send(fd, head.data(), head.size(), MSG_NOSIGNAL);
+  std::string answer(buffer, std::max<ssize_t>(recv(fd, buffer, sizeof(buffer), 0), 0));
+  send(fd, body.data(), body.size(), MSG_NOSIGNAL);
+  for (ssize_t n; (n = recv(fd, buffer, sizeof(buffer), 0)) > 0;) answer.append(buffer, n);
   close(fd);
-  EXPECT_EQ(answer.rfind("HTTP/1.1 200", 0), 0u) << answer;
-  EXPECT_NE(answer.find("{\"code\":801}"), std::string::npos);
+  EXPECT_TRUE(std::regex_search(
+      answer, std::regex(R"(^HTTP/1.1 100 Continue\r\n\r\nHTTP/1.1 200 [\s\S]*\{"code":801\})")))
+      << answer;
 
   // Static files come from their folder alone, locked down.
   for (const char* target :
@@ -253,12 +239,12 @@ TEST_F(ServerTest, BadHttpAndPathsOutOfTheStaticFolderAreRefusedClearly) {
   }
   const HttpReply page = SendHttp({"GET", "/"});
   EXPECT_EQ(SendHttp({"GET", "/", "", "", {{"If-None-Match", page.header("etag")}}}).status, 304);
-  EXPECT_EQ(page.header("cache-control"), "no-cache");
-  EXPECT_EQ(page.header("x-frame-options"), "DENY");
+  EXPECT_EQ(page.header("cache-control") + " " + page.header("x-frame-options"), "no-cache DENY");
   const std::string policy = page.header("content-security-policy");
-  EXPECT_NE(policy.find("script-src 'self';"), std::string::npos) << policy;
-  EXPECT_EQ(policy.find("unsafe-inline"), std::string::npos) << policy;
-  EXPECT_NE(policy.find("require-trusted-types-for 'script'"), std::string::npos) << policy;
+  EXPECT_TRUE(policy.find("script-src 'self';") != std::string::npos &&
+              policy.find("require-trusted-types-for 'script'") != std::string::npos &&
+              policy.find("unsafe-inline") == std::string::npos)
+      << policy;
 }
 
 TEST_F(ServerTest, DownloadsServeOnlyWhatTheUserMayReadNeverAsThePageAndInRanges) {
@@ -357,13 +343,12 @@ TEST_F(ServerScenarioTest, WorkersAnswerEachRequestAsItsUserAndLeaveNothingBehin
   // the answer socket: neither the answer nor the time-out may wait for it.
   std::vector<HttpReply> replies(200);
   std::vector<std::thread> clients;
-  for (int i = 0; i < 200; ++i) {
+  for (int i = 0; i < 200; ++i)
     clients.emplace_back([&, i] {
       replies[i] = CallApi(i % 10 ? TestCall("echo", {{"n", std::to_string(i)}})
                                   : TestCall("fork", {{"seconds", "3"}}),
                            (i % 2 ? carol : ann).sid);
     });
-  }
   for (auto& t : clients) t.join();
   std::set<int> pids;
   for (int i = 0; i < 200; ++i) {
@@ -434,7 +419,6 @@ TEST_F(ServerScenarioTest, NoClientCrowdsOutAnother) {
   for (auto& t : clients) t.join();
   EXPECT_EQ(sleepers, 0);
   EXPECT_EQ(others, 107) << "one waited in the queue, the other found it full";
-  EXPECT_EQ(Code(CallApi(TestCall("echo"), ann.sid)), 0);
 
   // Idle connections, every third with half a request: past its share an address is refused
   // at once, at the global bound the longest waiting make room, the rest go at the time-out.
@@ -489,12 +473,11 @@ TEST_F(ServerScenarioTest, FailedLoginsLockTheGuessingAddressAndIdleSessionsExpi
   // Logins still running count: of a burst of guesses, no more than the bound reach PAM.
   std::atomic<int> asked{0};
   std::vector<std::thread> burst;
-  for (int i = 0; i < 8; ++i) {
+  for (int i = 0; i < 8; ++i)
     burst.emplace_back([&] {
       SetClientAddress("127.0.0.6");
       asked += Login("carol", "wrong").reply["error"]["code"] == 112;
     });
-  }
   for (auto& t : burst) t.join();
   EXPECT_LE(asked, 3);
   // Use keeps a session alive past its idle time-out.

@@ -2,11 +2,11 @@
 #include <signal.h>
 #include <unistd.h>
 
-#include <cstdlib>
 #include <filesystem>
 #include <stdexcept>
 #include <string>
 
+#include "kest/json.h"
 #include "kest/webapi.h"
 #include "kest/webapi_module.h"
 
@@ -53,18 +53,14 @@ void Sleep(APIRequest* request, APIResponse* response) {
 
 // Like the module's after-answer child: a sleeper never waited for, holding the worker's fds.
 void Fork(APIRequest* request, APIResponse* response) {
-  if (fork() == 0) {
-    Sleep(request, response);
-    _exit(0);
-  }
+  if (fork() == 0) _exit(sleep(IntParam(request, "seconds", 1)));
   response->SetSuccess(Json::Value("forked"));
 }
 
 bool CheckX(APIRequest* request, APIResponse* response) {
   if (!request->GetAndCheckInt("x", APIRequest::PARAM_REQUIRED).IsInvalid()) return true;
-  Json::Value errors(Json::objectValue);
-  errors["name"] = "x";
-  errors["reason"] = "required";
+  Json::Value errors;
+  Json::fromString(errors, R"({"name": "x", "reason": "required"})");
   response->SetError(120, errors);
   return false;
 }
