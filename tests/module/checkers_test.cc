@@ -43,7 +43,6 @@ class TablesTest : public ::testing::Test {
       return;
     }
     EXPECT_EQ(120, response.GetErrorCode()) << what;
-    // Exactly these two members.
     const size_t space = fault.find(' ');
     EXPECT_EQ(R"({"name":")" + fault.substr(0, space) + R"(","reason":")" +
                   fault.substr(space + 1) + R"("})",

@@ -202,9 +202,8 @@ TEST_F(RequestTest, StatusWords) {
   (void)!system("rm -rf /var/packages/KestOndri /volume1/* /volume1/@kestondri /volume2/*");
   const std::string music = "[music]\npath = /volume2/music\n";
   WriteSharesConf("[photo]\npath = /volume1/photo\n[docs]\npath = /volume1/docs\n" + music);
-  for (const char* dir : {"/volume1/photo/a", "/volume1/docs/c", "/volume2/music/d"}) {
+  for (const char* dir : {"/volume1/photo/a", "/volume1/docs/c", "/volume2/music/d"})
     WriteFile(std::string(dir) + "/keep", "");
-  }
   const auto status = [](const char* word) {
     return RunAPI<kestondri::webapi::StatusGetAPI>(kAnn, Json::Value())
         .GetData()["status"][word]
