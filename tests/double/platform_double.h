@@ -1,6 +1,5 @@
-// The platform's test double: wraps some of the C library's functions, counts
-// their calls and forwards them to the real library, unless a fault was armed:
-// then the call fails as the real one fails, with the chosen platform error
+// The platform's test double: wraps some library functions, counts their calls and forwards
+// them, unless a fault was armed: then the call fails as the real one, with the chosen error
 // code. Only for what a real system cannot be made to do.
 #ifndef KEST_TESTS_DOUBLE_PLATFORM_DOUBLE_H_
 #define KEST_TESTS_DOUBLE_PLATFORM_DOUBLE_H_

@@ -14,7 +14,6 @@
 #include <thread>
 
 #include "kest/json.h"
-#include "support/sandbox.h"
 
 namespace kesttest {
 namespace {
@@ -26,22 +25,8 @@ const char kOutputPath[] = "/tmp/webapi-test/server.out";
 
 thread_local std::string client_address;
 
-// The exit status, or 128 + the signal that ended it.
 int ExitCode(int status) {
   return WIFSIGNALED(status) ? 128 + WTERMSIG(status) : WEXITSTATUS(status);
-}
-
-// Everything the server sent on a fresh connection after `bytes`, until it
-// closed the connection.
-std::string SendRaw(const std::string& bytes) {
-  const int fd = Connect();
-  if (fd < 0) return "";
-  std::string received;
-  char chunk[65536];
-  send(fd, bytes.data(), bytes.size(), MSG_NOSIGNAL);  // a blocking socket takes it all
-  for (ssize_t n; (n = recv(fd, chunk, sizeof(chunk), 0)) > 0;) received.append(chunk, n);
-  close(fd);
-  return received;
 }
 
 }  // namespace
@@ -68,13 +53,12 @@ int Connect() {
 
 std::string FormEncode(const Fields& fields) {
   std::string out;
+  const char* hex = "0123456789ABCDEF";
   for (const auto& [name, value] : fields) {
     out += (out.empty() ? "" : "&") + name + "=";
-    for (unsigned char c : value) {
-      const char* hex = "0123456789ABCDEF";
+    for (unsigned char c : value)
       out += isalnum(c) || (c && strchr("-_./", c)) ? std::string(1, c)
                                                     : std::string{'%', hex[c >> 4], hex[c & 15]};
-    }
   }
   return out;
 }
@@ -85,14 +69,19 @@ HttpReply SendHttp(const HttpRequest& request) {
                      std::to_string(request.body.size()) + "\r\n";
   if (!request.content_type.empty()) text += "Content-Type: " + request.content_type + "\r\n";
   for (const auto& [name, value] : request.headers) text += name + ": " + value + "\r\n";
-  const std::string received = SendRaw(text + "\r\n" + request.body);
-  // The whole answer, sized by its Content-Length: the server closes the
-  // connection after it.
+  text += "\r\n" + request.body;
+  // Everything the server sends on a fresh connection, until it closes it.
   HttpReply reply;
+  const int fd = Connect();
+  if (fd < 0) return reply;
+  std::string received;
+  char chunk[65536];
+  send(fd, text.data(), text.size(), MSG_NOSIGNAL);  // a blocking socket takes it all
+  for (ssize_t n; (n = recv(fd, chunk, sizeof(chunk), 0)) > 0;) received.append(chunk, n);
+  close(fd);
   const size_t end = received.find("\r\n\r\n");
-  if (end == std::string::npos || sscanf(received.c_str(), "HTTP/1.1 %d", &reply.status) != 1) {
+  if (end == std::string::npos || sscanf(received.c_str(), "HTTP/1.1 %d", &reply.status) != 1)
     return reply;
-  }
   std::istringstream head(received.substr(0, end));
   for (std::string line; std::getline(head, line);) {
     const size_t colon = line.find(':');
@@ -105,10 +94,10 @@ HttpReply SendHttp(const HttpRequest& request) {
   return reply;
 }
 
-HttpReply CallApi(const Fields& fields, const std::string& sid) {
+HttpReply CallApi(const Fields& fields, const std::string& sid, const Fields& headers) {
   Fields all = fields;
   if (!sid.empty()) all.emplace_back("_sid", sid);
-  return SendHttp({"GET", "/webapi/entry.cgi?" + FormEncode(all)});
+  return SendHttp({"GET", "/webapi/entry.cgi?" + FormEncode(all), "", "", headers});
 }
 
 LoginSession Login(const std::string& account, const std::string& password) {
@@ -174,15 +163,14 @@ int ServerProcess::OpenDescriptors() const {
 int ServerProcess::Children(bool zombies) const {
   int count = 0;
   for (const auto& entry : fs::directory_iterator("/proc")) {
-    const std::string name = entry.path().filename();
-    const std::string stat = atoi(name.c_str()) > 0 ? ReadFile(entry.path() / "stat") : "";
+    const std::string stat =
+        atoi(entry.path().filename().c_str()) > 0 ? ReadFile(entry.path() / "stat") : "";
     const auto paren = stat.rfind(')');
     char state = 0;
     pid_t parent = 0;
     if (paren != std::string::npos &&
-        sscanf(stat.c_str() + paren + 1, " %c %d", &state, &parent) == 2 && parent == pid()) {
+        sscanf(stat.c_str() + paren + 1, " %c %d", &state, &parent) == 2 && parent == pid())
       count += (state == 'Z') == zombies;
-    }
   }
   return count;
 }

@@ -42,7 +42,7 @@ int Connect();  // -1 on failure
 std::string FormEncode(const Fields& fields);
 HttpReply SendHttp(const HttpRequest& request);
 // GET of the entry point with `fields`, plus "_sid" when `sid` is not empty.
-HttpReply CallApi(const Fields& fields, const std::string& sid = "");
+HttpReply CallApi(const Fields& fields, const std::string& sid = "", const Fields& headers = {});
 
 struct LoginSession {
   std::string sid, token;
@@ -56,20 +56,17 @@ std::string TestConfig(const std::string& extra = "");
 
 bool WaitUntil(const std::function<bool()>& done, int timeout_ms = 10000);  // polls every 10 ms
 
-// The server as a child of the test, its output in a file; a test that dies
-// takes its server along.
+// The server as a child of the test, its output in a file; a test that dies takes it along.
 class ServerProcess : public ChildProcess {
  public:
   // Waits until it accepts connections; fails the test when it does not.
   void Start(const std::string& config);
-  // Runs it (as the sandbox's `user` when given) until it exits by itself,
-  // killed if it serves instead: its exit status.
+  // Runs it (as `user` when given) until it exits, killed if it serves instead: its exit status.
   int RunToExit(const std::string& config, const char* user = nullptr);
   int Stop();                  // SIGTERM, then waits; the exit status, or 128 + signal
   std::string Output() const;  // its stdout and stderr
   int OpenDescriptors() const;
-  // The server's living children, or its zombies: the server is a subreaper,
-  // so a living descendant at any depth makes a living child.
+  // Its living children (a subreaper: any living descendant), or its zombies.
   int Children(bool zombies = false) const;
   int Zombies() const { return Children(true); }
   bool WaitQuiet() const;  // until it has neither (bounded)

@@ -2,11 +2,11 @@
 #include <signal.h>
 #include <unistd.h>
 
-#include <cstdlib>
 #include <filesystem>
 #include <stdexcept>
 #include <string>
 
+#include "kest/json.h"
 #include "kest/webapi.h"
 #include "kest/webapi_module.h"
 
@@ -20,9 +20,8 @@ int IntParam(APIRequest* request, const char* name, int fallback = 0) {
   return request->GetAndCheckInt(name, APIRequest::PARAM_OPTIONAL).Get(fallback);
 }
 
-// Reports who the worker is (with "size" bytes of padding), then acts as the
-// login user the way the real module does, so that a later request would see
-// it if identity leaked.
+// Reports who the worker is (with "size" bytes of padding), then acts as the login user as
+// the real module does: a later request would see it if identity leaked.
 void Echo(APIRequest* request, APIResponse* response) {
   Json::Value data(Json::objectValue);
   data["pad"] = std::string(IntParam(request, "size"), 'x');
@@ -52,21 +51,16 @@ void Sleep(APIRequest* request, APIResponse* response) {
   response->SetSuccess(Json::Value("slept"));
 }
 
-// Like the module's after-answer child: a sleeper never waited for, holding
-// every descriptor the worker had.
+// Like the module's after-answer child: a sleeper never waited for, holding the worker's fds.
 void Fork(APIRequest* request, APIResponse* response) {
-  if (fork() == 0) {
-    Sleep(request, response);
-    _exit(0);
-  }
+  if (fork() == 0) _exit(sleep(IntParam(request, "seconds", 1)));
   response->SetSuccess(Json::Value("forked"));
 }
 
 bool CheckX(APIRequest* request, APIResponse* response) {
   if (!request->GetAndCheckInt("x", APIRequest::PARAM_REQUIRED).IsInvalid()) return true;
-  Json::Value errors(Json::objectValue);
-  errors["name"] = "x";
-  errors["reason"] = "required";
+  Json::Value errors;
+  Json::fromString(errors, R"({"name": "x", "reason": "required"})");
   response->SetError(120, errors);
   return false;
 }

@@ -1,6 +1,5 @@
-// What the module's tests share: login users, one request run through the
-// handler template as the server runs it, exact log lines, the search
-// shares, the fixture every module test starts from.
+// What the module's tests share: login users, one request run as the server runs it, exact log
+// lines, the search shares, the fixture every module test starts from.
 #ifndef KEST_TESTS_MODULE_API_RUNNER_H_
 #define KEST_TESTS_MODULE_API_RUNNER_H_
 
@@ -52,38 +51,30 @@ inline std::vector<std::string> CapturedLines() {
   return out;
 }
 
-// Runs the request under a RequestGuard; the wait statuses of the children
-// it forked go to `children`. It leaves the process acting as its login user
-// (root for an administrator), as the module does; root again on return.
-template <typename Class>
-KEST::APIResponse RunAPI(const Login& login, const Json::Value& params,
-                         std::vector<int>* children = nullptr) {
-  KEST::APIRequest request(params, login.uid, login.name, "session-" + std::string(login.name),
-                           login.admin);
-  KEST::APIResponse response;
-  {
-    FakeDaemon::WaitAllIdle();
-    RequestGuard guard;
-    if (login.admin) {
-      guard.ExpectIdentityAfter(0, 0);
-    } else {
-      guard.ExpectIdentityAfter(login.name);
-    }
-    kestondri::webapi::OndriAPIRun<Class>(&request, &response);
-    FakeDaemon::WaitAllIdle();
-    if (children) *children = guard.Finish();
-  }
-  BecomeRoot();
-  return response;
-}
-
-// The same without the guard, for a process that is killed or owns children.
+// Runs the request as the server does; it leaves the process acting as its login user, as
+// the module does. Unguarded: for a process that is killed or owns children.
 template <typename Class>
 KEST::APIResponse RunAPIUnguarded(const Login& login, const Json::Value& params) {
   KEST::APIRequest request(params, login.uid, login.name, "session-" + std::string(login.name),
                            login.admin);
   KEST::APIResponse response;
   kestondri::webapi::OndriAPIRun<Class>(&request, &response);
+  return response;
+}
+
+// The same under a RequestGuard, its children's wait statuses to `children`; root on return.
+template <typename Class>
+KEST::APIResponse RunAPI(const Login& login, const Json::Value& params,
+                         std::vector<int>* children = nullptr) {
+  KEST::APIResponse response;
+  {
+    FakeDaemon::WaitAllIdle();
+    RequestGuard guard;
+    login.admin ? guard.ExpectIdentityAfter(0, 0) : guard.ExpectIdentityAfter(login.name);
+    response = RunAPIUnguarded<Class>(login, params);
+    FakeDaemon::WaitAllIdle();
+    if (children) *children = guard.Finish();
+  }
   BecomeRoot();
   return response;
 }

@@ -1,6 +1,5 @@
-// The checkers of the module's check table, read through dlopen as the
-// server reads it, over parameter sets: the first fault is answered with 120
-// and {"name", "reason"}; good sets pass untouched.
+// The check table's checkers, read through dlopen as the server does: the first fault is 120
+// with {"name", "reason"}; good sets pass untouched.
 #include <dlfcn.h>
 #include <gtest/gtest.h>
 
@@ -44,7 +43,6 @@ class TablesTest : public ::testing::Test {
       return;
     }
     EXPECT_EQ(120, response.GetErrorCode()) << what;
-    // Exactly these two members.
     const size_t space = fault.find(' ');
     EXPECT_EQ(R"({"name":")" + fault.substr(0, space) + R"(","reason":")" +
                   fault.substr(space + 1) + R"("})",
@@ -56,9 +54,8 @@ class TablesTest : public ::testing::Test {
 };
 void* TablesTest::module_ = nullptr;
 
-// Each row's parameters: "[!]<name> <taken value>|<refused value>|...", "!"
-// when required. A row without parameters checks nothing, not even wrong
-// types that other rows know.
+// Each row's parameters: "[!]<name> <taken value>|<refused value>|...", "!" when required. A
+// row without parameters checks nothing, not even wrong types that other rows know.
 const char kFolders[] =
     R"(folder [{"path":"/a","name":"a","paused":false,"video":true,"audio":false,"photo":true,)"
     R"("document":true,"additional":{"status":"normal"}}, {"additional":{}}]|{}|["/a"]|)"
@@ -142,9 +139,8 @@ TEST_F(TablesTest, Checkers) {
   for (const auto& f : faults) Expect(f[0], ParseJson(f[1]), f[2], f[0] + std::string(" ") + f[1]);
 }
 
-// Parameters that are no object at all count as no parameters; values no
-// parser would produce but a framework may hand over are answered, never
-// crashed on.
+// Parameters that are no object count as none; values no parser would produce but a framework
+// may hand over are answered, never crashed on.
 TEST_F(TablesTest, HostileValues) {
   for (const char* text : {"null", "[{\"path\":\"/a\"}]"}) {
     Json::Value params;

@@ -1,5 +1,4 @@
-// The module's common parts on the real system: errors, the failure log,
-// JSON helpers, file, path and string utilities.
+// The module's common parts on the real system: errors, log, JSON, file, path and string helpers.
 #include <gtest/gtest.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -92,9 +91,8 @@ std::string Read(T& out, const Json::Value& object, bool required) {
   }
 }
 
-// The reader's own rules: three faults ("Not a string" for every type), an
-// optional member of the wrong type left alone, only a JSON integer as a
-// long (a uint beyond the signed range keeps its bits), any value as one.
+// The reader's own rules: three faults ("Not a string" for every type), an optional member of
+// the wrong type left alone, only an integer as a long (a big uint keeps its bits).
 TEST(JsonHelpersTest, Reads) {
   int i = 7;
   EXPECT_EQ("Not an object, data=[1]", Read(i, ParseJson("[1]"), false));
@@ -179,22 +177,18 @@ TEST_F(CommonTest, HelpersOfTheFixedInterface) {
   EXPECT_EQ(kesttest::kServiceUid, st.st_gid);
 }
 
-// Of the helpers the product calls, the rules its callers' tests do not
-// reach: a path without '/', and hostile path references.
+// Of the helpers the product calls, what its callers' tests miss: no '/', hostile references.
 TEST_F(CommonTest, PathsAndStrings) {
   for (const auto& c : std::vector<std::pair<const char*, const char*>>{
-           {"/a/b/c.txt", "/a/b"}, {"file", "file"}, {"/file", ""}, {"/a/b/", "/a/b"}}) {
+           {"/a/b/c.txt", "/a/b"}, {"file", "file"}, {"/file", ""}, {"/a/b/", "/a/b"}})
     EXPECT_EQ(c.second, Dirname(c.first)) << c.first;  // no '/': the whole path, not "."
-  }
-  // A path that is not UTF-8 travels as a reference to its bytes; anything
-  // that is no whole reference is a path as it is.
+  // A path that is not UTF-8 travels as a reference to its bytes; the rest is a path as it is.
   EXPECT_EQ("hex:2f61ff0a", PathRef("/a\xff\n"));
   EXPECT_EQ("/a\xff\n", PathFromParam(PathRef("/a\xff\n")));
   EXPECT_EQ("", PathFromParam("hex:"));
   for (const std::string& param : std::vector<std::string>{
-           "hex:2f6", "hex:2z", "hex:z2", "/volume1/x", "he:2f", std::string("hex:2\0", 6)}) {
+           "hex:2f6", "hex:2z", "hex:z2", "/volume1/x", "he:2f", std::string("hex:2\0", 6)})
     EXPECT_EQ(param, PathFromParam(param));
-  }
 }
 
 }  // namespace

@@ -1,5 +1,4 @@
-// One request's life on the real system: the login user's identity, the
-// handler template's phases and answers, forked tasks; the status words.
+// One request's life on the real system: identity, phases and answers, forked tasks, status.
 #include <gtest/gtest.h>
 #include <signal.h>
 #include <unistd.h>
@@ -77,12 +76,10 @@ class PhaseAPI : public OndriAPI {
 
 class RequestTest : public ModuleTest {};
 
-// The object acts as the login user (root for an administrator) from its
-// construction; phases, answer, then one forked child runs PostActions as the
-// user with default signal handling. What a phase throws is answered with its
-// code alone (the rest skipped) and logged once the object is gone, hence as
-// the login user; a login user that cannot be acted as is 503. A forked task
-// leaves with _exit: no exit handlers, no second flush of the parent's output.
+// The object acts as the login user (root for an administrator) from its construction; one
+// forked child runs PostActions as the user with default signals. A phase's throw is answered
+// with its code alone and logged once the object is gone, as the user; an unknown user is 503.
+// A forked task leaves with _exit: no exit handlers, no second flush of the parent's output.
 TEST_F(RequestTest, OneRequest) {
   const struct {
     Login login;
@@ -197,18 +194,16 @@ TEST_F(RequestTest, OneRequest) {
   EXPECT_EQ(0, access(kPostActionsFile, F_OK));
 }
 
-// The status words on the real indexing library and queue files (the
-// Folder methods are the end-to-end tests'): "processing" while a queue (or
-// its twin) waits in a share that can be indexed, "paused" instead while
-// paused (0: until resumed); a vanished share is logged and skipped.
+// The status words on the real indexing library and queue files: "processing" while a queue
+// (or its twin) waits in an indexable share, "paused" instead while paused (0: until resumed);
+// a vanished share is logged and skipped.
 TEST_F(RequestTest, StatusWords) {
   using kestondri::webapi::StatusPauseAPI;
   (void)!system("rm -rf /var/packages/KestOndri /volume1/* /volume1/@kestondri /volume2/*");
   const std::string music = "[music]\npath = /volume2/music\n";
   WriteSharesConf("[photo]\npath = /volume1/photo\n[docs]\npath = /volume1/docs\n" + music);
-  for (const char* dir : {"/volume1/photo/a", "/volume1/docs/c", "/volume2/music/d"}) {
+  for (const char* dir : {"/volume1/photo/a", "/volume1/docs/c", "/volume2/music/d"})
     WriteFile(std::string(dir) + "/keep", "");
-  }
   const auto status = [](const char* word) {
     return RunAPI<kestondri::webapi::StatusGetAPI>(kAnn, Json::Value())
         .GetData()["status"][word]

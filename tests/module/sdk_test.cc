@@ -1,11 +1,10 @@
-// The module's platform access layer (common/sdk: credentials, forked tasks,
-// shares, share paths, users) and its permission checks on the real
-// platform, with the test double where the platform cannot be made to fail
-// and to count what is asked of it.
+// The module's platform layer (common/sdk) and permission checks on the real platform; the
+// double where the platform cannot be made to fail or to count what is asked of it.
 #include <gtest/gtest.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <functional>
 #include <memory>
@@ -54,9 +53,8 @@ class SDKTest : public ModuleTest {
   }
 };
 
-// A named guard acts as its user (root for an administrator) and re-applies
-// the user's own account if the identity changed inside; a default guard
-// puts back the identity it found. Neither switches when nothing changed.
+// A named guard acts as its user (root for an administrator), re-applied if changed inside; a
+// default guard puts back what it found. Neither switches when nothing changed.
 TEST_F(SDKTest, CredentialsGuard) {
   const struct {
     const char* outer;    // the identity the guard starts from
@@ -96,8 +94,7 @@ TEST_F(SDKTest, CredentialsGuard) {
   BecomeRoot();
   EXPECT_TRUE(CapturedLines().empty());
 
-  // A failed switch back throws, unless the scope is already unwinding
-  // (that would terminate): then it is logged only.
+  // A failed switch back throws, unless already unwinding (that would terminate): logged only.
   for (const bool unwinding : {false, true}) {
     BecomeRoot();
     SyslogCapture::Instance().Clear();
@@ -132,9 +129,8 @@ TEST_F(SDKTest, FailedFork) {
             CapturedLines());
 }
 
-// Hits gain the path in their share (one's own home as /home), readability,
-// the owner's name (looked up once per uid, the login user seeded; blank
-// when the lookup fails), the mount flag. An unknown login user is 801.
+// Hits gain the share path (one's own home as /home), readability, the owner's name (looked up
+// once per uid, blank when that fails), the mount flag. An unknown login user is 801.
 TEST_F(SDKTest, SearchHits) {
   MakeSearchShares();
   DaemonReply page;
@@ -150,9 +146,8 @@ TEST_F(SDKTest, SearchHits) {
         R"({"KESTMDPath": "/volume1", "KESTMDOwnerUserID": "0"})", R"({"KESTMDFSName": "b"})",
         "{\"KESTMDPath\": \"/volume1/docs/\xff\"}",  // not UTF-8
         R"({"KESTMDPath": "/volume1/homes/bob/x"})", R"({"KESTMDPath": "/volume1/homes/ann2/x"})",
-        R"({"success": true})"}) {
+        R"({"success": true})"})
     page.Text(hit);
-  }
   const auto search = [&page] {
     FakeDaemon daemon;
     daemon.On("search", page);
@@ -297,19 +292,17 @@ TEST_F(SDKTest, FailuresThrowWithTheirTexts) {
   EXPECT_FALSE(photo.IsHideUnReadable());
 }
 
-// CheckList and CheckRead against a model over random shares, modes, ACLs
-// and homes, from the platform's permission words and share privileges:
-//   list: no FTP "disable list", parent readable and searchable, the path
-//     readable if the share hides unreadable entries; in "homes" the home test.
-//   read: the path readable; outside "homes" no FTP "disable download" and
-//     some share privilege; in "homes" the home test: inside the user's own
-//     home folder (any path without the home service), or some privilege.
+// CheckList and CheckRead against a model over random shares, modes, ACLs and homes:
+//   list: no FTP "disable list", parent readable and searchable, the path readable if the
+//     share hides unreadable entries; in "homes" the home test.
+//   read: the path readable; outside "homes" no FTP "disable download" and some share
+//     privilege; in "homes" the home test: inside one's own home (any, without the home
+//     service), or some privilege.
 class PermissionModelTest : public ::testing::Test {
  protected:
   void TearDown() override { kesttest::BecomeRoot(); }
 
-  // The word of the path alone (acl_test holds it against the kernel on
-  // items whose folders above are searchable).
+  // The word of the path alone (acl_test holds it against the kernel).
   int Kernel(const std::string& user, const std::string& path) {
     int perm = 0;
     EXPECT_EQ(0, KESTACLPermCalc(user.c_str(), nullptr, path.c_str(), &perm)) << path;
@@ -323,9 +316,8 @@ class PermissionModelTest : public ::testing::Test {
     std::string out;
     for (const char* key : keys) {
       out += std::string(key) + " =";
-      for (const char* n : {"ann", "bob", "carol", "dave", "@staff", "@administrators"}) {
+      for (const char* n : {"ann", "bob", "carol", "dave", "@staff", "@administrators"})
         if (rng_() % 5 == 0) out += std::string(" ") + n;
-      }
       out += "\n";
     }
     return out;
@@ -342,9 +334,8 @@ TEST_F(PermissionModelTest, ChecksMatchTheModel) {
     std::string conf =
         std::string("[global]\nuser home = ") + (user_home ? "yes" : "no") +
         "\n[photo]\npath = /volume1/photo\nhide unreadable = " + (hide ? "yes" : "no") + "\n";
-    for (int bit = 0; bit < 3; ++bit) {
+    for (int bit = 0; bit < 3; ++bit)
       if (ftp >> bit & 1) conf += std::string("ftp disable ") + kFtp[bit] + " = yes\n";
-    }
     conf += RandomLists({"read list", "write list", "invalid users"}) +
             "[homes]\npath = /volume1/homes\n" + RandomLists({"read list", "invalid users"});
     WriteSharesConf(conf);
@@ -392,12 +383,8 @@ TEST_F(PermissionModelTest, ChecksMatchTheModel) {
       }
     }
   }
-  EXPECT_EQ(40 * 4 * 9, outcomes[0][0] + outcomes[0][1]);
   // The random set-ups must reach both answers of both checks often.
-  for (auto& check : outcomes) {
-    EXPECT_GT(check[0], 100);
-    EXPECT_GT(check[1], 100);
-  }
+  for (auto& check : outcomes) EXPECT_GT(std::min(check[0], check[1]), 100);
 }
 
 }  // namespace
