@@ -161,18 +161,7 @@ int ServerProcess::OpenDescriptors() const {
 }
 
 int ServerProcess::Children(bool zombies) const {
-  int count = 0;
-  for (const auto& entry : fs::directory_iterator("/proc")) {
-    const std::string stat =
-        atoi(entry.path().filename().c_str()) > 0 ? ReadFile(entry.path() / "stat") : "";
-    const auto paren = stat.rfind(')');
-    char state = 0;
-    pid_t parent = 0;
-    if (paren != std::string::npos &&
-        sscanf(stat.c_str() + paren + 1, " %c %d", &state, &parent) == 2 && parent == pid())
-      count += (state == 'Z') == zombies;
-  }
-  return count;
+  return static_cast<int>(ChildrenOf(pid(), zombies).size());
 }
 
 bool ServerProcess::WaitQuiet() const {

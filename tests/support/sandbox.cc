@@ -309,9 +309,8 @@ int OpenFdCount() {
   return count - 1;  // the directory's own descriptor
 }
 
-std::vector<pid_t> LiveChildren() {
+std::vector<pid_t> ChildrenOf(pid_t parent, bool zombies) {
   std::vector<pid_t> children;
-  const pid_t self = getpid();
   DIR* dir = opendir("/proc");
   if (!dir) return children;
   while (struct dirent* entry = readdir(dir)) {
@@ -323,11 +322,13 @@ std::vector<pid_t> LiveChildren() {
     char state = 0;
     int ppid = 0;
     if (sscanf(stat.c_str() + close_paren + 1, " %c %d", &state, &ppid) != 2) continue;
-    if (ppid == self && state != 'Z') children.push_back(pid);
+    if (ppid == parent && (state == 'Z') == zombies) children.push_back(pid);
   }
   closedir(dir);
   return children;
 }
+
+std::vector<pid_t> LiveChildren() { return ChildrenOf(getpid()); }
 
 int ReapChildren(int timeout_ms, std::vector<int>* statuses) {
   const auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(timeout_ms);

@@ -61,6 +61,9 @@ Json::Value ParseJson(const std::string& text);
 
 // Number of open descriptors of this process.
 int OpenFdCount();
+// The pids of `parent`'s living children, or with `zombies` of those that
+// ended and wait to be reaped.
+std::vector<pid_t> ChildrenOf(pid_t parent, bool zombies = false);
 // The pids of this process's living (non-zombie) children.
 std::vector<pid_t> LiveChildren();
 // Reaps every exited child; waits up to `timeout_ms` for children still
