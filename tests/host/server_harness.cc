@@ -8,9 +8,9 @@
 #include <unistd.h>
 
 #include <boost/algorithm/string.hpp>
+#include <boost/beast/http.hpp>
 #include <chrono>
 #include <filesystem>
-#include <sstream>
 #include <thread>
 
 #include "kest/json.h"
@@ -19,6 +19,7 @@ namespace kesttest {
 namespace {
 
 namespace fs = std::filesystem;
+namespace http = boost::beast::http;
 
 const char kConfigPath[] = "/tmp/webapi-test/server.conf";
 const char kOutputPath[] = "/tmp/webapi-test/server.out";
@@ -79,17 +80,21 @@ HttpReply SendHttp(const HttpRequest& request) {
   send(fd, text.data(), text.size(), MSG_NOSIGNAL);  // a blocking socket takes it all
   for (ssize_t n; (n = recv(fd, chunk, sizeof(chunk), 0)) > 0;) received.append(chunk, n);
   close(fd);
-  const size_t end = received.find("\r\n\r\n");
-  if (end == std::string::npos || sscanf(received.c_str(), "HTTP/1.1 %d", &reply.status) != 1)
-    return reply;
-  std::istringstream head(received.substr(0, end));
-  for (std::string line; std::getline(head, line);) {
-    const size_t colon = line.find(':');
-    if (colon == std::string::npos) continue;
-    reply.headers[boost::algorithm::to_lower_copy(line.substr(0, colon))] =
-        boost::algorithm::trim_copy(line.substr(colon + 1));
-  }
-  reply.body = received.substr(end + 4);
+  // Beast's parser, not a hand-written one: an answer whose framing is wrong
+  // (a length that does not match its body, a broken header) stays unparsed.
+  http::response_parser<http::string_body> parser;
+  parser.eager(true);
+  parser.body_limit(1u << 30);
+  boost::beast::error_code ec;
+  for (size_t used = 0; !ec && !parser.is_done() && used < received.size();)
+    used += parser.put(boost::asio::buffer(received.data() + used, received.size() - used), ec);
+  if (!parser.is_done()) parser.put_eof(ec);
+  if (!parser.is_done()) return reply;
+  reply.status = static_cast<int>(parser.get().result_int());
+  reply.body = parser.get().body();
+  for (const auto& field : parser.get())
+    reply.headers[boost::algorithm::to_lower_copy(std::string(field.name_string()))] =
+        std::string(field.value());
   if (!Json::fromString(reply.json, reply.body)) reply.json = Json::Value();
   return reply;
 }
